@@ -47,6 +47,10 @@ class Record {
   requires requires(const P& p) { static_cast<ITracer*>(p.get()); }
   Record(const P& tracer, std::uint32_t level) noexcept
       : Record(static_cast<ITracer*>(tracer.get()), level) {}
+  // The record does not keep the tracer alive: a temporary pointer would leave it without one.
+  template <class P>
+  requires requires(P& p) { static_cast<ITracer*>(p.get()); }
+  Record(const P&& tracer, std::uint32_t level) = delete;
   ~Record();
   Record(const Record&) = delete;
   Record& operator=(const Record&) = delete;

@@ -1,0 +1,236 @@
+#include "zym/trace.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/fake_services.h"
+#include "zym/prefix_tracer.h"
+
+namespace zym {
+namespace {
+
+using test_support::RecordingTracer;
+
+class TraceTest : public testing::Test {
+ protected:
+  ~TraceTest() override {
+    EXPECT_EQ(m_tracer->OpenRecords(), 0U) << "each record that was opened is committed";
+  }
+
+  std::string Last() const { return m_tracer->Records().back().text; }
+
+  intrusive_ptr<RecordingTracer> m_tracer = CreateObject<RecordingTracer>();
+};
+
+TEST_F(TraceTest, WritesTextsAndNumbers) {
+  ZYM_TRACE(m_tracer, trace::kCall,
+            "n=" << 7 << " u=" << ~0ULL << " i=" << -1 << " b=" << true << " c=" << 'x'
+                 << " w=" << std::u16string_view(u"caf\u00e9 \U0001F600") << " h=" << trace::hex << 255
+                 << trace::dec << " d=" << 255 << " f=" << 0.5 << " z=" << trace::Width{4, '0'} << 7);
+  EXPECT_EQ(Last(),
+            "n=7 u=18446744073709551615 i=-1 b=true c=x w=caf\u00e9 \U0001F600 h=ff d=255 f=0.5 z=0007");
+}
+
+TEST_F(TraceTest, AUtf16TextWithALoneSurrogateIsTracedWithAReplacement) {
+  const char16_t lone[] = {u'a', 0xd800, u'b'};
+  ZYM_TRACE(m_tracer, trace::kCall, std::u16string_view(lone, 3));
+  EXPECT_EQ(Last(), "a\uFFFDb");
+}
+
+TEST_F(TraceTest, ACodeHasEightDigitsAndItsText) {
+  ZYM_TRACE(m_tracer, trace::kCall,
+            trace::Code{ZYM_E_INVALID_ARGUMENT} << ", " << trace::Code{detail::Code(0x80060002)});
+  EXPECT_EQ(Last(), "0x80000046 (Invalid argument), 0x80060002");
+  ZYM_TRACE(m_tracer, trace::kCall, trace::Code{0} << " " << 10);
+  EXPECT_EQ(Last(), "0x00000000 (No error) 10");
+}
+
+TEST_F(TraceTest, ARefusedRecordEvaluatesAndFormatsNothing) {
+  m_tracer->RefuseRecords(ZYM_E_NOT_MATCHED);
+  int evaluations = 0;
+  ZYM_TRACE(m_tracer, trace::kCall, ++evaluations);
+  EXPECT_EQ(evaluations, 0);
+  EXPECT_EQ(m_tracer->OpenCalls(), 1U);
+  EXPECT_TRUE(m_tracer->Records().empty());
+}
+
+TEST_F(TraceTest, WithoutATracerNothingHappens) {
+  ITracer* const none = nullptr;
+  int evaluations = 0;
+  ZYM_TRACE(none, trace::kFailure, ++evaluations);
+  EXPECT_EQ(evaluations, 0);
+}
+
+TEST_F(TraceTest, AMessageBeyondTheFirstBufferReachesATracerThatGrows) {
+  const std::string text(5000, 'x');
+  ZYM_TRACE(m_tracer, trace::kCall, "head " << text << " tail");
+  EXPECT_EQ(Last(), "head " + text + " tail");
+}
+
+TEST_F(TraceTest, AMessageOfExactlyTheFirstBufferDoesNotGrow) {
+  m_tracer->RefuseGrowth(true);
+  const std::string text(trace::kInitialRecordSize, 'x');
+  ZYM_TRACE(m_tracer, trace::kCall, text);
+  EXPECT_EQ(Last(), text);
+}
+
+TEST_F(TraceTest, AMessageBeyondTheFirstBufferIsCommittedEmptyWhenGrowthIsRefused) {
+  m_tracer->RefuseGrowth(true);
+  ZYM_TRACE(m_tracer, trace::kCall, std::string(trace::kInitialRecordSize + 1, 'x') << " tail");
+  ASSERT_EQ(m_tracer->Records().size(), 1U);
+  EXPECT_EQ(Last(), "");
+}
+
+result_t CheckedResult(ITracer* tracer, result_t value) {
+  ZYM_CHECK_RESULT(tracer, value, "Cannot do it for pid: " << 5);
+  return ZYM_FALSE;
+}
+
+TEST_F(TraceTest, AFailedResultCheckPrintsItsExpressionAndReturnsTheCode) {
+  EXPECT_EQ(CheckedResult(m_tracer.get(), ZYM_OK), ZYM_FALSE);
+  EXPECT_TRUE(m_tracer->Records().empty());
+  EXPECT_EQ(CheckedResult(m_tracer.get(), ZYM_E_NOT_FOUND), ZYM_E_NOT_FOUND);
+  EXPECT_TRUE(m_tracer->Has(trace::kFailure,
+                            "(value),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000004c (Not found) "
+                            "Cannot do it for pid: 5"))
+      << Last();
+  EXPECT_EQ(Last().rfind("tests/zym/trace_test.cpp:", 0), 0U)
+      << "the path starts at the project's root: " << Last();
+}
+
+result_t CheckedCondition(ITracer* tracer, bool dir) {
+  ZYM_CHECK(tracer, dir, ZYM_E_UNSPECIFIED,
+            "Cannot open "
+                << "/proc");
+  return ZYM_OK;
+}
+
+TEST_F(TraceTest, AFailedConditionPrintsItsExpressionAndReturnsTheValue) {
+  EXPECT_EQ(CheckedCondition(m_tracer.get(), true), ZYM_OK);
+  EXPECT_EQ(CheckedCondition(m_tracer.get(), false), ZYM_E_UNSPECIFIED);
+  EXPECT_TRUE(m_tracer->Has(trace::kFailure, "(dir),(bool) failed: result = false Cannot open /proc"))
+      << Last();
+}
+
+result_t Reports(ITracer* tracer, result_t value) {
+  return ZYM_REPORT_RESULT(tracer, value, "Cannot stop it");
+}
+
+TEST_F(TraceTest, AReportedFailureNamesTheFunctionAndGoesOn) {
+  EXPECT_EQ(Reports(m_tracer.get(), ZYM_FALSE), ZYM_FALSE);
+  EXPECT_TRUE(m_tracer->Records().empty());
+  EXPECT_EQ(Reports(m_tracer.get(), ZYM_E_NOT_FOUND), ZYM_E_NOT_FOUND);
+  EXPECT_EQ(Last(), "Reports: '(value)=0x8000004c (Not found)' Cannot stop it");
+}
+
+TEST_F(TraceTest, AThrowingCheckCarriesTheCodeAndTheMessage) {
+  try {
+    ZYM_CHECK_RESULT_OR_THROW(ZYM_E_NOT_FOUND, "Cannot get it");
+    FAIL();
+  } catch (const CheckResultFailedException& e) {
+    EXPECT_EQ(e.Result(), ZYM_E_NOT_FOUND);
+    EXPECT_EQ(e.Message(), u"Expression failed. Cannot get it: 0x8000004c (Not found)");
+  }
+  EXPECT_THROW(ZYM_CHECK_OR_THROW(1 == 2, "no"), CheckFailedException);
+}
+
+// --- prefixes ---------------------------------------------------------------------------------------------
+
+TEST_F(TraceTest, APrefixStandsBeforeEachRecord) {
+  const auto prefixed = trace::WithPrefix(m_tracer, "NetlinkInterceptor");
+  ZYM_TRACE(prefixed, trace::kCall, "Start() ");
+  EXPECT_EQ(Last(), "NetlinkInterceptor::Start() ");
+}
+
+TEST_F(TraceTest, TwoNamePartsMakeOnePrefixAndEmptyOnesAreSkipped) {
+  const auto both = trace::WithPrefix(m_tracer, "A", "B");
+  ZYM_TRACE(both, trace::kCall, "x");
+  EXPECT_EQ(Last(), "A::B::x");
+  const auto second = trace::WithPrefix(m_tracer, "", "B");
+  ZYM_TRACE(second, trace::kCall, "x");
+  EXPECT_EQ(Last(), "B::x");
+}
+
+TEST_F(TraceTest, APrefixReplacesThatOfTheComponentThatHandedTheTracer) {
+  const auto outer = trace::WithPrefix(m_tracer, "Outer");
+  const auto inner = trace::WithPrefix(outer, "Inner");
+  ZYM_TRACE(inner, trace::kCall, "x");
+  EXPECT_EQ(Last(), "Inner::x");
+}
+
+// A prefix of the host's own making.
+class HostPrefix : public object::Ifaces<ITracer, trace::IPrefixTracer> {
+ public:
+  explicit HostPrefix(intrusive_ptr<ITracer> inner) : m_inner(std::move(inner)) {}
+  result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
+    return m_inner->GetRecord(level, buffer, size);
+  }
+  void CommitRecord(void* buffer, std::uint64_t length) override {
+    ++commits;
+    m_inner->CommitRecord(buffer, length);
+  }
+  types::string_t GetPrefix() override { return types::string_t("[host]"); }
+  ITracer* GetTracer() override { return m_inner.get(); }
+  int commits = 0;
+
+ private:
+  intrusive_ptr<ITracer> m_inner;
+};
+
+TEST_F(TraceTest, APrefixWithoutColonsStaysInTheChain) {
+  const auto host = CreateObject<HostPrefix>(m_tracer);
+  const auto inner = trace::WithPrefix(host, "Inner");
+  ZYM_TRACE(inner, trace::kCall, "x");
+  EXPECT_EQ(host->commits, 1);
+}
+
+TEST_F(TraceTest, ALevelAboveTheCeilingCostsNoCallToTheInnerTracer) {
+  m_tracer->SetCeiling(800);
+  const auto prefixed = trace::WithPrefix(m_tracer, "A");
+  void* buffer = nullptr;
+  EXPECT_EQ(prefixed->GetRecord(801, &buffer, 512), ZYM_E_NOT_MATCHED);
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(m_tracer->OpenCalls(), 0U);
+}
+
+TEST_F(TraceTest, AChangeOfTheCeilingTakesEffectWithTheNextRecord) {
+  const auto prefixed = trace::WithPrefix(m_tracer, "A");
+  m_tracer->SetCeiling(trace::kFailure);
+  ZYM_TRACE(prefixed, trace::kCall, "held back");
+  m_tracer->SetCeiling(trace::kCall);
+  ZYM_TRACE(prefixed, trace::kCall, "told");
+  ASSERT_EQ(m_tracer->Records().size(), 1U);
+  EXPECT_EQ(Last(), "A::told");
+}
+
+TEST_F(TraceTest, ALongMessageKeepsItsPrefixThroughGrowth) {
+  const std::string text(3000, 'y');
+  const auto prefixed = trace::WithPrefix(m_tracer, "A");
+  ZYM_TRACE(prefixed, trace::kCall, text);
+  EXPECT_EQ(Last(), "A::" + text);
+}
+
+TEST_F(TraceTest, ATracerThatFailsToGrowUnderAPrefixGetsThePrefixAlone) {
+  m_tracer->RefuseGrowth(true);
+  const auto prefixed = trace::WithPrefix(m_tracer, "A");
+  ZYM_TRACE(prefixed, trace::kCall, std::string(3000, 'y'));
+  EXPECT_EQ(Last(), "A::");
+}
+
+TEST_F(TraceTest, APrefixTracerAnswersItsThreeInterfacesAndCounts) {
+  const std::int32_t before = ModuleObjectCounter::Value();
+  {
+    const auto prefixed = trace::WithPrefix(m_tracer, "A");
+    EXPECT_EQ(ModuleObjectCounter::Value(), before + 1);
+    for (const iid_t iid : {0U, 0x6ef3329bU, 0xce153b3bU}) {
+      void* found = nullptr;
+      EXPECT_EQ(prefixed->QueryInterface(iid, &found), ZYM_OK);
+      static_cast<IObject*>(found)->Release();
+    }
+  }
+  EXPECT_EQ(ModuleObjectCounter::Value(), before);
+}
+
+}  // namespace
+}  // namespace zym
