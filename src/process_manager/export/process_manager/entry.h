@@ -1,0 +1,57 @@
+// The three functions that the module exports, and the classes that can be asked of it.
+//
+// Load the module with dlopen, find the entries with dlsym, and give them a locator that offers your services
+// (host_services.h). All three may be called from any thread and never let an exception out.
+#pragma once
+
+#include <cstdint>
+
+#include "process_manager/settings.h"
+#include "zym/iobject.h"
+#include "zym/tracer.h"
+
+namespace qor::class_ids {
+
+// For zymGetObjectFactory.
+inline constexpr std::uint32_t kTypeDescriptorStaticRegistry = 0x272f5652;  // IMetaInfoProvider
+inline constexpr std::uint32_t kProcParser = 0x9faa28c0;                    // procfs::IParser
+inline constexpr std::uint32_t kLocalProcParser = 0xfc6a6123;               // procfs::IParser
+
+// For zymCreateObject.
+inline constexpr std::uint32_t kInterceptor = 0x15aee499;                      // CreationRecord
+inline constexpr std::uint32_t kInterceptorSettingsSubscription = 0xf2c28292;  // SettingsCreationRecord
+inline constexpr std::uint32_t kProcessCache = 0x034b5e94;                     // CreationRecord
+
+// Not a class: both entries terminate the process when they are asked for it.
+inline constexpr std::uint32_t kTripWire = 0xbad1bad1;
+
+}  // namespace qor::class_ids
+
+extern "C" {
+
+// What zymCreateObject makes an object from. The locator stands first in the record of every class.
+struct CreationRecord {
+  zym::IServiceLocator* locator;
+};
+
+// For InterceptorSettingsSubscription. It needs a tracer and nothing else of a host: `tracer`, if it is not
+// null, else the locator's. `settings` is the value to begin with; null stands for the default.
+struct SettingsCreationRecord {
+  CreationRecord base;
+  zym::ITracer* tracer;
+  const qor::process_manager::InterceptorSettings* settings;
+};
+
+// Gives a factory of the class, with one reference. An unknown class writes null to `factory` and returns
+// ZYM_E_NOT_IMPLEMENTED.
+zym::result_t zymGetObjectFactory(zym::IServiceLocator* locator, std::uint32_t classId,
+                                  zym::IObjectFactory** factory);
+
+// Makes an object of the class, with one reference. An unknown class returns ZYM_E_CLASS_NOT_FOUND; a
+// constructor that fails returns its code. On failure `object` is left as it was.
+zym::result_t zymCreateObject(std::uint32_t classId, const CreationRecord* record, zym::IObject** object);
+
+// ZYM_OK: no object of the module is alive, so it may be unloaded. ZYM_FALSE: one is.
+zym::result_t zymCanUnloadModule();
+
+}  // extern "C"

@@ -1,0 +1,108 @@
+// The one object through which a host reaches all event sources (class id class_ids::kInterceptor).
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "process_manager/event_processing.h"
+#include "zym/containers.h"
+#include "zym/iobject.h"
+
+namespace system_interceptors::interceptor_facade {
+
+// What a filter selects. Only the type is read by the module; the rest is kept for the host.
+struct FilterDescriptor {
+  std::uint32_t type = 0;  // event_type
+  std::array<std::uint8_t, 92> reserved{};
+};
+static_assert(sizeof(FilterDescriptor) == 96);
+
+using FilterIds = zym::types::range_t<unsigned int*>;
+
+// Any thread; one operation runs at a time. A source runs while at least one of its filters is enabled and
+// has a handler. Ids that a table doesn't hold are no error in a list of ids.
+struct IInterceptor : zym::IObject {
+  static constexpr zym::iid_t kIid = 0xde7726f2;
+
+  // Not implemented yet: ZYM_E_NOT_IMPLEMENTED.
+  virtual zym::result_t GetOfflineLog() = 0;
+
+  // `id` is written before anything else, and is consumed even if the registration fails. A handler may be
+  // null; the filter is inert then. `timeout` and `flags` are stored and not read by the module.
+  // ZYM_E_NOT_SUPPORTED: there are no such filters for this type of event.
+  virtual zym::result_t RegisterBlockingFilterAttachHandler(const FilterDescriptor& descriptor, bool enabled,
+                                                            std::uint32_t flags, std::uint32_t timeout,
+                                                            event_processing::IBlockingEventHandler* handler,
+                                                            std::uint32_t* id) = 0;
+  virtual zym::result_t RegisterNonBlockingFilterAttachHandler(
+      const FilterDescriptor& descriptor, bool enabled, std::uint32_t flags,
+      event_processing::INonBlockingEventHandler* handler, std::uint32_t* id) = 0;
+  // A non-blocking filter without a handler.
+  virtual zym::result_t RegisterFilter(const FilterDescriptor& descriptor, bool enabled, std::uint32_t flags,
+                                       std::uint32_t* id) = 0;
+
+  // These go through the sources' tables in a fixed order and stop at the first failure, with the tables
+  // before it changed. Deleting, disabling and detaching wait until no handler of the filters runs.
+  virtual zym::result_t DeleteFilters(FilterIds ids) = 0;
+  virtual zym::result_t EnableFilters(FilterIds ids) = 0;
+  virtual zym::result_t DisableFilters(FilterIds ids) = 0;
+
+  // Does nothing and returns ZYM_OK.
+  virtual zym::result_t ReservedOperation() = 0;
+
+ protected:
+  ~IInterceptor() = default;
+};
+
+// On the same pointer as IInterceptor, whose operations it continues.
+struct IInterceptor2 : IInterceptor {
+  static constexpr zym::iid_t kIid = 0x49b85a1b;
+
+  // Non-blocking filters only: the handler of a blocking filter is given at its registration and stays. For
+  // the id of one, nothing changes and the result is ZYM_OK.
+  virtual zym::result_t AttachHandler(std::uint32_t id,
+                                      event_processing::INonBlockingEventHandler* handler) = 0;
+  virtual zym::result_t DetachHandler(std::uint32_t id) = 0;
+
+  virtual zym::result_t EnableDisableFilters(FilterIds toEnable, FilterIds toDisable) = 0;
+
+  // ZYM_E_NOT_FOUND: no table holds the id.
+  virtual zym::result_t GetFilterStatus(std::uint32_t id, bool* enabled) = 0;
+
+ protected:
+  ~IInterceptor2() = default;
+};
+
+}  // namespace system_interceptors::interceptor_facade
+
+namespace qor::process_manager {
+
+// Bits of the non-blocking interceptor's type.
+namespace non_blocking_type {
+inline constexpr std::uint32_t kNetlink = 1;          // the kernel's proc connector; needs CAP_NET_ADMIN
+inline constexpr std::uint32_t kKprobes = 2;          // the host's exec listener
+inline constexpr std::uint32_t kFullProcessInfo = 4;  // credentials and environments with each exec
+inline constexpr std::uint32_t kConsoleInput = 8;     // named in the trace; it starts nothing here
+}  // namespace non_blocking_type
+
+// Turns the sources on and off, apart from their filters. Any thread; one operation runs at a time. Enabling
+// what is enabled and disabling what is disabled return ZYM_OK. ZYM_E_NOT_SUPPORTED: this build has no such
+// source.
+struct IQorInterceptor : zym::IObject {
+  static constexpr zym::iid_t kIid = 0xdae40c14;
+
+  // ZYM_FALSE: the machine has no fanotify, so nothing was enabled.
+  virtual zym::result_t EnableBlockingInterceptor() = 0;
+  virtual zym::result_t DisableBlockingInterceptor() = 0;
+  virtual zym::result_t EnableNonBlockingInterceptor(std::uint32_t type) = 0;
+  virtual zym::result_t DisableNonBlockingInterceptor(std::uint32_t type) = 0;
+  virtual zym::result_t EnableJournalInterceptor() = 0;
+  virtual zym::result_t DisableJournalInterceptor() = 0;
+  virtual zym::result_t EnableConsoleInputInterceptor() = 0;
+  virtual zym::result_t DisableConsoleInputInterceptor() = 0;
+
+ protected:
+  ~IQorInterceptor() = default;
+};
+
+}  // namespace qor::process_manager

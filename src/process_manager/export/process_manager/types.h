@@ -1,0 +1,45 @@
+// The words that every interface of the module shares.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "zym/containers.h"
+#include "zym/datetime.h"
+#include "zym/iobject.h"
+
+namespace qor {
+
+using NativePath = std::string;  // a path as the kernel has it: bytes without a NUL, not always UTF-8
+using PidType = std::uint32_t;   // a process id (the kernel's tgid)
+
+// One image of one pid; never given twice, across a reuse of the pid and a restart of the module. Bits 63 to
+// 32: seconds since 1970; bits 31 to 23: a counter; bits 22 to 0: the pid (Linux has at most 2^22 of them).
+using UniquePidType = std::uint64_t;
+
+inline constexpr PidType kNoPid = 0xffffffff;
+inline constexpr UniquePidType kNoUniquePid = 0xffffffffffffffff;
+inline constexpr std::uint64_t kNoMountNamespace = 0xffffffffffffffff;
+
+inline constexpr PidType PidOf(UniquePidType uniquePid) {
+  return static_cast<PidType>(uniquePid & 0x7fffff);
+}
+
+// There is no state 2.
+enum ProcessState : std::uint32_t { kStarting = 0, kCreated = 1, kTerminated = 3 };
+
+// Bits.
+enum ProcessFlags : std::uint32_t {
+  kSystemProcess = 1,    // the kernel, or a thread of it
+  kNoBackingImage = 16,  // the file that runs has no name any more, or there never was one
+};
+
+// Interface ids that the interfaces' authors left open: FNV-1a (32 bits) over the interface's qualified name.
+consteval zym::iid_t IidOf(std::string_view qualifiedName) {
+  std::uint32_t hash = 2166136261U;
+  for (const char c : qualifiedName) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+  return hash;
+}
+
+}  // namespace qor

@@ -1,0 +1,75 @@
+#include "zym/trace.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "zym/utf.h"
+
+namespace zym::trace {
+
+Record::Record(ITracer* tracer, std::uint32_t level) noexcept : m_tracer(tracer) {
+  if (m_tracer == nullptr) return;
+  void* buffer = nullptr;
+  if (m_tracer->GetRecord(level, &buffer, kInitialRecordSize) != ZYM_OK) return;
+  m_buffer = static_cast<char*>(buffer);
+  m_capacity = kInitialRecordSize;
+}
+
+Record::~Record() {
+  if (m_buffer != nullptr) m_tracer->CommitRecord(m_buffer, m_length);
+}
+
+Record& Record::operator<<(std::string_view text) noexcept {
+  const std::uint32_t width = std::exchange(m_width, 0);
+  for (std::size_t i = text.size(); i < width; ++i) Append({&m_fill, 1});
+  Append(text);
+  return *this;
+}
+
+Record& Record::operator<<(std::u16string_view text) noexcept {
+  while (!text.empty()) {
+    char bytes[4];
+    Append({bytes, EncodeUtf8(TakeCodePoint(text).value_or(U'\uFFFD'), bytes)});
+  }
+  return *this;
+}
+
+Record& Record::operator<<(double value) noexcept {
+  char digits[32];
+  const auto end =
+      std::to_chars(digits, digits + sizeof(digits), value, std::chars_format::general, m_precision).ptr;
+  return *this << std::string_view(digits, static_cast<std::size_t>(end - digits));
+}
+
+Record& Record::operator<<(Code code) noexcept {
+  const int base = std::exchange(m_base, 16);
+  Append("0x");
+  *this << Width{8, '0'} << static_cast<std::uint32_t>(code.result);
+  m_base = base;
+  const std::string_view text = ResultText(code.result);
+  if (text != ResultText(-1)) *this << " (" << text << ")";
+  return *this;
+}
+
+void Record::Append(std::string_view text) noexcept {
+  if (m_overflowed || text.empty()) return;
+  if (m_length + text.size() > m_capacity && !Grow(m_length + text.size())) {
+    m_length = 0;
+    m_capacity = 0;
+    m_overflowed = true;
+    return;
+  }
+  std::memcpy(m_buffer + m_length, text.data(), text.size());
+  m_length += text.size();
+}
+
+bool Record::Grow(std::uint64_t needed) noexcept {
+  const std::uint64_t size = std::max(needed, 2 * m_capacity);
+  void* buffer = m_buffer;
+  if (m_tracer->GetRecord(kDefaultCeiling, &buffer, size) != ZYM_OK || buffer == nullptr) return false;
+  m_buffer = static_cast<char*>(buffer);
+  m_capacity = size;
+  return true;
+}
+
+}  // namespace zym::trace

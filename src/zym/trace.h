@@ -1,0 +1,162 @@
+// Trace records and the macros that write them.
+//
+// A component's trace reads alike everywhere; the habits are:
+//   entry of an operation     ZYM_TRACE(tracer, kCall, __func__ << "() " << ...)
+//   exit that reports         ZYM_TRACE(tracer, kCall, __func__ << "() <- " << ...)
+//   plain message             ZYM_TRACE(tracer, level, __func__ << ": " << ...)
+//   failed check              the ZYM_CHECK macros, which print their own expression
+// Nothing after the level is evaluated unless the record is open: at a disabled level a statement costs one
+// virtual call.
+#pragma once
+
+#include <charconv>
+#include <concepts>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "zym/exception.h"
+#include "zym/tracer.h"
+
+namespace zym::trace {
+
+// Sets the base of the numbers that follow.
+enum class Base : std::uint8_t { kDecimal = 10, kHexadecimal = 16 };
+inline constexpr Base dec = Base::kDecimal;
+inline constexpr Base hex = Base::kHexadecimal;
+
+// A result code in the form "0x80000046 (Invalid argument)"; a code without a text has the number alone.
+struct Code {
+  result_t result;
+};
+
+// The width of the next value, filled from the left.
+struct Width {
+  std::uint32_t width;
+  char fill = ' ';
+};
+
+// One record, open from construction to destruction, in the manner of an output stream. It never raises and
+// never fails what it traces: when the record can't grow it is emptied, further text is dropped, and the
+// empty record is committed.
+class Record {
+ public:
+  // Opens a record; a null tracer, or one that refuses the level, makes an object that is false.
+  Record(ITracer* tracer, std::uint32_t level) noexcept;
+  template <class P>
+  requires requires(const P& p) { static_cast<ITracer*>(p.get()); }
+  Record(const P& tracer, std::uint32_t level) noexcept
+      : Record(static_cast<ITracer*>(tracer.get()), level) {}
+  ~Record();
+  Record(const Record&) = delete;
+  Record& operator=(const Record&) = delete;
+
+  explicit operator bool() const noexcept { return m_buffer != nullptr; }
+
+  Record& operator<<(std::string_view text) noexcept;
+  Record& operator<<(const char* text) noexcept {
+    return *this << std::string_view(text != nullptr ? text : "(null)");
+  }
+  Record& operator<<(std::u16string_view text) noexcept;
+  Record& operator<<(char c) noexcept { return *this << std::string_view(&c, 1); }
+  Record& operator<<(bool value) noexcept { return *this << std::string_view(value ? "true" : "false"); }
+  Record& operator<<(double value) noexcept;
+  Record& operator<<(Code code) noexcept;
+  Record& operator<<(Base base) noexcept {
+    m_base = static_cast<int>(base);
+    return *this;
+  }
+  Record& operator<<(Width width) noexcept {
+    m_width = width.width;
+    m_fill = width.fill;
+    return *this;
+  }
+  template <std::integral N>
+  requires(!std::same_as<N, bool> && !std::same_as<N, char>) Record& operator<<(N value) noexcept {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof(digits), value, m_base).ptr;
+    return *this << std::string_view(digits, static_cast<std::size_t>(end - digits));
+  }
+  template <class T>
+  requires requires(const T& value, Record& record) { AppendTo(record, value); }
+  Record& operator<<(const T& value) {
+    AppendTo(*this, value);
+    return *this;
+  }
+
+ private:
+  void Append(std::string_view text) noexcept;
+  bool Grow(std::uint64_t needed) noexcept;
+
+  ITracer* m_tracer;
+  char* m_buffer = nullptr;
+  std::uint64_t m_capacity = 0;
+  std::uint64_t m_length = 0;
+  bool m_overflowed = false;
+  int m_base = 10;
+  int m_precision = 6;
+  std::uint32_t m_width = 0;
+  char m_fill = ' ';
+};
+
+// The size of the buffer that a record begins with.
+inline constexpr std::uint64_t kInitialRecordSize = 512;
+
+}  // namespace zym::trace
+
+// Traces at a level.
+#define ZYM_TRACE(tracer, level, ...)                                                \
+  do {                                                                               \
+    if (::zym::trace::Record zymRecord{(tracer), (level)}) zymRecord << __VA_ARGS__; \
+  } while (false)
+
+// Evaluates an expression of result_t and gives its value; traces a failure at level 300 and goes on.
+#define ZYM_REPORT_RESULT(tracer, expression, ...)                                      \
+  [&, zymFunction = __func__]() -> ::zym::result_t {                                    \
+    const ::zym::result_t zymResult = (expression);                                     \
+    if (!ZYM_SUCCEEDED(zymResult))                                                      \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                         \
+                zymFunction << ": '(" #expression ")=" << ::zym::trace::Code{zymResult} \
+                            << "' " __VA_OPT__(<< __VA_ARGS__));                        \
+    return zymResult;                                                                   \
+  }()
+
+// Checks an expression of result_t: traces a failure at level 300 and returns it.
+#define ZYM_CHECK_RESULT(tracer, expression, ...)                                             \
+  do {                                                                                        \
+    if (const ::zym::result_t zymResult = (expression); !ZYM_SUCCEEDED(zymResult)) {          \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                               \
+                __FILE__ << ":" << __LINE__                                                   \
+                         << "(" #expression "),(ZYM_SUCCEEDED(_result)) failed: result = "    \
+                         << ::zym::trace::Code{zymResult} __VA_OPT__(<< " " << __VA_ARGS__)); \
+      return zymResult;                                                                       \
+    }                                                                                         \
+  } while (false)
+
+// Checks a condition: traces a failure at level 300 and returns `value`.
+#define ZYM_CHECK(tracer, condition, value, ...)                                                  \
+  do {                                                                                            \
+    if (!(condition)) {                                                                           \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                                   \
+                __FILE__ << ":" << __LINE__                                                       \
+                         << "(" #condition                                                        \
+                            "),(bool) failed: result = false" __VA_OPT__(<< " " << __VA_ARGS__)); \
+      return value;                                                                               \
+    }                                                                                             \
+  } while (false)
+
+// Checks an expression of result_t: throws zym::CheckResultFailedException, with a message, on a failure.
+#define ZYM_CHECK_RESULT_OR_THROW(expression, ...)                                 \
+  do {                                                                             \
+    if (const ::zym::result_t zymResult = (expression); !ZYM_SUCCEEDED(zymResult)) \
+      throw ::zym::CheckResultFailedException(__FILE__, __LINE__, zymResult)       \
+          __VA_OPT__(<< ". " << __VA_ARGS__);                                      \
+  } while (false)
+
+// Checks a condition: throws zym::CheckFailedException, with a message, when it doesn't hold.
+#define ZYM_CHECK_OR_THROW(condition, ...)                  \
+  do {                                                      \
+    if (!(condition))                                       \
+      throw ::zym::CheckFailedException(__FILE__, __LINE__) \
+          << #condition __VA_OPT__(<< ". " << __VA_ARGS__); \
+  } while (false)

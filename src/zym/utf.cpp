@@ -1,0 +1,126 @@
+#include "zym/utf.h"
+
+#include <cstdint>
+
+namespace zym {
+namespace {
+
+constexpr bool IsHighSurrogate(char32_t unit) {
+  return unit >= 0xd800 && unit < 0xdc00;
+}
+constexpr bool IsLowSurrogate(char32_t unit) {
+  return unit >= 0xdc00 && unit < 0xe000;
+}
+constexpr bool IsAscii(char c) {
+  return static_cast<unsigned char>(c) < 0x80;
+}
+
+struct Lead {
+  std::size_t length;
+  char32_t bits;
+  char32_t smallest;  // below it, the sequence is longer than it needs to be
+};
+
+constexpr Lead DecodeLead(unsigned char c) {
+  if (c < 0x80) return {1, c, 0};
+  if (c < 0xc0) return {0, 0, 0};
+  if (c < 0xe0) return {2, c & 0x1fU, 0x80};
+  if (c < 0xf0) return {3, c & 0x0fU, 0x800};
+  if (c < 0xf8) return {4, c & 0x07U, 0x10000};
+  return {0, 0, 0};
+}
+
+}  // namespace
+
+std::optional<char32_t> TakeCodePoint(std::string_view& text) noexcept {
+  const Lead lead = DecodeLead(static_cast<unsigned char>(text.front()));
+  if (lead.length == 0 || lead.length > text.size()) {
+    text.remove_prefix(1);
+    return std::nullopt;
+  }
+  char32_t point = lead.bits;
+  for (std::size_t i = 1; i < lead.length; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if ((c & 0xc0U) != 0x80) {
+      text.remove_prefix(1);
+      return std::nullopt;
+    }
+    point = point << 6 | (c & 0x3fU);
+  }
+  if (point < lead.smallest || point > 0x10ffff || IsHighSurrogate(point) || IsLowSurrogate(point)) {
+    text.remove_prefix(1);
+    return std::nullopt;
+  }
+  text.remove_prefix(lead.length);
+  return point;
+}
+
+std::optional<char32_t> TakeCodePoint(std::u16string_view& text) noexcept {
+  const char32_t first = text.front();
+  text.remove_prefix(1);
+  if (IsLowSurrogate(first)) return std::nullopt;
+  if (!IsHighSurrogate(first)) return first;
+  if (text.empty() || !IsLowSurrogate(text.front())) return std::nullopt;
+  const char32_t second = text.front();
+  text.remove_prefix(1);
+  return 0x10000 + ((first - 0xd800) << 10) + (second - 0xdc00);
+}
+
+std::size_t EncodeUtf8(char32_t point, char* out) noexcept {
+  const auto tail = [&](int shift) { return static_cast<char>(0x80 | ((point >> shift) & 0x3f)); };
+  if (point < 0x80) {
+    out[0] = static_cast<char>(point);
+    return 1;
+  }
+  if (point < 0x800) {
+    out[0] = static_cast<char>(0xc0 | point >> 6);
+    out[1] = tail(0);
+    return 2;
+  }
+  if (point < 0x10000) {
+    out[0] = static_cast<char>(0xe0 | point >> 12);
+    out[1] = tail(6);
+    out[2] = tail(0);
+    return 3;
+  }
+  out[0] = static_cast<char>(0xf0 | point >> 18);
+  out[1] = tail(12);
+  out[2] = tail(6);
+  out[3] = tail(0);
+  return 4;
+}
+
+std::optional<types::string16_t> Utf8ToUtf16(std::string_view text) {
+  types::string16_t result;
+  result.reserve(text.size());
+  while (!text.empty()) {
+    if (IsAscii(text.front())) {
+      result.push_back(static_cast<char16_t>(text.front()));
+      text.remove_prefix(1);
+      continue;
+    }
+    const std::optional<char32_t> point = TakeCodePoint(text);
+    if (!point) return std::nullopt;
+    if (*point < 0x10000) {
+      result.push_back(static_cast<char16_t>(*point));
+    } else {
+      result.push_back(static_cast<char16_t>(0xd800 + ((*point - 0x10000) >> 10)));
+      result.push_back(static_cast<char16_t>(0xdc00 + ((*point - 0x10000) & 0x3ff)));
+    }
+  }
+  return result;
+}
+
+std::optional<std::string> Utf16ToUtf8(std::u16string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  while (!text.empty()) {
+    const std::optional<char32_t> point = TakeCodePoint(text);
+    if (!point) return std::nullopt;
+    char bytes[4];
+    result.append(bytes, EncodeUtf8(*point, bytes));
+  }
+  return result;
+}
+
+}  // namespace zym

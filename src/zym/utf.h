@@ -1,0 +1,24 @@
+// UTF-8 and UTF-16, strictly converted. Surrogates in UTF-8, overlong forms and lone surrogates are errors.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "zym/containers.h"
+
+namespace zym {
+
+// Null when `text` is not valid UTF-8, or not valid UTF-16. Throws only std::bad_alloc.
+std::optional<types::string16_t> Utf8ToUtf16(std::string_view text);
+std::optional<std::string> Utf16ToUtf8(std::u16string_view text);
+
+// Decodes one code point at the front of `text` and drops it from there. An invalid sequence drops one unit
+// and gives no value. `text` must not be empty.
+std::optional<char32_t> TakeCodePoint(std::string_view& text) noexcept;
+std::optional<char32_t> TakeCodePoint(std::u16string_view& text) noexcept;
+
+// Writes `point` as UTF-8 to `out`, which has room for 4 bytes; gives the length.
+std::size_t EncodeUtf8(char32_t point, char* out) noexcept;
+
+}  // namespace zym
