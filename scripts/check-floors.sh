@@ -24,13 +24,13 @@ contract  process_manager/export/*
 '
 
 # Outside src/: trees that stand where a host stands. They include the SDK, the headers that the libraries export, and
-# their own, and nothing else of src/.
+# their own, and nothing else of src/. The other tests, fuzz/ and bench/ may see everything.
 hosts='host tests/module tests/host tests/support tests/install examples'
 
 cd "${1:-$(dirname "${BASH_SOURCE[0]}")/..}"
 
 roots=()
-for directory in src $hosts; do
+for directory in src host tests fuzz bench examples; do
   if [[ -d $directory ]]; then roots+=("$directory"); fi
 done
 
@@ -66,10 +66,8 @@ function resolve(name, from,    part) {
   if (("src/" part "/export/" name) in present) return "src/" part "/export/" name
   if (("src/" name) in present) return "src/" name
   if (name in present) return name
-  if (host_of(from) != "") {
-    if (("host/" name) in present && index(from, "host/") == 1) return "host/" name
-    if (("tests/" name) in present && index(from, "tests/") == 1) return "tests/" name
-  }
+  if (from ~ /^host\// && ("host/" name) in present) return "host/" name
+  if (from ~ /^(tests|bench)\// && ("tests/" name) in present) return "tests/" name
   return ""
 }
 
@@ -83,19 +81,19 @@ function check(from, line, name, quoted,    target, mine, theirs, at) {
   if (target == "") {
     if (quoted) {
       fail(at "includes \"" name "\", which is no file of this tree; write it from src/ on, and what is outside in <>")
-    } else if ((mine = floor_of(from)) ~ /^(0|contract)$/ && index(from, "src/") == 1 &&
+    } else if ((mine = floor_of(from)) ~ /^(0|contract)$/ && from ~ /^src\// &&
                name ~ /^(boost|gtest|gmock|libmnl|prometheus|rapidjson|CLI|zlib[.]h|minizip)/) {
       fail(at "includes <" name ">; this floor is built on the C++ library and the kernel alone")
     }
     return
   }
-  if (index(target, "src/") != 1) {
-    if (index(from, "src/") == 1) fail(at "includes \"" name "\" of " target "; src/ knows nothing outside of itself")
+  if (target !~ /^src\//) {
+    if (from ~ /^src\//) fail(at "includes \"" name "\" of " target "; src/ knows nothing outside of itself")
     else if (host_of(from) == "host" && host_of(target) != "host") fail(at "includes \"" name "\"; host/ includes no test")
     return
   }
-  if (index(from, "src/") != 1) {
-    if (target !~ /^src\/zym\// && target !~ /^src\/[a-z_]+\/export\//)
+  if (from !~ /^src\//) {
+    if (host_of(from) != "" && target !~ /^src\/zym\// && target !~ /^src\/[a-z_]+\/export\//)
       fail(at "includes \"" name "\" (" target "); what stands outside sees zym and exported headers only")
     return
   }
@@ -139,7 +137,7 @@ BEGIN {
 END {
   for (i = 1; i <= files; i++) {
     path = file[i]
-    if (index(path, "src/") == 1 && floor_of(path) == "")
+    if (path ~ /^src\// && floor_of(path) == "")
       fail(path ": is on no floor: name it in the table of scripts/check-floors.sh")
 
     # One spelling must mean one file.

@@ -18,6 +18,10 @@ mkdir -p "$state"
 # The dependencies of each object, as the compiler wrote them and ninja keeps them, say what a file was made of.
 ninja -C "$build" -t deps 2>/dev/null >"$state/deps" || : >"$state/deps"
 
+# Clang stops at options that GCC alone knows. Warnings are the compiler's to give; here they would come twice.
+sed -E 's/ -(fno-gnu-unique|Wno-tsan|Werror)( |")/ \2/g; s/"command": "[^ ]*ccache /"command": "/' \
+  "$build/compile_commands.json" >"$state/compile_commands.json"
+
 list=$(mktemp -d)
 trap 'rm -rf "$list"' EXIT
 
@@ -48,7 +52,7 @@ tidy_one() {
     echo "$file" >>"$list/left"
     return 0
   fi
-  if clang-tidy-14 --quiet -p "$build" "$file" >"$list/$$.out" 2>"$list/$$.err"; then
+  if clang-tidy-14 --quiet -p "$state" "$file" >"$list/$$.out" 2>"$list/$$.err"; then
     echo "$key" >"$stamp"
     echo "$file" >>"$list/clean"
   else

@@ -1,4 +1,4 @@
-#include "fake_services.h"
+#include "support/fake_services.h"
 
 #include <algorithm>
 
