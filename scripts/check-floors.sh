@@ -58,6 +58,7 @@ function host_of(path,    i) {
   return ""
 }
 
+function folder_of(path) { sub(/[^\/]*$/, "", path); return path }
 function part_of(name) { return substr(name, 1, index(name, "/") - 1) }
 
 # The file that an include names, as the include directories of the build find it.
@@ -66,6 +67,8 @@ function resolve(name, from,    part) {
   if (("src/" part "/export/" name) in present) return "src/" part "/export/" name
   if (("src/" name) in present) return "src/" name
   if (name in present) return name
+  # Outside src/ a file may name what lies beside it.
+  if (from !~ /^src\// && (folder_of(from) name) in present) return folder_of(from) name
   if (from ~ /^host\// && ("host/" name) in present) return "host/" name
   if (from ~ /^(tests|bench)\// && ("tests/" name) in present) return "tests/" name
   return ""
