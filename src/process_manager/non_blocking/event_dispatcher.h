@@ -1,0 +1,91 @@
+// The queue between the sources and the handlers, and the thread that works it off.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
+
+#include "process_manager/non_blocking/i_event_dispatcher.h"
+#include "process_manager/types.h"
+#include "zym/object.h"
+#include "zym/service_provider.h"
+
+namespace qor::process_manager::non_blocking {
+
+// Runs from construction to destruction on one thread of its own, "vornPrcMonProc". What is queued at
+// destruction is released and reaches no handler; the last reference must not go on that thread.
+//
+// Written for several queues, each on a strand of its own: a process and the one that caused its events share
+// a queue while either has events in flight, which keeps their order. There is one queue today, and so one
+// order.
+class EventDispatcher : public zym::object::Ifaces<IEventDispatcher>,
+                        public zym::TracerProvider,
+                        public zym::NonCopyable {
+ public:
+  static constexpr std::uint64_t kPendingLimit = 2'000'000;
+
+  explicit EventDispatcher(zym::IServiceLocator* locator, std::uint64_t pendingLimit = kPendingLimit);
+  ~EventDispatcher();
+
+  void Dispatch(zym::types::vector_t<zym::intrusive_ptr<ISystemEvent>>& events) override;
+
+  void SetCreateProcessHandler(EventHandler handler) override {
+    SetHandler(kCreateProcess, std::move(handler));
+  }
+  void SetExitProcessHandler(EventHandler handler) override { SetHandler(kExitProcess, std::move(handler)); }
+  void SetFileCreatedHandler(EventHandler handler) override { SetHandler(kFileCreated, std::move(handler)); }
+  void SetFileChangedHandler(EventHandler handler) override { SetHandler(kFileChanged, std::move(handler)); }
+  void SetConsoleInputHandler(EventHandler handler) override {
+    SetHandler(kConsoleInput, std::move(handler));
+  }
+
+  // Events accepted and not finished.
+  [[nodiscard]] std::uint64_t GetTotal() const noexcept { return m_total; }
+  // Pids with events in flight, whether their own or those they caused.
+  [[nodiscard]] std::size_t GetProcessingPidsCount() const;
+
+ private:
+  struct Service;  // the I/O service, its queues and its thread
+  struct Queue;
+
+  enum HandlerIndex {
+    kCreateProcess,
+    kExitProcess,
+    kFileCreated,
+    kFileChanged,
+    kConsoleInput,
+    kHandlerCount
+  };
+
+  // A pid with events in flight.
+  struct PidInFlight {
+    Queue* queue;
+    std::uint64_t count;
+  };
+
+  void SetHandler(HandlerIndex index, EventHandler handler);
+  Queue& GetStrand(ISystemEvent& event);
+  void ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>& event);
+  void CallHandler(const zym::intrusive_ptr<ISystemEvent>& event);
+  void OnEventProcessed(ISystemEvent& event);
+  Queue& Enter(PidType pid, Queue& chosen);
+  Queue& Leave(PidType pid);
+
+  const std::uint64_t m_pendingLimit;
+  std::atomic<bool> m_stop{false};
+
+  mutable std::mutex m_queueLock;  // guards the sizes of the queues and the map
+  std::unordered_map<PidType, PidInFlight> m_pids;
+
+  std::shared_mutex m_handlerLock;  // guards the handlers; held for reading while one runs
+  EventHandler m_handlers[kHandlerCount];
+
+  std::atomic<std::uint64_t> m_total{0};
+
+  std::unique_ptr<Service> m_service;
+};
+
+}  // namespace qor::process_manager::non_blocking

@@ -1,0 +1,75 @@
+#include "process_manager/non_blocking/netlink_socket.h"
+
+#include <linux/cn_proc.h>
+#include <linux/connector.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "process_manager/non_blocking/mnl_receive_buffer.h"
+#include "zym/trace.h"
+
+namespace qor::process_manager::non_blocking {
+namespace {
+
+// A buffer that is large enough stays. That it can't be made larger is no reason to do without the socket.
+void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket) {
+  const int size = mnl_socket_get_rcv_buf_size(socket);
+  if (size > 0) ZYM_TRACE(tracer, zym::trace::kCall, "default netlink socket receive buffer size: " << size);
+  if (size >= NetlinkSocket::kReceiveBufferSize) return;
+  if (mnl_socket_set_rcv_buf_size(socket, NetlinkSocket::kReceiveBufferSize) == 0)
+    ZYM_TRACE(tracer, zym::trace::kCall,
+              "new netlink socket receive buffer size: " << NetlinkSocket::kReceiveBufferSize);
+}
+
+}  // namespace
+
+std::unique_ptr<NetlinkSocket> NetlinkSocket::Open(zym::ITracer* tracer) {
+  Handle socket(mnl_socket_open2(NETLINK_CONNECTOR, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!socket) {
+    const int error = errno;
+    ZYM_TRACE(tracer, zym::trace::kFailure,
+              "Cannot initialize netlink connector socket: " << std::strerror(error));
+    return nullptr;
+  }
+  WidenReceiveBuffer(tracer, socket.get());
+  if (mnl_socket_bind(socket.get(), CN_IDX_PROC, MNL_SOCKET_AUTOPID) < 0) {
+    const int error = errno;
+    ZYM_TRACE(tracer, zym::trace::kFailure, " Cannot bind: " << std::strerror(error));
+    return nullptr;
+  }
+  return std::unique_ptr<NetlinkSocket>(new NetlinkSocket(std::move(socket)));
+}
+
+zym::result_t NetlinkSocket::Configure(zym::ITracer* tracer, bool listen) {
+  struct Subscription {
+    cn_msg message;
+    proc_cn_mcast_op operation;
+  };
+  // The operation is the payload of the message, right behind its header.
+  static_assert(sizeof(Subscription) == 24 && offsetof(Subscription, operation) == sizeof(cn_msg));
+
+  alignas(nlmsghdr) char buffer[NLMSG_SPACE(sizeof(Subscription))];
+  nlmsghdr* const header = mnl_nlmsg_put_header(buffer);
+  header->nlmsg_type = NLMSG_DONE;
+  header->nlmsg_flags = NLM_F_REQUEST;
+  header->nlmsg_pid = static_cast<std::uint32_t>(::getpid());
+  auto* const body = static_cast<Subscription*>(mnl_nlmsg_put_extra_header(header, sizeof(Subscription)));
+  body->message.id.idx = CN_IDX_PROC;
+  body->message.id.val = CN_VAL_PROC;
+  body->message.len = sizeof(body->operation);
+  body->operation = listen ? PROC_CN_MCAST_LISTEN : PROC_CN_MCAST_IGNORE;
+
+  if (mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0) {
+    const int error = errno;
+    ZYM_TRACE(tracer, zym::trace::kFailure, "Cannot send netlink: " << std::strerror(error));
+    return zym::ZYM_E_UNSPECIFIED;
+  }
+  return zym::ZYM_OK;
+}
+
+}  // namespace qor::process_manager::non_blocking

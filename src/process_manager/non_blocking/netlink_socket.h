@@ -1,0 +1,43 @@
+// A socket on the kernel's proc connector.
+#pragma once
+
+#include <libmnl/libmnl.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "zym/tracer.h"
+
+namespace qor::process_manager::non_blocking {
+
+// Owns the descriptor. Non-blocking and close-on-exec.
+class NetlinkSocket {
+ public:
+  // The receive buffer takes the bursts of a busy machine.
+  static constexpr int kReceiveBufferSize = 0x200000;
+
+  // Opens and binds; on failure the reason is traced and the pointer is null. Needs CAP_NET_ADMIN.
+  static std::unique_ptr<NetlinkSocket> Open(zym::ITracer* tracer);
+
+  // Subscribes to the process events, or leaves them. ZYM_E_UNSPECIFIED: traced, with the reason.
+  zym::result_t Configure(zym::ITracer* tracer, bool listen);
+
+  [[nodiscard]] int GetDescriptor() const { return mnl_socket_get_fd(m_socket.get()); }
+
+  // One datagram, cut to `size`. Negative: errno says why.
+  std::int64_t Receive(void* buffer, std::size_t size) {
+    return mnl_socket_recvfrom(m_socket.get(), buffer, size);
+  }
+
+ private:
+  struct Close {
+    void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
+  };
+  using Handle = std::unique_ptr<mnl_socket, Close>;
+
+  explicit NetlinkSocket(Handle socket) : m_socket(std::move(socket)) {}
+
+  Handle m_socket;
+};
+
+}  // namespace qor::process_manager::non_blocking

@@ -1,0 +1,33 @@
+// Paths below the procfs root.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "process_manager/types.h"
+
+namespace qor::procfs {
+
+// "<procfs root><pid>", and "/<name>" behind it. Built without allocating: it is made for every process that
+// starts.
+class ProcPath {
+ public:
+  explicit ProcPath(PidType pid);
+  ProcPath(PidType pid, std::string_view name) : ProcPath(pid) { Append(name); }
+
+  // Joins with one slash, unless the path ends in one. An empty name changes nothing.
+  void Append(std::string_view name);
+
+  [[nodiscard]] const char* c_str() const { return m_text; }
+
+ private:
+  static constexpr std::size_t kCapacity = 2048;
+
+  char m_text[kCapacity];
+  std::size_t m_length;
+};
+
+// `root` and `name` joined with one slash.
+NativePath JoinPath(const NativePath& root, std::string_view name);
+
+}  // namespace qor::procfs
