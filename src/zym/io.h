@@ -41,4 +41,39 @@ struct IIO : IObject {
   ~IIO() = default;
 };
 
+// Changes what may be done with an open stream.
+struct IAccessModeController : IObject {
+  static constexpr iid_t kIid = IidOf("zym::IAccessModeController");
+
+  virtual result_t GetAccessMode(io_access_mode::Type& mode) const = 0;
+  // ZYM_E_SHARING_VIOLATION: the right to delete can't be gained afterwards. ZYM_E_LOCKED: the file is a
+  // program that runs. ZYM_E_UNSPECIFIED: it can't be opened in that mode.
+  virtual result_t ChangeAccessMode(io_access_mode::Type mode) = 0;
+  // The bits that were had so far, which are changed to without a system call.
+  virtual result_t GetAvailableAccessMode(io_access_mode::Type& mode) = 0;
+
+ protected:
+  ~IAccessModeController() = default;
+};
+
+// The file behind a stream. A file has no creation time here: the creation time is the last write time under
+// another name. Attributes are not implemented.
+struct IFileDescriptor : IObject {
+  static constexpr iid_t kIid = IidOf("zym::IFileDescriptor");
+
+  virtual result_t GetPath(types::string16_t& path) const = 0;
+  virtual result_t GetAttributes(std::uint32_t& attributes) const = 0;
+  virtual result_t GetCreationTime(datetime_t& time) const = 0;
+  virtual result_t GetLastWriteTime(datetime_t& time) const = 0;
+  virtual result_t GetLastAccessTime(datetime_t& time) const = 0;
+  virtual result_t GetFileSize(file_size_t& size) const = 0;
+  virtual result_t SetAttributes(std::uint32_t attributes) = 0;
+  virtual result_t SetCreationTime(const datetime_t& time) = 0;
+  virtual result_t SetLastWriteTime(const datetime_t& time) = 0;
+  virtual result_t SetLastAccessTime(const datetime_t& time) = 0;
+
+ protected:
+  ~IFileDescriptor() = default;
+};
+
 }  // namespace zym
