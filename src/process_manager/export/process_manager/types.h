@@ -35,11 +35,6 @@ enum ProcessFlags : std::uint32_t {
   kNoBackingImage = 16,  // the file that runs has no name any more, or there never was one
 };
 
-// Interface ids that the interfaces' authors left open: FNV-1a (32 bits) over the interface's qualified name.
-consteval zym::iid_t IidOf(std::string_view qualifiedName) {
-  std::uint32_t hash = 2166136261U;
-  for (const char c : qualifiedName) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
-  return hash;
-}
+using zym::IidOf;
 
 }  // namespace qor
