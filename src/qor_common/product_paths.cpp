@@ -6,8 +6,7 @@
 #include <algorithm>
 #include <array>
 
-namespace qor {
-namespace product_paths {
+namespace qor::product_paths {
 
 const std::string& GetDaemon() {
   static const std::string path = "/opt/quelmarin/vorn/libexec/vorn";
@@ -29,18 +28,18 @@ const std::string& GetBrelsh() {
   return path;
 }
 
-const std::string& GetBrelshAgent() {
-  static const std::string path = "/opt/quelmarin/brelsh/bin/brelsh-agent";
+const std::string& GetBrelshControl() {
+  static const std::string path = "/opt/quelmarin/brelsh/bin/brelsh-control";
   return path;
 }
 
-const std::string& GetBrelshUpdater() {
-  static const std::string path = "/opt/quelmarin/brelsh/bin/brelsh-updater";
+const std::string& GetBrelshUpdate() {
+  static const std::string path = "/opt/quelmarin/brelsh/bin/brelsh-update";
   return path;
 }
 
 const std::string& GetManagementAgent() {
-  static const std::string path = "/opt/quelmarin/manager/libexec/manager-agent";
+  static const std::string path = "/opt/quelmarin/agent/bin/agent";
   return path;
 }
 
@@ -69,14 +68,16 @@ const std::string& GetContainerMark() {
   return path;
 }
 
-}  // namespace product_paths
+}  // namespace qor::product_paths
+
+namespace qor::tools {
 
 bool IsTrustedExecutable(const std::string& path) {
   using namespace product_paths;
   struct stat asked {};
   if (::fstatat(AT_FDCWD, path.c_str(), &asked, 0) != 0) return false;
-  const std::array own = {&GetDaemon,      &GetControlTool,   &GetGraphicalClient, &GetBrelsh,
-                          &GetBrelshAgent, &GetBrelshUpdater, &GetManagementAgent};
+  const std::array own = {&GetDaemon,        &GetControlTool,  &GetGraphicalClient, &GetBrelsh,
+                          &GetBrelshControl, &GetBrelshUpdate, &GetManagementAgent};
   return std::any_of(own.begin(), own.end(), [&asked](const auto& getPath) {
     struct stat listed {};
     return ::fstatat(AT_FDCWD, getPath().c_str(), &listed, 0) == 0 && listed.st_dev == asked.st_dev &&
@@ -84,4 +85,4 @@ bool IsTrustedExecutable(const std::string& path) {
   });
 }
 
-}  // namespace qor
+}  // namespace qor::tools

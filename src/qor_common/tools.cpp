@@ -12,11 +12,11 @@
 namespace qor::tools {
 
 bool IsDeepNestedFile(std::string_view path) {
-  return path == kDeepNestedFile;
+  return path == kPathIsTooLong;
 }
 
 bool IsDeepNestedFile(std::u16string_view path) {
-  return path == kDeepNestedFile16;
+  return path == kPathIsTooLong16;
 }
 
 zym::result_t GetDescriptorPath(int fd, NativePath& path) {
@@ -29,7 +29,7 @@ zym::result_t GetDescriptorPath(int fd, NativePath& path) {
   const int error = errno;
   if (length < 0 && error != ENAMETOOLONG) return zym::ErrnoToResult(error);
   if (length < 0 || length == static_cast<ssize_t>(sizeof(target)))
-    path = kDeepNestedFile;
+    path = kPathIsTooLong;
   else
     path.assign(target, static_cast<std::size_t>(length));
   return zym::ZYM_OK;

@@ -16,7 +16,7 @@ using iid_t = std::uint32_t;
 
 // Interface ids that the interfaces' authors left open: FNV-1a (32 bits) over the interface's qualified name.
 consteval iid_t IidOf(std::string_view qualifiedName) {
-  iid_t hash = 2166136261U;
+  std::uint32_t hash = 2166136261U;
   for (const char c : qualifiedName) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
   return hash;
 }

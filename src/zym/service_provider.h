@@ -67,6 +67,18 @@ class InterfaceProvider : private Holder {
   ~InterfaceProvider() = default;
 };
 
+// A tracer goes by its usual name too.
+template <>
+class InterfaceProvider<ITracer> : private detail::RequiredInterfaceHolder<ITracer> {
+ public:
+  [[nodiscard]] const intrusive_ptr<ITracer>& Service() const noexcept { return Get(); }
+  [[nodiscard]] ITracer* GetTracer() const noexcept { return Get().get(); }
+
+ protected:
+  using RequiredInterfaceHolder::RequiredInterfaceHolder;
+  ~InterfaceProvider() = default;
+};
+
 // Keeps the locator.
 class ServiceLocatorProvider {
  public:
@@ -99,11 +111,6 @@ class TracerProvider {
 // Keeps the locator and the services Is, each required. The tracer among them is kept as it is, unprefixed.
 template <class Locator, class... Is>
 class ServiceProvider : public ServiceLocatorProvider, public InterfaceProvider<Is>... {
- public:
-  [[nodiscard]] ITracer* GetTracer() const noexcept requires(std::is_same_v<Is, ITracer> || ...) {
-    return InterfaceProvider<ITracer>::Service().get();
-  }
-
  protected:
   explicit ServiceProvider(IServiceLocator* locator)
       : ServiceLocatorProvider(locator), InterfaceProvider<Is>(locator)... {}

@@ -10,7 +10,7 @@
 #include "process_manager/interceptor_facade.h"
 #include "process_manager/system_event.h"
 #include "process_manager/tools.h"
-#include "qor_common/report_features.h"
+#include "qor_common/enum_names.h"
 #include "qor_common/restart.h"
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"

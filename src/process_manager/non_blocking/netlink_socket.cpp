@@ -46,23 +46,21 @@ std::unique_ptr<NetlinkSocket> NetlinkSocket::Open(zym::ITracer* tracer) {
 }
 
 zym::result_t NetlinkSocket::Configure(zym::ITracer* tracer, bool listen) {
-  struct Subscription {
-    cn_msg message;
-    proc_cn_mcast_op operation;
-  };
-  // The operation is the payload of the message, right behind its header.
-  static_assert(sizeof(Subscription) == 24 && offsetof(Subscription, operation) == sizeof(cn_msg));
+  // The operation is the payload of the connector's message, right behind its header.
+  const std::uint32_t operation = listen ? PROC_CN_MCAST_LISTEN : PROC_CN_MCAST_IGNORE;
+  constexpr std::size_t kBodySize = sizeof(cn_msg) + sizeof(operation);
+  static_assert(kBodySize == 24);
 
-  alignas(nlmsghdr) char buffer[NLMSG_SPACE(sizeof(Subscription))];
+  alignas(nlmsghdr) char buffer[NLMSG_SPACE(kBodySize)];
   nlmsghdr* const header = mnl_nlmsg_put_header(buffer);
   header->nlmsg_type = NLMSG_DONE;
   header->nlmsg_flags = NLM_F_REQUEST;
   header->nlmsg_pid = static_cast<std::uint32_t>(::getpid());
-  auto* const body = static_cast<Subscription*>(mnl_nlmsg_put_extra_header(header, sizeof(Subscription)));
-  body->message.id.idx = CN_IDX_PROC;
-  body->message.id.val = CN_VAL_PROC;
-  body->message.len = sizeof(body->operation);
-  body->operation = listen ? PROC_CN_MCAST_LISTEN : PROC_CN_MCAST_IGNORE;
+  auto* const message = static_cast<cn_msg*>(mnl_nlmsg_put_extra_header(header, kBodySize));
+  message->id.idx = CN_IDX_PROC;
+  message->id.val = CN_VAL_PROC;
+  message->len = sizeof(operation);
+  std::memcpy(message->data, &operation, sizeof(operation));
 
   if (mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0) {
     const int error = errno;

@@ -24,7 +24,7 @@ struct ISerVectorHelper {
 
 struct SerField {
   const char* name;
-  std::size_t offset;
+  void* (*address)(void* object);  // of the field in an object
   const ISerVectorHelper* vector;  // null for a field that is no vector
 };
 

@@ -9,7 +9,7 @@ namespace system_interceptors::process_manager {
 
 // What was known of one process when the object was made. It never reads anything again. Any thread.
 struct IProcessInformation : zym::IObject {
-  static constexpr zym::iid_t kIid = qor::IidOf("system_interceptors::process_manager::IProcessInformation");
+  static constexpr zym::iid_t kIid = zym::IidOf("system_interceptors::process_manager::IProcessInformation");
 
   virtual zym::result_t GetInformation(ProcessInformation& info) = 0;
 

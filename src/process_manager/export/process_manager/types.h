@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "zym/containers.h"
 #include "zym/datetime.h"
@@ -34,7 +33,5 @@ enum ProcessFlags : std::uint32_t {
   kSystemProcess = 1,    // the kernel, or a thread of it
   kNoBackingImage = 16,  // the file that runs has no name any more, or there never was one
 };
-
-using zym::IidOf;
 
 }  // namespace qor

@@ -10,8 +10,8 @@
 namespace qor::tools {
 
 // Stands for a path that can't be told because it is too deep.
-inline constexpr std::string_view kDeepNestedFile = "<PATH IS TOO LONG>";
-inline constexpr std::u16string_view kDeepNestedFile16 = u"<PATH IS TOO LONG>";
+inline constexpr std::string_view kPathIsTooLong = "<PATH IS TOO LONG>";
+inline constexpr std::u16string_view kPathIsTooLong16 = u"<PATH IS TOO LONG>";
 
 // The path is that placeholder, as a whole.
 bool IsDeepNestedFile(std::string_view path);
@@ -23,7 +23,7 @@ constexpr bool IsAccessOk(std::uint32_t requested, std::uint32_t available) {
 }
 
 // The path of an open descriptor of this process, as the link "/proc/self/fd/<fd>" gives it: a removed file
-// has " (deleted)" behind its name, and a path that the kernel can't put into one page is kDeepNestedFile. A
+// has " (deleted)" behind its name, and a path that the kernel can't put into one page is kPathIsTooLong. A
 // failure is the errno by ErrnoToResult and leaves `path` alone.
 zym::result_t GetDescriptorPath(int fd, NativePath& path);
 

@@ -1,0 +1,87 @@
+#include "module/module_host.h"
+
+#include <chrono>
+#include <cstring>
+
+namespace test_support {
+namespace {
+
+namespace event_param = system_interceptors::event_param;
+constexpr std::chrono::seconds kDeadline{60};
+
+template <class T>
+T Number(qor::process_manager::ISystemEvent& event, std::uint32_t param) {
+  zym::types::range_t<const std::uint8_t*> view;
+  T value{};
+  if (event.GetParam(param, &view) == zym::ZYM_OK) std::memcpy(&value, view.begin(), sizeof(value));
+  return value;
+}
+
+std::optional<std::u16string> Text(qor::process_manager::ISystemEvent& event, std::uint32_t param) {
+  zym::types::range_t<const std::uint8_t*> view;
+  if (event.GetParam(param, &view) != zym::ZYM_OK) return std::nullopt;
+  std::u16string text(view.size() / sizeof(char16_t), u'\0');
+  std::memcpy(text.data(), view.begin(), view.size());
+  return text;
+}
+
+}  // namespace
+
+void RecordingHandler::OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t) {
+  SeenEvent seen;
+  const std::uint64_t* sequence = nullptr;
+  event->GetEventId(&sequence);
+  seen.type = event->GetType();
+  seen.sequence = *sequence;
+  seen.pid = Number<std::uint32_t>(*event, event_param::kPid);
+  seen.parentPid = Number<std::uint32_t>(*event, event_param::kParentPid);
+  seen.creatorPid = event->GetCpid();
+  seen.uniquePid = Number<std::uint64_t>(*event, event_param::kUniquePid);
+  seen.fromExec = Number<std::uint32_t>(*event, event_param::kFromExec);
+  seen.state = Number<std::uint32_t>(*event, event_param::kState);
+  seen.imagePath = *Text(*event, event_param::kImagePath);
+  seen.commandLine = Text(*event, event_param::kCommandLine);
+  zym::types::range_t<const std::uint8_t*> view;
+  if (event->GetParam(event_param::kRealUserId, &view) == zym::ZYM_OK)
+    seen.realUserId = Number<std::uint32_t>(*event, event_param::kRealUserId);
+  const std::scoped_lock lock(m_mutex);
+  m_events.push_back(std::move(seen));
+  m_arrived.notify_all();
+}
+
+std::vector<SeenEvent> RecordingHandler::Events() const {
+  const std::scoped_lock lock(m_mutex);
+  return m_events;
+}
+
+std::optional<SeenEvent> RecordingHandler::WaitFor(const std::function<bool(const SeenEvent&)>& fits) const {
+  std::unique_lock lock(m_mutex);
+  std::optional<SeenEvent> found;
+  m_arrived.wait_for(lock, kDeadline, [&] {
+    for (const SeenEvent& event : m_events)
+      if (fits(event)) found = event;
+    return found.has_value();
+  });
+  return found;
+}
+
+ModuleHost::ModuleHost() {
+  zym::IServiceLocator* const locator = host.locator.get();
+  EXPECT_EQ(module.Make(qor::class_ids::kProcParser, locator, parser), zym::ZYM_OK);
+  host.locator->Add(parser);
+  const SettingsCreationRecord record{.base = {.locator = locator}, .tracer = nullptr, .settings = nullptr};
+  zym::IObject* object = nullptr;
+  EXPECT_EQ(module.createObject(qor::class_ids::kInterceptorSettingsSubscription, &record.base, &object),
+            zym::ZYM_OK);
+  settings = zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription>::Attach(
+      static_cast<qor::process_manager::IInterceptorSettingsSubscription*>(object));
+  host.locator->Add(settings);
+  EXPECT_EQ(module.Create(qor::class_ids::kProcessCache, locator, cache), zym::ZYM_OK);
+  host.locator->Add(cache);
+  host.locator->Add(qor::process_manager::IEventInfoProvider::kIid,
+                    zym::intrusive_ptr<zym::IObject>(cache.get()));
+  host.locator->Add(zym::CreateObject<qor::FeatureTechsAggregator>(locator),
+                    qor::IFeatureTechsAggregator::kIid);
+}
+
+}  // namespace test_support
