@@ -59,8 +59,8 @@ std::vector<User> ParsePasswd(std::string_view text) {
   return users;
 }
 
-std::vector<User> GetUsers() {
-  return ParsePasswd(ReadText("/etc/passwd"));
+std::vector<User> GetUsers(const char* path) {
+  return ParsePasswd(ReadText(path));
 }
 
 std::uint32_t ParseMinUid(std::string_view text) {
@@ -73,8 +73,8 @@ std::uint32_t ParseMinUid(std::string_view text) {
   return result;
 }
 
-std::uint32_t GetMinUid() {
-  return ParseMinUid(ReadText("/etc/login.defs"));
+std::uint32_t GetMinUid(const char* path) {
+  return ParseMinUid(ReadText(path));
 }
 
 }  // namespace qor::tools

@@ -5,15 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "process_manager/host_services.h"
 #include "qor_common/mount_namespace.h"
-#include "qor_common/process_root.h"
 #include "qor_common/tools.h"
 #include "qor_common/unique_fd.h"
-#include "zym/datetime.h"
 #include "zym/exception.h"
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"
@@ -24,255 +23,211 @@ namespace {
 
 using zym::trace::kCall;
 using zym::trace::kFailure;
-using namespace zym::io_access_mode;
+using zym::trace::kWarning;
+namespace mode = zym::io_access_mode;
 
-zym::result_t Fail(zym::ITracer* tracer, const char* what) {
-  const int error = errno;
-  ZYM_TRACE(tracer, kFailure, what << std::strerror(error));
-  return zym::ErrnoToResult(error);
-}
+static_assert(sizeof(off_t) == 8, "the plain calls are those for large files");
 
-int OpenFlagsOf(Type mode) {
-  const bool write = (mode & kWrite) != 0;
-  const bool read = (mode & kRead) != 0;
-  return (write && read ? O_RDWR : write ? O_WRONLY : O_RDONLY) | O_CLOEXEC;
-}
-
-// What the descriptor was opened for.
-Type ModeOf(int fd) {
+// O_PATH opens a name and no content: nothing can be read from it or written to it.
+mode::Type ModeOfDescriptor(int fd) {
   const int flags = ::fcntl(fd, F_GETFL);
-  switch (flags < 0 ? O_RDONLY : flags & O_ACCMODE) {
+  if (flags < 0 || (flags & O_PATH) != 0) return 0;
+  switch (flags & O_ACCMODE) {
+    case O_RDONLY:
+      return mode::kRead;
     case O_WRONLY:
-      return kWrite;
-    case O_RDWR:
-      return kRead | kWrite;
+      return mode::kWrite;
     default:
-      return kRead;
+      return mode::kRead | mode::kWrite;
   }
 }
 
-zym::datetime_t FromTimespec(const timespec& time) {
-  return zym::datetime::FromUnixSeconds(time.tv_sec) + time.tv_nsec / 100;
+int OpenFlagsOf(mode::Type wanted) {
+  constexpr mode::Type kBoth = mode::kRead | mode::kWrite;
+  if ((wanted & kBoth) == kBoth) return O_RDWR | O_CLOEXEC;
+  return ((wanted & mode::kWrite) != 0 ? O_WRONLY : O_RDONLY) | O_CLOEXEC;
+}
+
+NativePath FileNameOf(const NativePath& path) {
+  return path.substr(path.rfind('/') + 1);
 }
 
 }  // namespace
 
-IO::IO(zym::IServiceLocator* locator, int fd, int directoryFd, ino_t namespaceId, bool autoClose)
+IO::IO(zym::IServiceLocator* locator, int fd, int directoryFd, ino_t namespaceId, bool autoClose,
+       std::optional<mode::Type> availableMode)
     : ServiceProvider(locator),
       m_fd(fd),
       m_directoryFd(directoryFd),
       m_nsId(namespaceId),
-      m_accessMode(ModeOf(fd)),
+      m_accessMode(availableMode ? *availableMode : ModeOfDescriptor(fd)),
       m_availableMode(m_accessMode),
       m_autoClose(autoClose) {}
 
 IO::~IO() {
-  ZYM_TRACE(GetTracer(), kCall, "virtual qor::IO::~IO()");
+  ZYM_TRACE(GetTracer(), kCall, "virtual qor::IO::~IO() (fd: " << m_fd << ")");
   try {
-    if (IsDeletedOnClose() && !m_removed)
+    if (IsDeleteOnClose() && !m_removed)
       ZYM_CHECK_RESULT_OR_THROW(RemoveFile(), "Cannot remove file " << m_path);
   } catch (...) {
-    zym::ExceptionToResult(GetTracer(), "Unexpected exception in virtual qor::IO::~IO(): ");
+    zym::ExceptionToResult(GetTracer(), "Unexpected exception in ~IO: ");
   }
   if (!m_autoClose) return;
   Close(m_fd);
   Close(m_directoryFd);
 }
 
-void IO::Close(int fd) const {
-  if (fd == -1) return;
-  if (::close(fd) != 0) static_cast<void>(Fail(GetTracer(), " close: "));
+void IO::Close(int fd) const noexcept {
+  if (fd == -1 || ::close(fd) == 0) return;
+  const int error = errno;
+  ZYM_TRACE(GetTracer(), kFailure, "~IO: (fd: " << fd << ") close: " << ::strerror(error));
 }
 
-// --- the stream
-// -----------------------------------------------------------------------------------------------------
+// --- zym::IIO ---------------------------------------------------------------------------------------------
 
 zym::result_t IO::Read(void* data, std::uint32_t size, std::uint32_t& done) {
-  const ssize_t count = ::pread64(m_fd, data, size, static_cast<off64_t>(m_offset));
-  if (count < 0) return Fail(GetTracer(), "read: ");
+  ZYM_TRACE(GetTracer(), kCall, "Read() size: " << size << " (fd: " << m_fd << ")");
+  const ssize_t count = ::pread(m_fd, data, size, static_cast<off_t>(m_offset));
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), count != -1, zym::ErrnoToResult(error), "read: " << ::strerror(error));
+  m_offset += static_cast<zym::file_size_t>(count);
   done = static_cast<std::uint32_t>(count);
-  m_offset += done;
-  ZYM_TRACE(GetTracer(), kCall, "Read " << done << " bytes");
+  ZYM_TRACE(GetTracer(), kCall, "Read() <- Read " << done << " bytes");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::Write(const void* data, std::uint32_t size, std::uint32_t& done) {
-  const ssize_t count = ::pwrite64(m_fd, data, size, static_cast<off64_t>(m_offset));
-  if (count < 0) return Fail(GetTracer(), "write: ");
+  ZYM_TRACE(GetTracer(), kCall, "Write() size: " << size << " (fd: " << m_fd << ")");
+  const ssize_t count = ::pwrite(m_fd, data, size, static_cast<off_t>(m_offset));
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), count != -1, zym::ErrnoToResult(error), "write: " << ::strerror(error));
+  m_offset += static_cast<zym::file_size_t>(count);
   done = static_cast<std::uint32_t>(count);
-  m_offset += done;
-  ZYM_TRACE(GetTracer(), kCall, "Written " << done << " bytes");
+  ZYM_TRACE(GetTracer(), kCall, "Write() <- Written " << done << " bytes");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::Seek(zym::io_seek_method::Type method, zym::file_offset_t offset,
                        zym::file_size_t* position) {
-  // The descriptor's own position follows, but what counts for a relative move is this object's.
+  ZYM_TRACE(GetTracer(), kCall,
+            "Seek() method: " << static_cast<std::uint32_t>(method) << ", offset: " << offset
+                              << " (fd: " << m_fd << ")");
+  // The current offset is this object's own, which the kernel doesn't know.
+  int whence = static_cast<int>(method);
+  off_t target = offset;
+  bool fits = true;
   if (method == zym::io_seek_method::kCurrent) {
-    method = zym::io_seek_method::kBegin;
-    offset += static_cast<zym::file_offset_t>(m_offset);
+    whence = SEEK_SET;
+    fits = !__builtin_add_overflow(static_cast<off_t>(m_offset), offset, &target);
   }
-  const off64_t moved = ::lseek64(m_fd, offset, static_cast<int>(method));
-  if (moved < 0) return Fail(GetTracer(), "lseek64: ");
-  m_offset = static_cast<zym::file_size_t>(moved);
+  const off_t newOffset = fits ? ::lseek(m_fd, target, whence) : -1;
+  const int error = fits ? errno : EOVERFLOW;
+  ZYM_CHECK(GetTracer(), newOffset != -1, zym::ErrnoToResult(error), "lseek64: " << ::strerror(error));
+  m_offset = static_cast<zym::file_size_t>(newOffset);
   if (position != nullptr) *position = m_offset;
-  ZYM_TRACE(GetTracer(), kCall, "New file offset: " << m_offset);
+  ZYM_TRACE(GetTracer(), kCall, "Seek() <- New file offset: " << m_offset);
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::GetPos(zym::file_size_t& position) const {
   position = m_offset;
-  ZYM_TRACE(GetTracer(), kCall, "Current file offset: " << position);
+  ZYM_TRACE(GetTracer(), kCall, "GetPos() <- Current file offset: " << m_offset << " (fd: " << m_fd << ")");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::GetSize(zym::file_size_t& size) const {
-  struct stat64 status {};
-  if (::fstat64(m_fd, &status) != 0) return Fail(GetTracer(), "fstat64: ");
+  struct stat status {};
+  const int result = ::fstat(m_fd, &status);
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fstat64: " << ::strerror(error));
   size = static_cast<zym::file_size_t>(status.st_size);
-  ZYM_TRACE(GetTracer(), kCall, "Current file size: " << size);
+  ZYM_TRACE(GetTracer(), kCall, "GetSize() <- Current file size: " << size << " (fd: " << m_fd << ")");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::SetSize(zym::file_size_t size) {
-  if (::ftruncate(m_fd, static_cast<off_t>(size)) != 0) return Fail(GetTracer(), "ftruncate: ");
-  ZYM_TRACE(GetTracer(), kCall, "New file size: " << size);
+  ZYM_TRACE(GetTracer(), kCall, "SetSize() size: " << size << " (fd: " << m_fd << ")");
+  // A size that off_t can't hold becomes negative, which the kernel refuses with EINVAL.
+  const int result = ::ftruncate(m_fd, static_cast<off_t>(size));
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "ftruncate: " << ::strerror(error));
+  ZYM_TRACE(GetTracer(), kCall, "SetSize() <- New file size: " << size);
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::Flush() {
-  if (::fsync(m_fd) != 0) return Fail(GetTracer(), "fsync: ");
+  ZYM_TRACE(GetTracer(), kCall, "Flush() (fd: " << m_fd << ")");
+  const int result = ::fsync(m_fd);
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fsync: " << ::strerror(error));
   return zym::ZYM_OK;
 }
 
-// --- the access mode
-// ------------------------------------------------------------------------------------------------
+// --- zym::IAccessModeController
+// -----------------------------------------------------------------------------
 
-zym::result_t IO::GetAccessMode(Type& mode) const {
-  mode = m_accessMode;
+zym::result_t IO::GetAccessMode(mode::Type& current) const {
+  current = m_accessMode;
   return zym::ZYM_OK;
 }
 
-zym::result_t IO::GetAvailableAccessMode(Type& mode) {
-  mode = m_availableMode;
+zym::result_t IO::GetAvailableAccessMode(mode::Type& available) {
+  available = m_availableMode;
   return zym::ZYM_OK;
 }
 
-// The descriptor keeps its number and its position.
-zym::result_t IO::ChangeAccessMode(Type mode) {
-  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << ", mode:" << mode << " (fd: " << m_fd << ")");
-  if (tools::IsAccessOk(mode, m_availableMode)) {
-    m_accessMode = mode;
+zym::result_t IO::ChangeAccessMode(mode::Type wanted) {
+  ZYM_TRACE(GetTracer(), kCall,
+            "virtual result_t qor::IO::ChangeAccessMode(zym::io_access_mode::Type), mode:"
+                << wanted << " (fd: " << m_fd << ")");
+  if (tools::IsAccessOk(wanted, m_availableMode)) {
+    m_accessMode = wanted;
     return zym::ZYM_OK;
   }
-  const Type requestedDelete = mode & kDelete;
-  const Type availableDelete = m_availableMode & kDelete;
+  const mode::Type requestedDelete = wanted & mode::kDelete;
+  const mode::Type availableDelete = m_availableMode & mode::kDelete;
   ZYM_CHECK(GetTracer(), tools::IsAccessOk(requestedDelete, availableDelete), zym::ZYM_E_SHARING_VIOLATION,
             "Change denied due to delete mode mismatch, fd: " << m_fd);
-  const off64_t off = ::lseek64(m_fd, 0, SEEK_CUR);
-  ZYM_CHECK(GetTracer(), off != -1, zym::ZYM_E_UNSPECIFIED,
-            "Cannot get current offset, " << std::strerror(errno));
+  if (const zym::result_t result = ReopenWith(wanted); !ZYM_SUCCEEDED(result)) return result;
+  m_accessMode = wanted;
+  m_availableMode = wanted | availableDelete;
+  return zym::ZYM_OK;
+}
 
-  const std::string path = "/proc/self/fd/" + std::to_string(m_fd);
-  const UniqueFd reopened(::open(path.c_str(), OpenFlagsOf(mode)));
-  if (!reopened) {
-    const int error = errno;
-    ZYM_TRACE(GetTracer(), kFailure, "Cannot reopen, " << std::strerror(error));
-    return error == ETXTBSY ? zym::ZYM_E_LOCKED : zym::ZYM_E_UNSPECIFIED;
-  }
-  const int newFd = reopened.Get();
-  ZYM_CHECK(GetTracer(), ::lseek(newFd, off, 0) != -1, zym::ZYM_E_UNSPECIFIED,
-            "Cannot reseek, " << std::strerror(errno));
-  static_assert(O_CLOEXEC == 02000000);
+// Puts a new opening of the same file in the place of the old one.
+zym::result_t IO::ReopenWith(mode::Type wanted) {
+  const off_t off = ::lseek(m_fd, 0, SEEK_CUR);
+  ZYM_CHECK(GetTracer(), off != -1, zym::ZYM_E_UNSPECIFIED, "Cannot get current offset, fd: " << m_fd);
+
+  char link[32];
+  std::snprintf(link, sizeof(link), "/proc/self/fd/%d", m_fd);
+  const UniqueFd newOwner(::open(link, OpenFlagsOf(wanted)));
+  const int error = errno;
+  const int newFd = newOwner.Get();
+  ZYM_CHECK(GetTracer(), newFd != -1, error == ETXTBSY ? zym::ZYM_E_LOCKED : zym::ZYM_E_UNSPECIFIED,
+            "Cannot reopen, fd: " << m_fd << ": " << ::strerror(error));
+
+  // The numbers stand in place of the names because the trace prints the expressions.
+  static_assert(SEEK_SET == 0 && O_CLOEXEC == 02000000);
+  ZYM_CHECK(GetTracer(), ::lseek(newFd, off, 0) != -1, zym::ZYM_E_UNSPECIFIED, "Cannot reseek, fd: " << m_fd);
   ZYM_CHECK(GetTracer(), ::dup3(newFd, m_fd, 02000000) != -1, zym::ZYM_E_UNSPECIFIED,
-            "Cannot dup back, " << std::strerror(errno));
-  m_accessMode = mode;
-  m_availableMode = mode | availableDelete;
+            "Cannot dup back, fd: " << m_fd);
   return zym::ZYM_OK;
 }
 
-// --- the file
-// -------------------------------------------------------------------------------------------------------
-
-zym::result_t IO::GetPath(zym::types::string16_t& path) const try {
-  const std::string nativePath = tools::GetDescriptorPath(m_fd);
-  std::optional<zym::types::string16_t> converted = zym::Utf8ToUtf16(nativePath);
-  if (nativePath.empty() || !converted) return zym::ZYM_E_UNSPECIFIED;
-  path = std::move(*converted);
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetPathImpl(nativePath): ");
-}
-
-zym::result_t IO::GetAttributes(std::uint32_t&) const {
-  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
-  return zym::ZYM_E_NOT_IMPLEMENTED;
-}
-
-zym::result_t IO::SetAttributes(std::uint32_t) {
-  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
-  return zym::ZYM_E_NOT_IMPLEMENTED;
-}
-
-zym::result_t IO::GetCreationTime(zym::datetime_t& time) const {
-  return GetLastWriteTime(time);
-}
-zym::result_t IO::SetCreationTime(const zym::datetime_t& time) {
-  return SetLastWriteTime(time);
-}
-
-zym::result_t IO::GetLastWriteTime(zym::datetime_t& time) const try {
-  struct stat64 status {};
-  if (::fstat64(m_fd, &status) != 0) return Fail(GetTracer(), "fstat64: ");
-  time = FromTimespec(status.st_mtim);
-  ZYM_TRACE(GetTracer(), kCall, "Last write time: " << time);
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetLastWriteTime: ");
-}
-
-zym::result_t IO::GetLastAccessTime(zym::datetime_t& time) const try {
-  struct stat64 status {};
-  if (::fstat64(m_fd, &status) != 0) return Fail(GetTracer(), "fstat64: ");
-  time = FromTimespec(status.st_atim);
-  ZYM_TRACE(GetTracer(), kCall, "Last access time: " << time);
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetLastAccessTime: ");
-}
-
-// futimens takes the access time first, the write time second.
-zym::result_t IO::SetTime(int index, const zym::datetime_t& time) {
-  timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, {.tv_sec = 0, .tv_nsec = UTIME_OMIT}};
-  times[index] = zym::datetime::ToUnix(time);
-  if (::futimens(m_fd, times) != 0) return Fail(GetTracer(), "futimens: ");
-  return zym::ZYM_OK;
-}
-
-zym::result_t IO::SetLastWriteTime(const zym::datetime_t& time) try {
-  ZYM_TRACE(GetTracer(), kCall, "Last write time: " << time);
-  return SetTime(1, time);
-} catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in SetLastWriteTime: ");
-}
-
-zym::result_t IO::SetLastAccessTime(const zym::datetime_t& time) try {
-  ZYM_TRACE(GetTracer(), kCall, "Last access time: " << time);
-  return SetTime(0, time);
-} catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in SetLastAccessTime: ");
-}
-
-// --- properties and removal
-// -----------------------------------------------------------------------------------------
+// --- zym::IPropertyBag
+// --------------------------------------------------------------------------------------
 
 zym::result_t IO::Get(zym::propid_t id, zym::types::variant_t* value) const try {
-  ZYM_TRACE(GetTracer(), kCall, __func__ << " id: " << id << " (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall,
+            "Get() id: " << zym::trace::hex << id << zym::trace::dec << " (fd: " << m_fd << ")");
   switch (id) {
-    case file_property::kDescriptor:
+    case zym::io_property::NativeDescriptor:
       *value = zym::types::variant_t(std::int32_t{m_fd});
       return zym::ZYM_OK;
-    case file_property::kRemoveFile: {
+    case zym::io_property::RemoveFile: {
+      // The mark tells whether the path was ever kept; a removal without it fails for want of a name.
+      ZYM_TRACE(GetTracer(), kCall, "Get: delete on close: " << IsDeleteOnClose());
       const bool removed = ZYM_SUCCEEDED(RemoveFile());
       if (removed) m_removed = true;
       *value = zym::types::variant_t(std::int32_t{removed ? zym::ZYM_OK : zym::ZYM_E_UNSPECIFIED});
@@ -282,54 +237,158 @@ zym::result_t IO::Get(zym::propid_t id, zym::types::variant_t* value) const try 
       return PropertyBagImpl::Get(id, value);
   }
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "Get");
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in Get: ");
 }
 
 zym::result_t IO::Put(zym::propid_t id, const zym::types::variant_t* value) try {
-  if (id == file_property::kDeleteOnClose) m_path = tools::GetDescriptorPath(m_fd);
+  ZYM_TRACE(GetTracer(), kCall,
+            "Put() id: " << zym::trace::hex << id << zym::trace::dec << " (fd: " << m_fd << ")");
+  if (id == zym::io_property::DeleteOnClose) {
+    NativePath nativePath;
+    ZYM_CHECK_RESULT(GetTracer(), GetPathImpl(nativePath));
+    m_path = std::move(nativePath);
+  }
   return PropertyBagImpl::Put(id, value);
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "Put");
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in Put: ");
 }
 
-bool IO::IsDeletedOnClose() const {
+bool IO::IsDeleteOnClose() const {
   zym::types::variant_t value;
-  if (!ZYM_SUCCEEDED(PropertyBagImpl::Get(file_property::kDeleteOnClose, &value))) return false;
+  if (!ZYM_SUCCEEDED(PropertyBagImpl::Get(zym::io_property::DeleteOnClose, &value))) return false;
   const bool* const marked = value.If<bool>();
   return marked != nullptr && *marked;
 }
 
+// --- removal
+// ------------------------------------------------------------------------------------------------
+
 zym::result_t IO::RemoveFile() const {
-  const std::string& nativePath = m_path;
+  const NativePath& nativePath = m_path;
   ZYM_TRACE(GetTracer(), kCall,
-            __PRETTY_FUNCTION__ << " (path: " << nativePath << ", fd: " << m_fd
-                                << ", dirfd: " << m_directoryFd << ")");
+            "result_t qor::IO::RemoveFile() const (path: " << nativePath << ", fd: " << m_fd
+                                                           << ", dirfd: " << m_directoryFd << ")");
   ZYM_CHECK(GetTracer(), !nativePath.empty(), zym::ZYM_E_UNSPECIFIED,
             "Cannot remove unnamed file, fd: " << m_fd);
   ZYM_CHECK(GetTracer(), !qor::tools::IsDeepNestedFile(nativePath), zym::ZYM_E_UNSPECIFIED,
             "Cannot remove unnamed deep nested file, fd: " << m_fd);
-  const std::string filename = nativePath.substr(nativePath.rfind('/') + 1);
+  const NativePath filename = FileNameOf(nativePath);
   ZYM_TRACE(GetTracer(), kCall,
-            __func__ << ", dirfd: (" << m_directoryFd << "), nsId: " << m_nsId << ", filename: " << filename);
-  if (tools::IsForeignNamespace(m_nsId)) return RemoveFileInForeignNamespace(filename.c_str());
-  const int failed =
+            "result_t qor::IO::RemoveFile() const (fd: " << m_fd << ", dirfd: (" << m_directoryFd
+                                                         << "), nsId: " << m_nsId
+                                                         << ", filename: " << filename << ")");
+  return tools::IsForeignNamespace(m_nsId) ? RemoveInForeignNamespace(filename)
+                                           : RemoveInOwnNamespace(nativePath, filename);
+}
+
+zym::result_t IO::RemoveInOwnNamespace(const NativePath& nativePath, const NativePath& filename) const {
+  const int result =
       m_directoryFd == -1 ? ::unlink(nativePath.c_str()) : ::unlinkat(m_directoryFd, filename.c_str(), 0);
-  if (failed == 0) return zym::ZYM_OK;
   const int error = errno;
-  ZYM_TRACE(GetTracer(), zym::trace::kWarning,
-            "Cannot remove '" << nativePath << "': " << std::strerror(error));
+  if (result == 0) return zym::ZYM_OK;
+  ZYM_TRACE(GetTracer(), kWarning, "RemoveFile: Cannot remove '" << nativePath << "': " << ::strerror(error));
   return zym::ErrnoToResult(error);
 }
 
-zym::result_t IO::RemoveFileInForeignNamespace(const char* filename) const {
+zym::result_t IO::RemoveInForeignNamespace(const NativePath& filename) const {
   zym::intrusive_ptr<IRootFdProvider> provider;
   ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(GetServiceLocator(), provider.Ref()),
                    "Cannot get IRootFdProvider interface");
   zym::intrusive_ptr<IDescriptor> namespaceFd;
   ZYM_CHECK_RESULT(GetTracer(), provider->GetNamespaceFd(m_nsId, namespaceFd.Ref()),
                    "Cannot get root directory fd for ns=" << m_nsId);
-  ZYM_TRACE(GetTracer(), kCall, "nsid = " << m_nsId << ", namespace fd = " << namespaceFd->Get());
-  return tools::UnlinkInNamespace(namespaceFd->Get(), m_directoryFd, filename);
+  ZYM_TRACE(GetTracer(), kCall, "RemoveFile: nsid = " << m_nsId << ", namespace fd = " << namespaceFd->Get());
+  return ZYM_REPORT_RESULT(GetTracer(),
+                           tools::UnlinkInNamespace(namespaceFd->Get(), m_directoryFd, filename.c_str()),
+                           "Cannot remove '" << filename << "' in ns=" << m_nsId);
+}
+
+// --- zym::IFileDescriptor
+// -----------------------------------------------------------------------------------
+
+zym::result_t IO::GetPathImpl(NativePath& path) const {
+  return tools::GetDescriptorPath(m_fd, path);
+}
+
+zym::result_t IO::GetPath(zym::types::string16_t& path) const try {
+  NativePath nativePath;
+  ZYM_CHECK_RESULT(GetTracer(), GetPathImpl(nativePath));
+  auto text = zym::Utf8ToUtf16(nativePath);
+  ZYM_CHECK(GetTracer(), text.has_value(), zym::ZYM_E_UNSPECIFIED, "The path is not valid UTF-8");
+  path = std::move(*text);
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetPath: ");
+}
+
+zym::result_t IO::GetAttributes(std::uint32_t&) const {
+  ZYM_TRACE(GetTracer(), kCall, "virtual result_t qor::IO::GetAttributes(uint32_t&) const");
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
+
+zym::result_t IO::SetAttributes(std::uint32_t) {
+  ZYM_TRACE(GetTracer(), kCall, "virtual result_t qor::IO::SetAttributes(uint32_t)");
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
+
+// By design: a file here has no creation time of its own.
+zym::result_t IO::GetCreationTime(zym::datetime_t& time) const {
+  return GetLastWriteTime(time);
+}
+
+zym::result_t IO::SetCreationTime(const zym::datetime_t& time) {
+  return SetLastWriteTime(time);
+}
+
+zym::result_t IO::GetLastWriteTime(zym::datetime_t& time) const try {
+  struct stat status {};
+  const int result = ::fstat(m_fd, &status);
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fstat64: " << ::strerror(error));
+  time = zym::datetime::FromUnix(status.st_mtim);
+  ZYM_TRACE(GetTracer(), kCall, "GetLastWriteTime() <- Last write time: " << time);
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetLastWriteTime: ");
+}
+
+zym::result_t IO::GetLastAccessTime(zym::datetime_t& time) const try {
+  struct stat status {};
+  const int result = ::fstat(m_fd, &status);
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fstat64: " << ::strerror(error));
+  time = zym::datetime::FromUnix(status.st_atim);
+  ZYM_TRACE(GetTracer(), kCall, "GetLastAccessTime() <- Last access time: " << time);
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetLastAccessTime: ");
+}
+
+zym::result_t IO::SetLastWriteTime(const zym::datetime_t& time) try {
+  const std::timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, zym::datetime::ToUnix(time)};
+  const int result = ::futimens(m_fd, times);
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "futimens: " << ::strerror(error));
+  ZYM_TRACE(GetTracer(), kCall, "SetLastWriteTime() <- Last write time: " << time);
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in SetLastWriteTime: ");
+}
+
+zym::result_t IO::SetLastAccessTime(const zym::datetime_t& time) try {
+  const std::timespec times[2] = {zym::datetime::ToUnix(time), {.tv_sec = 0, .tv_nsec = UTIME_OMIT}};
+  const int result = ::futimens(m_fd, times);
+  const int error = errno;
+  ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "futimens: " << ::strerror(error));
+  ZYM_TRACE(GetTracer(), kCall, "SetLastAccessTime() <- Last access time: " << time);
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in SetLastAccessTime: ");
+}
+
+zym::result_t IO::GetDescriptor(int& fd) const {
+  fd = m_fd;
+  return zym::ZYM_OK;
 }
 
 }  // namespace qor

@@ -1,104 +1,136 @@
 #include "qor_common/mount_namespace.h"
 
-#include <fcntl.h>
+#include <dlfcn.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
-#include <cstring>
-#include <limits>
+#include <string_view>
 
-// The task below runs on a stack and with a thread state of its own that the sanitizers know nothing of.
-#define ZYM_NO_SANITIZE __attribute__((no_sanitize("address", "thread", "undefined"), no_stack_protector))
+#include "process_manager/types.h"
 
 namespace qor::tools {
 namespace {
 
-constexpr int kSharedTask = CLONE_VM | CLONE_FILES | CLONE_SIGHAND | CLONE_VFORK | CLONE_THREAD;
-static_assert(kSharedTask == 0x14d00);
+using SetNsFunction = int (*)(int, int);
 
-bool IsUnderValgrind() {
-  static const bool result = [] {
-    const char* const value = std::getenv("QOR_VALGRIND_CHECK");
-    return value != nullptr && std::strcmp(value, "ON") == 0;
-  }();
-  return result;
+// An old C library has no setns.
+SetNsFunction FindSetNs() {
+  if (void* const found = ::dlsym(nullptr, "setns"); found != nullptr)
+    return reinterpret_cast<SetNsFunction>(found);
+  return [](int fd, int type) { return static_cast<int>(::syscall(SYS_setns, fd, type)); };
 }
 
-// Two pages, the lower one a guard.
-class TaskStack {
- public:
-  TaskStack()
-      : m_size(2 * PageSize()),
-        m_begin(
-            ::mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0)) {
-    if (m_begin != MAP_FAILED && ::mprotect(m_begin, PageSize(), PROT_NONE) != 0) Unmap();
-  }
-  ~TaskStack() { Unmap(); }
-  TaskStack(const TaskStack&) = delete;
-  TaskStack& operator=(const TaskStack&) = delete;
+bool IsValgrindCheck() {
+  const char* const value = ::getenv("QOR_VALGRIND_CHECK");
+  return value != nullptr && std::string_view(value) == "ON";
+}
 
-  // Null when there was no memory.
-  [[nodiscard]] void* Top() const {
-    return m_begin != MAP_FAILED ? static_cast<char*>(m_begin) + m_size : nullptr;
+// What the thread needs, with addresses found before it begins: it has one page of stack, too little for the
+// dynamic linker.
+struct UnlinkCall {
+  int namespaceFd;
+  int dirFd;
+  const char* filename;
+  SetNsFunction setNs;
+  int (*unlinkAt)(int, const char*, int);
+  int* threadErrno;  // the caller's: the thread shares its thread-local storage
+  int error;
+};
+
+// Runs on a bare thread, so no sanitizer may keep a record of its frames: it never returns from this one.
+__attribute__((noinline, no_sanitize_address, no_sanitize_thread, no_sanitize_undefined)) int UnlinkThread(
+    void* argument) {
+  UnlinkCall* const call = static_cast<UnlinkCall*>(argument);
+  *call->threadErrno = 0;
+  if (call->setNs(call->namespaceFd, 0) == 0) call->unlinkAt(call->dirFd, call->filename, 0);
+  call->error = *call->threadErrno;
+  // The C library knows nothing of this thread: only the kernel may end it.
+  asm volatile("syscall" : : "a"(SYS_exit), "D"(0) : "rcx", "r11", "memory");
+  __builtin_unreachable();
+}
+
+// Two pages, the lower of which catches an overflow.
+class ThreadStack {
+ public:
+  ThreadStack()
+      : m_memory(::mmap(nullptr, 2 * PageSize(), PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0)) {
+    m_error = errno;
+    if (m_memory != MAP_FAILED && ::mprotect(m_memory, PageSize(), PROT_NONE) == 0) m_error = 0;
   }
+  ~ThreadStack() {
+    if (m_memory != MAP_FAILED) ::munmap(m_memory, 2 * PageSize());
+  }
+  ThreadStack(const ThreadStack&) = delete;
+  ThreadStack& operator=(const ThreadStack&) = delete;
+
+  // 0, or the errno of the call that failed.
+  [[nodiscard]] int Error() const { return m_error; }
+  [[nodiscard]] void* Top() const { return static_cast<char*>(m_memory) + 2 * PageSize(); }
 
  private:
   static std::size_t PageSize() {
     static const auto size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     return size;
   }
-  void Unmap() {
-    if (m_begin != MAP_FAILED) ::munmap(m_begin, m_size);
-    m_begin = MAP_FAILED;
+
+  void* m_memory;
+  int m_error;
+};
+
+// Holds back all signals: a handler must not run on the thread's small stack.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &m_before);
   }
+  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
 
-  std::size_t m_size;
-  void* m_begin;
+ private:
+  sigset_t m_before;
 };
-
-struct UnlinkCall {
-  int namespaceFd;
-  int dirFd;
-  const char* filename;
-  int error;
-};
-
-// The task shares this thread's errno, which its system calls use, and has no C library state of its own: it
-// leaves by the raw system call.
-ZYM_NO_SANITIZE int UnlinkTask(void* argument) {
-  auto* const call = static_cast<UnlinkCall*>(argument);
-  errno = 0;
-  if (::setns(call->namespaceFd, 0) == 0) ::unlinkat(call->dirFd, call->filename, 0);
-  call->error = errno;
-  ::syscall(SYS_exit, 0);
-  return 0;
-}
 
 }  // namespace
 
 std::uint64_t GetOwnNamespaceId() {
   struct stat status {};
-  return ::stat("/proc/self/ns/mnt", &status) == 0 ? status.st_ino
-                                                   : std::numeric_limits<std::uint64_t>::max();
+  return ::stat("/proc/self/ns/mnt", &status) == 0 ? status.st_ino : 0;
 }
 
 bool IsForeignNamespace(std::uint64_t id) {
-  return id != std::numeric_limits<std::uint64_t>::max() && id != GetOwnNamespaceId();
+  return id != kNoMountNamespace && id != GetOwnNamespaceId();
 }
 
 zym::result_t UnlinkInNamespace(int namespaceFd, int dirFd, const char* filename) {
-  if (IsUnderValgrind()) return zym::ZYM_E_NOT_IMPLEMENTED;
-  const TaskStack stack;
-  if (stack.Top() == nullptr) return zym::ErrnoToResult(errno);
-  UnlinkCall call{.namespaceFd = namespaceFd, .dirFd = dirFd, .filename = filename, .error = 0};
-  // It shares all but the file system context, which is why it can enter another mount namespace, and
-  // CLONE_VFORK puts this thread to sleep until it ends.
-  if (::clone(&UnlinkTask, stack.Top(), kSharedTask, &call) < 0) return zym::ErrnoToResult(errno);
+  static const bool isValgrindCheck = IsValgrindCheck();
+  if (isValgrindCheck) return zym::ZYM_E_NOT_IMPLEMENTED;
+  static const SetNsFunction setNs = FindSetNs();
+
+  const ThreadStack stack;
+  if (stack.Error() != 0) return zym::ErrnoToResult(stack.Error());
+  // A thread that shares all but the file system context, which is why it alone may enter another mount
+  // namespace (setns(2): EINVAL for a caller that shares it). CLONE_VFORK holds this thread until it has
+  // ended.
+  constexpr int kFlags = CLONE_VM | CLONE_FILES | CLONE_SIGHAND | CLONE_VFORK | CLONE_THREAD;
+  static_assert(kFlags == 0x14d00);
+  UnlinkCall call{namespaceFd, dirFd, filename, setNs, &::unlinkat, &errno, 0};
+  const SignalsBlocked signalsBlocked;
+  if (::clone(UnlinkThread, stack.Top(), kFlags, &call) == -1) {
+    const int error = errno;
+    return zym::ErrnoToResult(error);
+  }
   return zym::ErrnoToResult(call.error);
 }
 

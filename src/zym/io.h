@@ -23,6 +23,14 @@ inline constexpr Type kWrite = 2;
 inline constexpr Type kDelete = 4;
 }  // namespace io_access_mode
 
+// Properties that a stream over a file has in its IPropertyBag.
+namespace io_property {
+inline constexpr std::uint32_t DeleteOnClose = 0x20601000;  // bool: the file is removed with the object
+inline constexpr std::uint32_t RemoveFile = 0x20500173;  // reading it removes the file; int32, a result code
+inline constexpr std::uint32_t NativeDescriptor =
+    0x30c02001;  // int32: the file descriptor, which stays the object's
+}  // namespace io_property
+
 // One user at a time. A failed system call gives its errno as a result code.
 struct IIO : IObject {
   static constexpr iid_t kIid = 0x0000000a;
@@ -41,23 +49,22 @@ struct IIO : IObject {
   ~IIO() = default;
 };
 
-// Changes what may be done with an open stream.
+// What may be done with a stream that is already open. A mode is a set of io_access_mode bits.
 struct IAccessModeController : IObject {
   static constexpr iid_t kIid = IidOf("zym::IAccessModeController");
 
   virtual result_t GetAccessMode(io_access_mode::Type& mode) const = 0;
-  // ZYM_E_SHARING_VIOLATION: the right to delete can't be gained afterwards. ZYM_E_LOCKED: the file is a
-  // program that runs. ZYM_E_UNSPECIFIED: it can't be opened in that mode.
+  // Makes `mode` the current one. ZYM_E_SHARING_VIOLATION: it asks for kDelete, which can't be gained once
+  // the stream is open. ZYM_E_LOCKED: the file is a program that runs. On failure the mode stays as it was.
   virtual result_t ChangeAccessMode(io_access_mode::Type mode) = 0;
-  // The bits that were had so far, which are changed to without a system call.
+  // What a change gets without touching the file.
   virtual result_t GetAvailableAccessMode(io_access_mode::Type& mode) = 0;
 
  protected:
   ~IAccessModeController() = default;
 };
 
-// The file behind a stream. A file has no creation time here: the creation time is the last write time under
-// another name. Attributes are not implemented.
+// The file behind a stream. A setter that fails changes nothing; a getter that fails leaves the value alone.
 struct IFileDescriptor : IObject {
   static constexpr iid_t kIid = IidOf("zym::IFileDescriptor");
 
@@ -66,7 +73,7 @@ struct IFileDescriptor : IObject {
   virtual result_t GetCreationTime(datetime_t& time) const = 0;
   virtual result_t GetLastWriteTime(datetime_t& time) const = 0;
   virtual result_t GetLastAccessTime(datetime_t& time) const = 0;
-  virtual result_t GetFileSize(file_size_t& size) const = 0;
+  virtual result_t GetSize(file_size_t& size) const = 0;
   virtual result_t SetAttributes(std::uint32_t attributes) = 0;
   virtual result_t SetCreationTime(const datetime_t& time) = 0;
   virtual result_t SetLastWriteTime(const datetime_t& time) = 0;

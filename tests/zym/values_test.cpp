@@ -135,6 +135,26 @@ TEST(Datetime, RefusesWhatTheOtherClockCantHold) {
             }).rfind("Invalid utc timestamp for posix platform ", 0),
             0U);
   EXPECT_NO_THROW(datetime::ToUnix(-datetime::kUnixEpoch));
+  // 1600-12-31T23:59:59: the seconds are fine, the time has no place in these units.
+  EXPECT_EQ(message([] {
+              datetime::FromUnixSeconds(-11644473601);
+            }).rfind("Invalid utc timestamp for posix platform -116444736010000000", 0),
+            0U);
+  EXPECT_EQ(datetime::FromUnixSeconds(-11644473600), 0);
+}
+
+TEST(Datetime, ATimeThatIsNoneIsAnInvalidArgument) {
+  try {
+    datetime::ToUnix(-datetime::kUnixEpoch - 1);
+    FAIL() << "no exception";
+  } catch (const datetime::TimeSystemError& e) {
+    EXPECT_EQ(e.Result(), ZYM_E_INVALID_ARGUMENT);
+  }
+}
+
+TEST(Datetime, CutsUnixTimesToWholeUnits) {
+  EXPECT_EQ(datetime::FromUnix({1, 1999}), 116444736010000019);
+  EXPECT_EQ(datetime::FromUnix({-1, 999999999}), 116444735999999999);
 }
 
 class Bag : public object::Ifaces<PropertyBagImpl<IPropertyBag>> {};
@@ -147,6 +167,29 @@ TEST(PropertyBag, KeepsCopiesByNumber) {
   variant_t read;
   ASSERT_EQ(bag->Get(5, &read), ZYM_OK);
   EXPECT_EQ(*read.If<std::uint32_t>(), 7U);
+}
+
+TEST(PropertyBag, WalksItsIdsInOrderAsTheyWere) {
+  const auto before = ModuleObjectCounter::Value();
+  {
+    const auto bag = CreateObject<Bag>();
+    const variant_t value{true};
+    for (const propid_t id : {7U, 0xffffffffU, 2U}) ASSERT_EQ(bag->Put(id, &value), ZYM_OK);
+    intrusive_ptr<IEnumProperties> properties;
+    ASSERT_EQ(bag->Enumerate(properties.Ref()), ZYM_OK);
+    ASSERT_EQ(bag->Put(3, &value), ZYM_OK);
+    for (int walk = 0; walk < 2; ++walk) {
+      propid_t id = 0;
+      for (const propid_t expected : {2U, 7U, 0xffffffffU}) {
+        ASSERT_EQ(properties->Next(&id), ZYM_OK);
+        EXPECT_EQ(id, expected);
+      }
+      EXPECT_EQ(properties->Next(&id), ZYM_FALSE);
+      EXPECT_EQ(id, 0xffffffffU) << "left alone at the end";
+      EXPECT_EQ(properties->Reset(), ZYM_OK);
+    }
+  }
+  EXPECT_EQ(ModuleObjectCounter::Value(), before);
 }
 
 TEST(PropertyBag, SaysWhatItDoesNotHave) {

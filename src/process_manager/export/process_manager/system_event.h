@@ -83,7 +83,8 @@ struct ISystemEvent : system_interceptors::event_processing::IEvent, zym::NonCop
 
 namespace si_ep::create_process_event::extended_parameters {
 
-// In the zym::IPropertyBag of a create_process event: a zym::IIO on the image of the new process.
+// In the zym::IPropertyBag of a create_process event: a zym::IIO on the image of the new process, which is a
+// qor::IFileDescriptor (file_descriptor.h) as well.
 inline constexpr std::uint32_t ExecutableFileIO = 0x81000000;
 
 }  // namespace si_ep::create_process_event::extended_parameters

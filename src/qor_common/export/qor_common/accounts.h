@@ -16,12 +16,14 @@ struct User {
   std::string shell;
 };
 
-// Every well-formed line of "/etc/passwd"; empty when the file can't be read.
-std::vector<User> GetUsers();
+// Every well-formed line of passwd(5), in the order of the file; empty when the file can't be read. A line
+// without its seven fields and numeric ids is passed over: a comment, or an inclusion of NIS.
+std::vector<User> GetUsers(const char* path = "/etc/passwd");
 std::vector<User> ParsePasswd(std::string_view text);
 
-// The first user id of a person: UID_MIN of "/etc/login.defs", or 1000.
-std::uint32_t GetMinUid();
+// The first user id of a person: the decimal number behind UID_MIN, the first word of a line of
+// login.defs(5), the last such line counting; kDefaultMinUid when the file or the number is missing.
+std::uint32_t GetMinUid(const char* path = "/etc/login.defs");
 std::uint32_t ParseMinUid(std::string_view text);
 
 inline constexpr std::uint32_t kDefaultMinUid = 1000;

@@ -1,7 +1,7 @@
 // A descriptor that one thread sleeps on in poll(2) and any other can make readable.
 #pragma once
 
-#include <memory>
+#include <variant>
 
 #include "qor_common/unique_fd.h"
 #include "zym/result.h"
@@ -9,32 +9,26 @@
 namespace qor {
 namespace detail {
 
-struct IDescriptorNotifier {
-  virtual ~IDescriptorNotifier() = default;
-  virtual int GetDescriptor() const = 0;
-  virtual zym::result_t Notify() = 0;
-  virtual zym::result_t Reset() = 0;
-};
-
-// Both throw std::system_error when they can't be made. Not inheritable: closed in a child after exec, and
-// the end that is polled never blocks.
-class EventFdDescriptorNotifier final : public IDescriptorNotifier {
+// Both throw std::system_error when they can't be made, with the place of the throw for those who ask
+// (Boost's diagnostic information). Not inheritable: closed in a child after exec, and the end that is polled
+// never blocks.
+class EventFdDescriptorNotifier {
  public:
   explicit EventFdDescriptorNotifier(bool inheritable);
-  int GetDescriptor() const override { return m_event.Get(); }
-  zym::result_t Notify() override;
-  zym::result_t Reset() override;
+  [[nodiscard]] int GetDescriptor() const { return m_event.Get(); }
+  zym::result_t Notify();
+  zym::result_t Reset();
 
  private:
   UniqueFd m_event;
 };
 
-class PipeDescriptorNotifier final : public IDescriptorNotifier {
+class PipeDescriptorNotifier {
  public:
   explicit PipeDescriptorNotifier(bool inheritable);
-  int GetDescriptor() const override { return m_read.Get(); }
-  zym::result_t Notify() override;
-  zym::result_t Reset() override;
+  [[nodiscard]] int GetDescriptor() const { return m_read.Get(); }
+  zym::result_t Notify();
+  zym::result_t Reset();
 
  private:
   enum Pipe { kRead, kWrite };
@@ -53,16 +47,26 @@ class DescriptorNotifier {
   explicit DescriptorNotifier(bool inheritable = false);
 
   // The descriptor to poll for POLLIN. Owned by this object.
-  [[nodiscard]] int GetDescriptor() const { return m_notifier->GetDescriptor(); }
+  [[nodiscard]] int GetDescriptor() const {
+    return std::visit([](const auto& notifier) { return notifier.GetDescriptor(); }, m_notifier);
+  }
 
   // Makes it readable. A failure is the errno by ErrnoToResult; EAGAIN and EINTR are repeated.
-  zym::result_t Notify() { return m_notifier->Notify(); }
+  zym::result_t Notify() {
+    return std::visit([](auto& notifier) { return notifier.Notify(); }, m_notifier);
+  }
 
-  // Takes back every notification of an eventfd, but only one of a pipe.
-  zym::result_t Reset() { return m_notifier->Reset(); }
+  // Takes back every notification of an eventfd, but only one of a pipe. With none to take back it waits for
+  // one.
+  zym::result_t Reset() {
+    return std::visit([](auto& notifier) { return notifier.Reset(); }, m_notifier);
+  }
 
  private:
-  std::unique_ptr<detail::IDescriptorNotifier> m_notifier;
+  using Notifier = std::variant<detail::EventFdDescriptorNotifier, detail::PipeDescriptorNotifier>;
+  static Notifier Make(bool inheritable);
+
+  Notifier m_notifier;
 };
 
 }  // namespace qor

@@ -1,4 +1,4 @@
-// Files of other mount namespaces, by the namespace.
+// Mount namespaces, which the kernel numbers by the inode of /proc/<pid>/ns/mnt (namespaces(7)).
 #pragma once
 
 #include <cstdint>
@@ -7,15 +7,17 @@
 
 namespace qor::tools {
 
-// The inode of this process's mount namespace; all ones when it can't be read. Read at each call.
+// The mount namespace of this process, read anew at each call. 0 on a kernel that has no such file.
 std::uint64_t GetOwnNamespaceId();
 
-// False for an id that is all ones: nobody recorded one.
+// False for kNoMountNamespace (-1) and for the own namespace.
 bool IsForeignNamespace(std::uint64_t id);
 
-// unlinkat(dirFd, filename, 0) in the mount namespace of `namespaceFd`, on a short-lived task of its own, so
-// that this process stays where it is. Failures are the errno by ErrnoToResult; ZYM_E_NOT_IMPLEMENTED: the
-// environment says QOR_VALGRIND_CHECK=ON, whose tool can't follow such a task.
+// Removes the file `filename` below the directory `dirFd` in the mount namespace of `namespaceFd`. The
+// calling thread sleeps meanwhile, with all signals blocked, and stays in its own namespace. A failure is the
+// errno by ErrnoToResult: ZYM_E_ACCESS_DENIED without CAP_SYS_ADMIN and CAP_SYS_CHROOT (setns(2)).
+// ZYM_E_NOT_IMPLEMENTED: the environment has QOR_VALGRIND_CHECK=ON, read once; valgrind can't follow the
+// thread.
 zym::result_t UnlinkInNamespace(int namespaceFd, int dirFd, const char* filename);
 
 }  // namespace qor::tools

@@ -1,31 +1,33 @@
-// Paths as another process sees them, opened without entering its mount namespace.
+// Files as another process sees them, without entering its mount namespace.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "process_manager/types.h"
 #include "qor_common/unique_fd.h"
 #include "zym/result.h"
 
 namespace qor::tools {
 
-// Opens the directory of `path`, from the root of `pid` if the path is absolute, else from its working
-// directory, and replaces what `dirFd` held. ZYM_E_UNSPECIFIED: it can't be opened.
-zym::result_t OpenDirectoryOfPath(std::uint32_t pid, std::u16string_view path, UniqueFd& dirFd);
+// Opens the directory of `path` from the root of the process, or from its working directory when `path` is
+// relative. Below that the kernel follows links as for this process, so `path` should hold none, which is so
+// for the targets that /proc gives. ZYM_E_UNSPECIFIED: the process or the directory can't be opened. `dirFd`
+// gets the descriptor and closes what it held; it is left alone when the process itself can't be opened.
+zym::result_t OpenDirectoryOfPath(PidType pid, std::u16string_view path, UniqueFd& dirFd);
 
-// The same, and then the file itself, read-only.
-zym::result_t OpenFileOfPath(std::uint32_t pid, std::u16string_view path, UniqueFd& dirFd, UniqueFd& fileFd);
+// The same, and then the file itself, for reading.
+zym::result_t OpenFileOfPath(PidType pid, std::u16string_view path, UniqueFd& dirFd, UniqueFd& fileFd);
 
-// openat(2) with a path of any length: one beyond PATH_MAX is walked in pieces. -1 with errno on failure.
+// openat(2) for a path of any length: goes down piece by piece where the kernel takes at most 4095 bytes. -1
+// and errno on a failure, with nothing left open.
 int OpenLongPath(int dirFd, std::string_view path, int flags);
 
-// A path through another process's root: "/proc/<pid>/root/...".
-bool IsProcRootPath(const std::string& path);
-// What follows the root in such a path.
-std::string StripProcRoot(const std::string& path);
+// The path runs through the root of a process: "/proc/[0-9]+/root/.*" matches it whole.
+bool IsProcRootPath(std::string_view path);
 
-// The path behind an own descriptor, by its link in /proc/self/fd; empty when there is none.
-std::string GetDescriptorPath(int fd);
+// What follows the root in such a path; empty when nothing follows, or the path is none such. Reads with the
+// format "/proc/%d/root%4096s": what is told ends at the first white space, and at 4096 bytes.
+std::string StripProcRoot(const std::string& path);
 
 }  // namespace qor::tools

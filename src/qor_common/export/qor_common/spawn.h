@@ -1,8 +1,9 @@
-// Starting a program that has nothing to do with its starter any more.
+// Starts a program that has no tie to this process.
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,25 +13,36 @@
 namespace qor {
 
 struct SpawnContext {
-  static constexpr std::size_t kMaxStrings = 50;  // arguments, and likewise variables; more are left out
-  static constexpr std::size_t kMaxStringLength = 4095;  // bytes; longer ones are cut
+  static constexpr std::size_t kMaxStrings = 50;
+  static constexpr std::size_t kMaxStringLength = 4095;
 
-  std::string program;                   // an absolute path
-  std::vector<std::string> arguments;    // behind the program's own name
-  std::vector<std::string> environment;  // "NAME=value"
+  std::string program;  // the path of the executable, which becomes the first argument
+  // Of each list the first kMaxStrings are taken, and of each string the first kMaxStringLength bytes.
+  std::vector<std::string> arguments;    // those that follow the program's name
+  std::vector<std::string> environment;  // "NAME=value"; nothing else is inherited
   std::string workingDirectory = "/";
   std::optional<uid_t> userId;
   std::optional<gid_t> groupId;
-  std::vector<gid_t> supplementaryGroups;  // set when any of the two ids is
-  // Inherited as the standard streams; those that aren't given are /dev/null.
+  // The supplementary groups. Absent while a user or a group is given: there are none.
+  std::optional<std::vector<gid_t>> groups;
+  // Descriptors of this process; /dev/null for one that is absent.
   std::optional<int> standardInput;
   std::optional<int> standardOutput;
   std::optional<int> standardError;
 };
 
-// Starts the program as a session leader of its own, with no other descriptors, no blocked signals and no tie
-// to this process, whose death it survives. Returns when it is on its way; what becomes of it isn't told.
-// ZYM_E_INVALID_ARGUMENT: a descriptor isn't open. ZYM_E_NOT_FOUND: no such executable. Else an errno.
+// Runs the program as the leader of a session of its own, as a child of init or of the next subreaper, with
+// the standard streams open and nothing else, no signal blocked, SIGCHLD and SIGHUP ignored, and a umask of
+// 0. Waits until it is on its own, not until it runs: what fails after that (the working directory, the ids,
+// execve(2)) only its new parent sees, as an exit status (the errno; 132 to 134 real, effective and saved
+// group, 135 to 137 the same of the user).
+//
+// Safe in a process with threads: between fork and execve only async-signal-safe calls are made, on memory
+// that was laid out before. The process in between is no child for wait(2) of other threads, and raises no
+// SIGCHLD.
+//
+// ZYM_E_INVALID_ARGUMENT: a descriptor isn't open. ZYM_E_NOT_FOUND: there is no executable file of that name.
+// Otherwise a failure is the errno by ErrnoToResult. Throws only std::bad_alloc.
 zym::result_t SecureDaemonSpawn(const SpawnContext& spawnContext);
 
 }  // namespace qor

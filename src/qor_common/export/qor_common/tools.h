@@ -1,35 +1,33 @@
-// Small facts about files: whose they are, and what may be done with them.
+// Small things that several components ask for.
 #pragma once
 
-#include <string>
+#include <cstdint>
 #include <string_view>
 
-#include "zym/io.h"
+#include "process_manager/types.h"
+#include "zym/result.h"
 
 namespace qor::tools {
 
-// What stands for a path that is too deep to be expressed.
+// Stands for a path that can't be told because it is too deep.
 inline constexpr std::string_view kPathIsTooLong = "<PATH IS TOO LONG>";
 inline constexpr std::u16string_view kPathIsTooLong16 = u"<PATH IS TOO LONG>";
 
-// The path is the placeholder, as a whole.
+// The path is that placeholder, as a whole.
 bool IsDeepNestedFile(std::string_view path);
 bool IsDeepNestedFile(std::u16string_view path);
 
-// The file is one of the product's own executables: by device and inode, so that a hard link to one is
-// trusted and a file that merely has a similar name is not.
-bool IsTrustedExecutable(const std::string& path);
-
 // Every bit of `requested` is in `available`.
-bool IsAccessOk(zym::io_access_mode::Type requested, zym::io_access_mode::Type available);
+constexpr bool IsAccessOk(std::uint32_t requested, std::uint32_t available) {
+  return (requested & available) == requested;
+}
 
-// The path without links, "." and "..". Throws zym::SystemException.
-std::string Realpath(const std::string& path);
+// The path of an open descriptor of this process, as the link "/proc/self/fd/<fd>" gives it: a removed file
+// has " (deleted)" behind its name, and a path that the kernel can't put into one page is kPathIsTooLong. A
+// failure is the errno by ErrnoToResult and leaves `path` alone.
+zym::result_t GetDescriptorPath(int fd, NativePath& path);
 
-// Fixed paths of the product.
-inline constexpr const char* kResponsePath = "/opt/quelmarin/vorn/bin/response";
-inline constexpr const char* kInstallCurrentPath = "/var/opt/quelmarin/vorn/install-current";
-inline constexpr const char* kUpgradeIniPath = "/var/opt/quelmarin/vorn/upgrade.ini";
-inline constexpr const char* kContainerEnvPath = "/var/opt/quelmarin/vorn/private/.containerenv";
+// realpath(3). Throws zym::SystemException, "Cannot resolve path ", when there is no such file.
+NativePath Realpath(const NativePath& path);
 
 }  // namespace qor::tools
