@@ -54,12 +54,14 @@ zym::intrusive_ptr<ISystemEvent> SystemEventsFactory::Create(
   return zym::CreateObject<Event>(m_context, type, std::move(info), listener, std::move(descriptors));
 }
 
+// The switch first: asking for it is cheaper than a look at the own namespace, and it is off on most
+// machines.
 bool SystemEventsFactory::MayOpenInForeignMountNamespace(const process_cache::ProcessInformation& info) {
-  if (!tools::IsForeignNamespace(info.mountNamespaceId)) return false;
   zym::intrusive_ptr<IFeatureLookup> features;
   bool open = false;
   return ZYM_SUCCEEDED(zym::GetInterface(GetServiceLocator(), features.Ref())) &&
-         ZYM_SUCCEEDED(features->GetBoolean(kOpenIOFromForeignMountNamespace, &open)) && open;
+         ZYM_SUCCEEDED(features->GetBoolean(kOpenIOFromForeignMountNamespace, &open)) && open &&
+         tools::IsForeignNamespace(info.mountNamespaceId);
 }
 
 void SystemEventsFactory::OpenImage(const process_cache::ProcessInformation& info,
