@@ -123,8 +123,7 @@ TEST_F(EventTest, ItsInterfacesAreTheEventAndThePropertyBag) {
   ASSERT_EQ(event->QueryInterface(0xe8446ab7, reinterpret_cast<void**>(asEvent.Ref())), zym::ZYM_OK);
   ASSERT_EQ(event->QueryInterface(0x3a4e9ae4, reinterpret_cast<void**>(asBag.Ref())), zym::ZYM_OK);
   EXPECT_EQ(primary, asEvent.get());
-  EXPECT_EQ(event->QueryInterface(zym::IObjectFactory::kIid, &other),
-            zym::ZYM_E_NO_INTERFACE);
+  EXPECT_EQ(event->QueryInterface(zym::IObjectFactory::kIid, &other), zym::ZYM_E_NO_INTERFACE);
   EXPECT_EQ(other, nullptr);
 }
 
