@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
+#include <utility>
 
 #include "qor_common/release_parsers.h"
 #include "qor_common/unique_fd.h"
@@ -20,62 +20,63 @@ namespace qor {
 namespace {
 
 using zym::trace::kCall;
+
 struct ReleaseFile {
   int kind;  // unique to the row
   const char* path;
-  ReleaseParser parser;  // null: such a file is known, but not understood
+  zym::result_t (*parse)(const std::string& text, OsInfo& info);
 };
+
+// There is no parser: such a file is known, but not understood.
+zym::result_t ParseNothing(const std::string&, OsInfo&) {
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
 
 // In the order of the search.
 constexpr auto kReleaseFiles = std::to_array<ReleaseFile>({
-    {0, "/etc/os-release", &ParseOsRelease},
-    {1, "/etc/lsb-release", &ParseLsbRelease},
-    {2, "/etc/system-release", &ParseReleaseLine},
-    {8, "/etc/SuSE-release", &ParseSuse},
-    {23, "/etc/gentoo-release", &ParseReleaseLine},
-    {3, "/etc/centos-release", &ParseReleaseLine},
-    {4, "/etc/redhat-release", &ParseReleaseLine},
-    {5, "/etc/oracle-release", nullptr},
-    {6, "/etc/altlinux-release", nullptr},
-    {7, "/etc/redos-release", nullptr},
-    {9, "/etc/fedora-release", nullptr},
-    {10, "/etc/rosa-release", nullptr},
-    {11, "/etc/goslinux-release", nullptr},
-    {12, "/etc/plesk-release", nullptr},
-    {13, "/etc/sangoma-release", nullptr},
-    {14, "/etc/eyesofnetwork-release", nullptr},
-    {15, "/etc/novell-release", nullptr},
-    {16, "/etc/initrd-release", nullptr},
-    {17, "/etc/iredmail-release", nullptr},
-    {18, "/etc/spacewalk-release", nullptr},
-    {19, "/etc/tenable-release", nullptr},
-    {20, "/etc/cloud-release", nullptr},
-    {21, "/etc/cp-release", nullptr},
-    {22, "/etc/mageia-release", nullptr},
-    {24, "/etc/debian_version", nullptr},
-    {25, "/etc/arch-release", nullptr},
-    {26, "/etc/slackware-release", nullptr},
-    {27, "/etc/slackware-version", nullptr},
+    {0, "/etc/os-release", &ParseOsRelease},        {1, "/etc/lsb-release", &ParseLsbRelease},
+    {2, "/etc/system-release", &ParseReleaseLine},  {8, "/etc/SuSE-release", &ParseSuseRelease},
+    {23, "/etc/gentoo-release", &ParseReleaseLine}, {3, "/etc/centos-release", &ParseReleaseLine},
+    {4, "/etc/redhat-release", &ParseReleaseLine},  {5, "/etc/oracle-release", &ParseNothing},
+    {6, "/etc/altlinux-release", &ParseNothing},    {7, "/etc/redos-release", &ParseNothing},
+    {9, "/etc/fedora-release", &ParseNothing},      {10, "/etc/rosa-release", &ParseNothing},
+    {11, "/etc/goslinux-release", &ParseNothing},   {12, "/etc/plesk-release", &ParseNothing},
+    {13, "/etc/sangoma-release", &ParseNothing},    {14, "/etc/eyesofnetwork-release", &ParseNothing},
+    {15, "/etc/novell-release", &ParseNothing},     {16, "/etc/initrd-release", &ParseNothing},
+    {17, "/etc/iredmail-release", &ParseNothing},   {18, "/etc/spacewalk-release", &ParseNothing},
+    {19, "/etc/tenable-release", &ParseNothing},    {20, "/etc/cloud-release", &ParseNothing},
+    {21, "/etc/cp-release", &ParseNothing},         {22, "/etc/mageia-release", &ParseNothing},
+    {24, "/etc/debian_version", &ParseNothing},     {25, "/etc/arch-release", &ParseNothing},
+    {26, "/etc/slackware-release", &ParseNothing},  {27, "/etc/slackware-version", &ParseNothing},
 });
+
+// Well above any real one. A link to a device without an end must not take the memory.
+constexpr std::size_t kMaxReleaseFileSize = 4 * 1024 * 1024;
 
 // 0 or an errno.
 int ReadWholeFile(const std::string& path, std::string& text) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file) return errno;
+  // Not to wait for the writer of a FIFO.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int openError = errno;
+  const UniqueFd file(fd);
+  if (!file) return openError;
   char buffer[4096];
   for (;;) {
     const ssize_t count = ::read(file.Get(), buffer, sizeof(buffer));
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return errno;
+    const int readError = errno;
+    if (count < 0 && readError == EINTR) continue;
+    if (count < 0) return readError;
     if (count == 0) return 0;
+    if (text.size() + static_cast<std::size_t>(count) > kMaxReleaseFileSize) return EFBIG;
     text.append(buffer, static_cast<std::size_t>(count));
   }
 }
 
-zym::result_t Parse(const ReleaseFile& file, const std::string& text, OsInfo& info) try {
-  return file.parser != nullptr ? file.parser(text, info) : zym::ZYM_E_NOT_IMPLEMENTED;
-} catch (const std::exception&) {
-  return zym::ZYM_E_NOT_MATCHED;  // a hostile or broken file is one that can't be parsed
+zym::result_t Parse(zym::ITracer* tracer, const ReleaseFile& file, const std::string& text,
+                    OsInfo& info) try {
+  return file.parse(text, info);
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(tracer, "GetOsInfo");
 }
 
 bool TakeReleaseFile(zym::ITracer* tracer, const std::string& root, const ReleaseFile& file, OsInfo& info) {
@@ -89,7 +90,7 @@ bool TakeReleaseFile(zym::ITracer* tracer, const std::string& root, const Releas
     ZYM_TRACE(tracer, zym::trace::kWarning, "Unexpected empty file '" << path << "'");
     return false;
   }
-  const zym::result_t result = Parse(file, text, info);
+  const zym::result_t result = Parse(tracer, file, text, info);
   if (ZYM_SUCCEEDED(result))
     ZYM_TRACE(tracer, kCall, "File '" << path << "' was successfully parsed");
   else if (result == zym::ZYM_E_NOT_IMPLEMENTED)
@@ -97,6 +98,15 @@ bool TakeReleaseFile(zym::ITracer* tracer, const std::string& root, const Releas
   else
     ZYM_TRACE(tracer, kCall, "Cannot parse file '" << path << "'");
   return ZYM_SUCCEEDED(result);
+}
+
+zym::result_t AskKernel(zym::ITracer* tracer, OsInfo& info) {
+  ZYM_TRACE(tracer, kCall, "Cannot get OS info from config file, use ::uname");
+  utsname uname{};
+  ZYM_CHECK(tracer, ::uname(&uname) == 0, zym::ZYM_E_UNSPECIFIED,
+            "Error on call ::uname(): " << std::strerror(errno));
+  info.name = std::string(uname.sysname) + " " + uname.version + " " + uname.machine;
+  return zym::ZYM_OK;
 }
 
 }  // namespace
@@ -109,11 +119,7 @@ zym::result_t GetOsInfo(zym::ITracer* tracer, OsInfo& info, const std::string& r
     if (taken) break;
   }
   if (!taken) {
-    ZYM_TRACE(tracer, kCall, "Cannot get OS info from config file, use ::uname");
-    utsname uname{};
-    ZYM_CHECK(tracer, ::uname(&uname) == 0, zym::ZYM_E_UNSPECIFIED,
-              "Error on call ::uname(): " << std::strerror(errno));
-    found.name = std::string(uname.sysname) + " " + uname.version + " " + uname.machine;
+    if (const zym::result_t result = AskKernel(tracer, found); !ZYM_SUCCEEDED(result)) return result;
   }
   info = std::move(found);
   ZYM_TRACE(tracer, kCall, __func__ << ": osName:" << info.name << ", osVersion:" << info.version);

@@ -1,6 +1,5 @@
 #include "qor_common/release_parsers.h"
 
-#include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <boost/regex.hpp>
 #include <optional>
@@ -13,44 +12,44 @@
 namespace qor {
 namespace {
 
-struct IniKeys {
-  const char* name;
-  const char* version;
-  const char* otherVersion;  // where `version` is absent; null if there is none
-  const char* description;
-  bool needsVersion;
-};
+using boost::property_tree::ptree;
 
-// Values are taken as the ini reader gives them: quotes stay.
-zym::result_t ParseIni(const std::string& text, const IniKeys& keys, OsInfo& info) {
-  boost::property_tree::ptree tree;
+ptree ReadKeys(const std::string& text) {
+  ptree tree;
   std::istringstream stream(text);
   tools::ReadIni(stream, tree);
-  // Keys are no paths: a dot in one means nothing.
-  const auto get = [&tree](const char* key) -> std::optional<std::string> {
-    const auto found = tree.find(key);
-    return found != tree.not_found() ? std::optional(found->second.data()) : std::nullopt;
-  };
-  const std::optional<std::string> name = get(keys.name);
-  std::optional<std::string> version = get(keys.version);
-  if (!version && keys.otherVersion != nullptr) version = get(keys.otherVersion);
-  const std::optional<std::string> description = get(keys.description);
-  if (!name || !description || (keys.needsVersion && !version)) return zym::ZYM_E_NOT_MATCHED;
-  info = {.name = *name, .version = version.value_or(""), .description = *description};
-  return zym::ZYM_OK;
+  return tree;
+}
+
+// Not ptree::get, for which a dot in a key begins a path.
+std::optional<std::string> Find(const ptree& tree, const char* key) {
+  const auto found = tree.find(key);
+  return found != tree.not_found() ? std::optional(found->second.data()) : std::nullopt;
 }
 
 }  // namespace
 
 zym::result_t ParseOsRelease(const std::string& text, OsInfo& info) {
-  return ParseIni(text, {"NAME", "VERSION_ID", "RELEASE", "PRETTY_NAME", false}, info);
+  const ptree tree = ReadKeys(text);
+  const auto name = Find(tree, "NAME");
+  auto version = Find(tree, "VERSION_ID");
+  if (!version) version = Find(tree, "RELEASE");
+  const auto description = Find(tree, "PRETTY_NAME");
+  if (!name || !description) return zym::ZYM_E_NOT_MATCHED;
+  info = {.name = *name, .version = version.value_or(""), .description = *description};
+  return zym::ZYM_OK;
 }
 
 zym::result_t ParseLsbRelease(const std::string& text, OsInfo& info) {
-  return ParseIni(text, {"DISTRIB_ID", "DISTRIB_RELEASE", nullptr, "DISTRIB_DESCRIPTION", true}, info);
+  const ptree tree = ReadKeys(text);
+  const auto name = Find(tree, "DISTRIB_ID");
+  const auto version = Find(tree, "DISTRIB_RELEASE");
+  const auto description = Find(tree, "DISTRIB_DESCRIPTION");
+  if (!name || !version || !description) return zym::ZYM_E_NOT_MATCHED;
+  info = {.name = *name, .version = *version, .description = *description};
+  return zym::ZYM_OK;
 }
 
-// "<name> release <version>"
 zym::result_t ParseReleaseLine(const std::string& text, OsInfo& info) {
   constexpr std::string_view kRelease = " release ";
   const std::size_t at = text.find(kRelease);
@@ -61,8 +60,10 @@ zym::result_t ParseReleaseLine(const std::string& text, OsInfo& info) {
   return zym::ZYM_OK;
 }
 
-zym::result_t ParseSuse(const std::string& text, OsInfo& info) {
-  static const boost::regex pattern("^(.+)\\nVERSION\\s*=\\s*(.+)(?:\\nPATCHLEVEL\\s*=\\s*(.+))?",
+zym::result_t ParseSuseRelease(const std::string& text, OsInfo& info) {
+  // A dot that matched a line end, as this library's dot does by default, would take the patch level into the
+  // version.
+  static const boost::regex pattern(R"(^(.+)\nVERSION\s*=\s*(.+)(?:\nPATCHLEVEL\s*=\s*(.+))?)",
                                     boost::regex::perl | boost::regex::no_mod_s);
   boost::smatch match;
   if (!boost::regex_search(text, match, pattern)) return zym::ZYM_E_NOT_MATCHED;
