@@ -1,11 +1,16 @@
 // What stands around the netlink source in its tests.
 #pragma once
 
-#include <atomic>
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -164,7 +169,9 @@ class PlainExecListener : public zym::object::Ifaces<qor::IExecListener> {
   }
 };
 
-class ControllableExecListener : public zym::object::Ifaces<qor::IExecListener, qor::IExecListenerControl> {
+// Keeps what it is told, and has captured executions to tell of: an event of its time holds it.
+class ControllableExecListener
+    : public zym::object::Ifaces<qor::IExecListener, qor::IExecListenerControl, qor::IExecInformationSource> {
  public:
   zym::result_t GetStatistics(std::uint64_t*) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
   zym::result_t WaitExecResult(unsigned int, qor::PidType, int, int&) override {
@@ -196,6 +203,29 @@ class FakeExecListenerFactory : public zym::object::Ifaces<qor::IExecListenerFac
   zym::intrusive_ptr<qor::IExecListener> listener;
   int calls = 0;
 };
+
+// The threads of this process by name.
+inline std::vector<pid_t> ThreadsNamed(std::string_view name) {
+  std::vector<pid_t> threads;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string comm;
+    std::getline(std::ifstream(entry.path() / "comm"), comm);
+    if (comm == name) threads.push_back(std::stoi(entry.path().filename()));
+  }
+  return threads;
+}
+
+// The open descriptors of this process with what they name.
+inline std::map<int, std::string> OpenDescriptors() {
+  std::map<int, std::string> descriptors;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(entry.path(), error);
+    if (!error && target.native().find("/proc/") == std::string::npos)
+      descriptors.emplace(std::stoi(entry.path().filename()), target);
+  }
+  return descriptors;
+}
 
 // Passes records on, and lets a test act at the moment when one is written.
 class WatchedTracer : public zym::object::Ifaces<zym::ITracer> {

@@ -94,8 +94,7 @@ TEST_F(NetlinkSocketTest, TheSubscriptionBringsForks) {
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   for (;;) {
     const auto datagram = Next();
-    const bool isOurFork =
-        datagram[9] == kFork && datagram[15] == static_cast<std::uint32_t>(child);
+    const bool isOurFork = datagram[9] == kFork && datagram[15] == static_cast<std::uint32_t>(child);
     if (!isOurFork) continue;
     EXPECT_EQ(datagram[14], static_cast<std::uint32_t>(::getpid()));
     break;
