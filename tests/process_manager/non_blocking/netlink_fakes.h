@@ -22,7 +22,7 @@
 namespace test_support {
 
 // A process cache that writes down what it is told, and answers as the test wants.
-class FakeEventInfoProvider : public zym::object::Ifaces<qor::process_manager::IEventInfoProvider> {
+class RecordingEventInfoProvider : public zym::object::Ifaces<qor::process_manager::IEventInfoProvider> {
  public:
   using EventInfo = qor::process_manager::process_cache::EventInfo;
   using ProcessInformation = qor::process_manager::process_cache::ProcessInformation;

@@ -55,15 +55,15 @@ class NetlinkInterceptorTest : public testing::Test {
     return m_interceptor->ProcessNetlink(datagram.data(), datagram.size());
   }
 
-  FakeEventInfoProvider::Report OnlyReport() const {
+  RecordingEventInfoProvider::Report OnlyReport() const {
     const auto reports = m_cache->Reports();
     EXPECT_EQ(reports.size(), 1U);
-    return reports.empty() ? FakeEventInfoProvider::Report{} : reports[0];
+    return reports.empty() ? RecordingEventInfoProvider::Report{} : reports[0];
   }
 
   FakeHost m_host;
   zym::intrusive_ptr<FakeProcfsParser> m_parser = zym::CreateObject<FakeProcfsParser>();
-  zym::intrusive_ptr<FakeEventInfoProvider> m_cache = zym::CreateObject<FakeEventInfoProvider>();
+  zym::intrusive_ptr<RecordingEventInfoProvider> m_cache = zym::CreateObject<RecordingEventInfoProvider>();
   zym::intrusive_ptr<FakeFeatureTechsAggregator> m_aggregator =
       zym::CreateObject<FakeFeatureTechsAggregator>();
   zym::intrusive_ptr<FakeEventDispatcher> m_dispatcher = zym::CreateObject<FakeEventDispatcher>();
@@ -530,7 +530,7 @@ TEST(NetlinkInterceptor, LeavesNothingBehind) {
   {
     FakeHost host;
     host.locator->Add(zym::CreateObject<FakeProcfsParser>());
-    host.locator->Add(zym::CreateObject<FakeEventInfoProvider>());
+    host.locator->Add(zym::CreateObject<RecordingEventInfoProvider>());
     const auto interceptor =
         zym::CreateObject<NetlinkInterceptor>(host.locator.get(), zym::CreateObject<FakeEventDispatcher>(),
                                               zym::CreateObject<SystemEventsFactory>(host.locator.get()));
