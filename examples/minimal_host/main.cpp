@@ -1,7 +1,5 @@
 // The smallest host: loads the module, offers it what it needs, and prints the next ten process starts and
-// ends.
-//
-//   minimal_host MODULE          (as root)
+// ends. As root: minimal_host MODULE
 #include <dlfcn.h>
 #include <semaphore.h>
 
@@ -19,14 +17,13 @@
 #include "zym/utf.h"
 
 namespace {
-
+using namespace system_interceptors;
+using zym::result_t;
 using zym::object::Ifaces;
 
-// --- the services, each as small as it can be
-// ---------------------------------------------------------------------
-
+// The services, each as small as it can be.
 struct NoTracer : Ifaces<zym::ITracer> {
-  zym::result_t GetRecord(std::uint32_t, void**, std::uint64_t) override { return zym::ZYM_FALSE; }
+  result_t GetRecord(std::uint32_t, void**, std::uint64_t) override { return zym::ZYM_FALSE; }
   void CommitRecord(void*, std::uint64_t) override {}
 };
 struct Allocator : Ifaces<zym::IAllocator> {
@@ -35,14 +32,14 @@ struct Allocator : Ifaces<zym::IAllocator> {
   void Free(void* p) override { std::free(p); }
 };
 struct NothingPrivate : Ifaces<zym::ITracerCategoryFilter> {
-  zym::result_t Check(std::uint32_t) override { return zym::ZYM_FALSE; }
+  result_t Check(std::uint32_t) override { return zym::ZYM_FALSE; }
 };
 struct StartupData : Ifaces<qor::IStartupDataProvider> {
   const qor::StartupData* GetStartupData() override { return &data; }
   const qor::StartupData data;
 };
 struct NoStatistics : Ifaces<qor::IScanStatisticsCollector> {
-  zym::result_t RegisterScannedProcessFilePath(zym::types::string16_t&&) override { return zym::ZYM_OK; }
+  result_t RegisterScannedProcessFilePath(zym::types::string16_t&&) override { return zym::ZYM_OK; }
 };
 struct Metric : Ifaces<zym::telemetry::IGauge, zym::telemetry::ICounter> {
   void Set(std::int64_t) override {}
@@ -50,21 +47,19 @@ struct Metric : Ifaces<zym::telemetry::IGauge, zym::telemetry::ICounter> {
   void Reset() override {}
 };
 struct NoMetrics : Ifaces<zym::telemetry::IMetricSource, zym::telemetry::IMetricsRegistry> {
-  zym::result_t GetTableMetrics(const char*, zym::telemetry::TableMetrics& metrics) override {
+  result_t GetTableMetrics(const char*, zym::telemetry::TableMetrics& metrics) override {
     const auto metric = zym::CreateObject<Metric>();
     metrics = {metric, metric, metric};
     return zym::ZYM_OK;
   }
-  zym::result_t GetText(zym::types::string_t&) override { return zym::ZYM_E_NOT_SUPPORTED; }
-  zym::result_t RegisterCollector(zym::telemetry::ICollector*, std::uint64_t*) override {
-    return zym::ZYM_OK;
-  }
-  zym::result_t UnregisterCollector(std::uint64_t) override { return zym::ZYM_OK; }
+  result_t GetText(zym::types::string_t&) override { return zym::ZYM_E_NOT_SUPPORTED; }
+  result_t RegisterCollector(zym::telemetry::ICollector*, std::uint64_t*) override { return zym::ZYM_OK; }
+  result_t UnregisterCollector(std::uint64_t) override { return zym::ZYM_OK; }
 };
 
 // Hands out what was put in, by interface id.
 struct Locator : Ifaces<zym::IServiceLocator> {
-  zym::result_t GetInterface(zym::iid_t iid, std::uint32_t, void** out) override {
+  result_t GetInterface(zym::iid_t iid, std::uint32_t, void** out) override {
     const auto found = services.find(iid);
     return found == services.end() ? zym::ZYM_E_NO_INTERFACE : found->second->QueryInterface(iid, out);
   }
@@ -75,24 +70,23 @@ struct Locator : Ifaces<zym::IServiceLocator> {
   std::map<zym::iid_t, zym::intrusive_ptr<zym::IObject>> services;
 };
 
-// --- the handler
-// --------------------------------------------------------------------------------------------------
-
-struct Handler : Ifaces<system_interceptors::event_processing::INonBlockingEventHandler> {
+// Prints ten events; called by one thread.
+struct Handler : Ifaces<event_processing::INonBlockingEventHandler> {
   void OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t) override {
+    if (left == 0) return;
     zym::types::range_t<const std::uint8_t*> view;
-    event->GetParam(system_interceptors::event_param::kImagePath, &view);
-    const std::u16string_view path(reinterpret_cast<const char16_t*>(view.begin()),
-                                   view.size() / sizeof(char16_t));
-    const bool start = event->GetType() == system_interceptors::event_type::kCreateProcess;
+    event->GetParam(event_param::kImagePath, &view);
+    const std::u16string_view path(reinterpret_cast<const char16_t*>(view.begin()), view.size() / 2);
+    const bool start = event->GetType() == event_type::kCreateProcess;
     std::printf("%s %u %s\n", start ? "start" : "end  ", event->GetPid(),
                 zym::Utf16ToUtf8(path).value_or("?").c_str());
-    ::sem_post(&seen);
+    if (--left == 0) ::sem_post(&done);
   }
-  sem_t seen{};
+  int left = 10;
+  sem_t done{};
 };
 
-void Run(void* module) {
+bool Run(void* module) {
   using namespace qor::process_manager;
   const auto getFactory =
       reinterpret_cast<decltype(&zymGetObjectFactory)>(::dlsym(module, "zymGetObjectFactory"));
@@ -128,20 +122,18 @@ void Run(void* module) {
 
   const auto handler = zym::CreateObject<Handler>();
   const auto interceptor = make(qor::class_ids::kInterceptor);
-  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> filters;
+  zym::intrusive_ptr<interceptor_facade::IInterceptor2> filters;
   zym::intrusive_ptr<IQorInterceptor> sources;
   zym::QueryInterface(interceptor, filters.Ref());
   zym::QueryInterface(interceptor, sources.Ref());
-  for (const std::uint32_t type :
-       {system_interceptors::event_type::kCreateProcess, system_interceptors::event_type::kExitProcess}) {
-    std::uint32_t id = 0;
+  std::uint32_t id = 0;
+  for (const std::uint32_t type : {event_type::kCreateProcess, event_type::kExitProcess})
     filters->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0, handler.get(), &id);
-  }
   const bool enabled = sources->EnableNonBlockingInterceptor(non_blocking_type::kNetlink) == zym::ZYM_OK;
-  if (!enabled) std::puts("the proc connector needs CAP_NET_ADMIN: run as root");
-  for (int i = 0; enabled && i < 10; ++i) ::sem_wait(&handler->seen);
+  enabled ? ::sem_wait(&handler->done) : std::puts("the proc connector needs CAP_NET_ADMIN: run as root");
   sources->DisableNonBlockingInterceptor(non_blocking_type::kNetlink);
   locator->services.clear();  // some of them hold the locator
+  return enabled;
 }
 
 }  // namespace
@@ -149,9 +141,9 @@ void Run(void* module) {
 int main(int argc, char** argv) {
   void* const module = ::dlopen(argc == 2 ? argv[1] : "libprocess_manager.so", RTLD_NOW | RTLD_LOCAL);
   if (module == nullptr) return std::puts(::dlerror()), 1;
-  Run(module);
+  const bool done = Run(module);
   const auto canUnload =
       reinterpret_cast<decltype(&zymCanUnloadModule)>(::dlsym(module, "zymCanUnloadModule"));
   if (canUnload() != zym::ZYM_OK) return std::puts("an object of the module is still alive"), 1;
-  return ::dlclose(module);
+  return ::dlclose(module) == 0 && done ? 0 : 1;
 }

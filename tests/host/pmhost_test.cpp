@@ -4,6 +4,8 @@
 #include <spawn.h>
 #include <sys/prctl.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <thread>
@@ -93,6 +95,47 @@ TEST(Pmhost, OsIsOneJsonObject) {
   EXPECT_EQ(pmhost.Wait(), 0);
 }
 
+TEST(Pmhost, OsShowsValuesWithoutTheQuotesOfTheReleaseFile) {
+  Pmhost pmhost({"os", "--json"});
+  Document os;
+  ASSERT_FALSE(os.Parse(pmhost.ReadLine().c_str()).HasParseError());
+  for (const char* name : {"name", "version", "description"}) {
+    ASSERT_TRUE(os[name].IsString() || os[name].IsNull()) << name;
+    if (os[name].IsString()) {
+      EXPECT_NE(os[name].GetString()[0], '"') << name;
+    }
+  }
+}
+
+TEST(Pmhost, OutputThatCannotBeWrittenIsAFailure) {
+  Pmhost pmhost({"os"}, [] { ::dup2(::open("/dev/full", O_WRONLY), STDOUT_FILENO); });
+  EXPECT_EQ(pmhost.Wait(), 1);
+  EXPECT_EQ(pmhost.Errors(), "pmhost: cannot write the output: No space left on device\n");
+}
+
+TEST(Pmhost, AFileThatIsNoModuleIsNamed) {
+  // Any library that is there: the C library of this process.
+  Pmhost pmhost({"--module", "libc.so.6", "watch"}, [] {
+    if (::chdir("/lib/x86_64-linux-gnu") != 0) ::_exit(126);
+  });
+  EXPECT_EQ(pmhost.Wait(), 1);
+  EXPECT_NE(pmhost.Errors().find("/lib/x86_64-linux-gnu/libc.so.6 is no process manager module"),
+            std::string::npos)
+      << "a name without a slash is of the current directory";
+}
+
+TEST(Pmhost, OptionsComeFromAConfigurationFileToo) {
+  const std::string path = testing::TempDir() + "pmhost_test.ini";
+  std::ofstream(path) << "json=true\n";
+  Pmhost pmhost({"--config", path, "os"});
+  Document os;
+  EXPECT_FALSE(os.Parse(pmhost.ReadLine().c_str()).HasParseError());
+  EXPECT_EQ(pmhost.Wait(), 0);
+  Pmhost missing({"--config", "/no/such/file.ini", "os"});
+  EXPECT_EQ(missing.Wait(), 2);
+  ::unlink(path.c_str());
+}
+
 TEST(Pmhost, FeaturesTellTheProcConnector) {
   NEEDS_ROOT();
   Pmhost pmhost({"features", "--json"});
@@ -162,6 +205,97 @@ TEST(Pmhost, WatchTellsADeletedImage) {
     EXPECT_STREQ(event["flags"][0].GetString(), "no_backing_image");
     return true;
   }));
+}
+
+// A program under a name of the test's choice, which waits until its input ends.
+class NamedProgram {
+ public:
+  explicit NamedProgram(const std::string& name) {
+    char directory[] = "/tmp/pmhost_test_XXXXXX";
+    if (::mkdtemp(directory) == nullptr) throw std::runtime_error("mkdtemp");
+    m_directory = directory;
+    m_path = m_directory / name;
+    std::filesystem::copy_file("/bin/cat", m_path);
+  }
+  ~NamedProgram() { std::filesystem::remove_all(m_directory); }
+  NamedProgram(const NamedProgram&) = delete;
+  NamedProgram& operator=(const NamedProgram&) = delete;
+
+  [[nodiscard]] std::string Path() const { return m_path.string(); }
+  // Lives until `seen` says so of its pid: it can't be gone before it is read.
+  pid_t RunUntil(const std::function<void(pid_t)>& seen) const {
+    int input[2];
+    if (::pipe2(input, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::dup2(input[0], STDIN_FILENO);
+      ::execl(m_path.c_str(), m_path.filename().c_str(), "-", nullptr);
+      ::_exit(1);
+    }
+    ::close(input[0]);
+    seen(child);
+    ::close(input[1]);
+    ::waitpid(child, nullptr, 0);
+    return child;
+  }
+
+ private:
+  std::filesystem::path m_directory;
+  std::filesystem::path m_path;
+};
+
+TEST(Pmhost, NamesWithBlanksQuotesAndOtherAlphabetsAreToldWhole) {
+  NEEDS_ROOT();
+  Watching pmhost;
+  for (const std::string name :
+       {"two words (and) \"quotes\"", "back\\slash\ttab", "\u00fc\u20ac\U0001f600"}) {
+    const NamedProgram program(name);
+    program.RunUntil([&](pid_t child) {
+      EXPECT_TRUE(pmhost.ReadUntil([&](const Document& event) {
+        if (!IsExecOf(event, child)) return false;
+        EXPECT_EQ(event["image_path"].GetString(), program.Path());
+        EXPECT_EQ(event["command_line"].GetString(), name + " -");
+        return true;
+      }));
+    });
+  }
+}
+
+// The module can't read such a process: its events come all the same, and as lines of JSON.
+TEST(Pmhost, ANameWithALineEndOrOtherBytesThanTextKeepsOneObjectALine) {
+  NEEDS_ROOT();
+  Watching pmhost;
+  for (const std::string name : {"line\nend", "bytes\xff\xc3"}) {
+    const NamedProgram program(name);
+    program.RunUntil([&](pid_t child) {
+      EXPECT_TRUE(pmhost.ReadUntil([&](const Document& event) {
+        if (!IsExecOf(event, child)) return false;
+        EXPECT_EQ(event.MemberCount(), 20U);
+        EXPECT_EQ(event["creator_pid"].GetInt(), child);
+        return true;
+      })) << name;
+    });
+  }
+}
+
+TEST(Pmhost, ColumnsShowControlCharactersEscaped) {
+  NEEDS_ROOT();
+  const NamedProgram program("a\x1b[2Jb");
+  Pmhost pmhost({"watch", "--for", "60"});
+  EXPECT_EQ(pmhost.ReadLine().substr(0, 4), "TIME");
+  // Started again and again until the watch, which says nothing of its beginning, has seen one.
+  std::atomic<bool> seen{false};
+  std::thread children([&] {
+    while (!seen) program.RunUntil([](pid_t) { ::usleep(20'000); });
+  });
+  std::string line;
+  do {
+    line = pmhost.ReadLine();
+  } while (!line.empty() && line.find("a\\x1b[2Jb") == std::string::npos);
+  seen = true;
+  children.join();
+  EXPECT_NE(line, "");
+  EXPECT_EQ(line.find('\x1b'), std::string::npos);
 }
 
 TEST(Pmhost, CountAndTimeEndAWatchCleanly) {
