@@ -46,8 +46,7 @@ struct UnlinkCall {
 };
 
 // Runs on a bare thread, so no sanitizer may keep a record of its frames: it never returns from this one.
-__attribute__((noinline, no_sanitize_address, no_sanitize_thread, no_sanitize_undefined)) int UnlinkThread(
-    void* argument) {
+__attribute__((noinline, no_sanitize("address", "thread", "undefined"))) int UnlinkThread(void* argument) {
   UnlinkCall* const call = static_cast<UnlinkCall*>(argument);
   *call->threadErrno = 0;
   if (call->setNs(call->namespaceFd, 0) == 0) call->unlinkAt(call->dirFd, call->filename, 0);
