@@ -6,7 +6,6 @@
 #include "process_manager/event_names.h"
 #include "process_manager/process_description.h"
 #include "qor_common/file_io.h"
-#include "qor_common/tools.h"
 #include "zym/exception_to_result.h"
 #include "zym/service_provider.h"
 #include "zym/trace.h"
@@ -36,18 +35,25 @@ View ViewOf(const zym::types::string16_t& text) {
   return {begin, begin + text.size() * sizeof(char16_t)};
 }
 
-// Resolved once, on first need. Empty when it can't be.
-const zym::types::string16_t& WatchdogPath(zym::ITracer* tracer) {
-  static const zym::types::string16_t path = [tracer, function = __func__] {
-    try {
-      const NativePath resolved = tools::Realpath("/opt/quelmarin/vorn/libexec/wdserver");
-      return zym::Utf8ToUtf16(resolved).value_or(zym::types::string16_t());
-    } catch (...) {
-      zym::ExceptionInFunctionToResult(tracer, function);
-      return zym::types::string16_t();
+// The text with each sequence that isn't UTF-8 replaced: names of files and environments are just bytes.
+zym::types::string16_t ToReadableUtf16(std::string_view text) {
+  zym::types::string16_t result;
+  result.reserve(text.size());
+  while (!text.empty()) {
+    char32_t point = zym::TakeCodePoint(text).value_or(U'\uFFFD');
+    if (point > 0xffff) {
+      point -= 0x10000;
+      result += static_cast<char16_t>(0xd800 + (point >> 10));
+      point = 0xdc00 + (point & 0x3ff);
     }
-  }();
-  return path;
+    result += static_cast<char16_t>(point);
+  }
+  return result;
+}
+
+Event::Subject SubjectOf(std::uint32_t type, const process_cache::ProcessInformation& info) {
+  if (type == event_type::kExitProcess) return {info.pid, info.uniquePid};
+  return {info.creatorPid, info.creatorUniquePid};
 }
 
 }  // namespace
@@ -57,17 +63,17 @@ Event::Event(std::shared_ptr<const EventContext> context, std::uint32_t type, pr
     : m_context(std::move(context)),
       m_info(std::move(info)),
       m_type(type),
-      m_subjectPid(type == event_type::kExitProcess ? m_info.info.pid : m_info.info.creatorPid),
-      m_subjectUniquePid(type == event_type::kExitProcess ? m_info.info.uniquePid
-                                                          : m_info.info.creatorUniquePid),
+      m_pid(m_info.info.pid),
+      m_cpid(m_info.info.creatorPid),
+      m_subject(SubjectOf(type, m_info.info)),
       m_fromExec(m_info.isFork ? 0 : 1) {
   if (descriptors.file) PutImage(std::move(descriptors));
   if (listener) static_cast<void>(zym::QueryInterface(listener, m_execInformationSource.Ref()));
 }
 
-void Event::PutImage(ImageDescriptors descriptors) try {
+void Event::PutImage(ImageDescriptors descriptors) noexcept try {
   const int fd = descriptors.file.Get();
-  const auto io = zym::CreateObject<IO>(m_context->locator.get(), fd, descriptors.directory.Get(),
+  const auto io = zym::CreateObject<IO>(m_context->GetLocator(), fd, descriptors.directory.Get(),
                                         static_cast<ino_t>(m_info.info.mountNamespaceId), true);
   // The stream owns them from here on.
   static_cast<void>(descriptors.file.Release());
@@ -138,7 +144,7 @@ zym::result_t Event::GetParam(std::uint32_t param, View* value) {
 bool Event::Complete() try {
   switch (m_type) {
     case event_type::kExitProcess:
-      m_context->eventInfoProvider->OnExitProcess(m_info);
+      m_context->GetEventInfoProvider()->OnExitProcess(m_info);
       return !m_info.skip;
     case event_type::kCreateProcess:
       return OnCreateProcess();
@@ -154,73 +160,73 @@ bool Event::OnCreateProcess() {
   CollectStatistics();
   const bool completed = m_fromExec != 0 && m_info.info.state == kTerminated && CompleteFromListener();
   // A process that is not known any more is told by the no-event flag, which the provider has set then.
-  static_cast<void>(m_context->eventInfoProvider->OnCreateProcess(completed, m_info));
+  static_cast<void>(m_context->GetEventInfoProvider()->OnCreateProcess(completed, m_info));
   return !m_info.skip;
 }
 
-bool Event::IsCounted() const {
-  const process_cache::ProcessInformation& info = m_info.info;
-  if (!m_context->scanStatisticsCollector || info.imagePath.empty()) return false;
-  if ((info.flags & (kSystemProcess | kNoBackingImage)) != 0) return false;
-  const auto parentPid = static_cast<pid_t>(info.parentPid);
-  if (parentPid == m_context->ownPid) return false;
-  if (!m_context->startedByWatchdog) return true;
-  return parentPid != m_context->ownParentPid && info.imagePath != WatchdogPath(GetTracer());
-}
-
-void Event::CollectStatistics() {
-  if (!IsCounted()) return;
-  IScanStatisticsCollector* const m_scanStatisticCollector = m_context->scanStatisticsCollector.get();
+void Event::CollectStatistics() noexcept try {
+  if (!m_context->IsCounted(m_info.info)) return;
+  IScanStatisticsCollector* const m_scanStatisticCollector = m_context->GetScanStatisticsCollector();
   zym::types::string16_t imagePath = m_info.info.imagePath;
   ZYM_REPORT_RESULT(GetTracer(),
                     m_scanStatisticCollector->RegisterScannedProcessFilePath(std::move(imagePath)));
+} catch (...) {
+  zym::ExceptionInFunctionToResult(GetTracer(), "CollectStatistics");
 }
 
 // The process died before /proc could be read; the listener knows what is not there any more.
-bool Event::CompleteFromListener() {
+bool Event::CompleteFromListener() noexcept try {
   if (!m_execInformationSource) return false;
   zym::intrusive_ptr<IExecStringsProvider> provider;
   if (!ZYM_SUCCEEDED(zym::QueryInterface(m_execInformationSource, provider.Ref()))) return false;
   zym::types::vector_t<zym::types::string_t> strings;
   const auto fd = static_cast<std::uint32_t>(m_imageFd);  // all ones when there is none
-  if (!ZYM_SUCCEEDED(provider->GetExecStrings(kExecStringsTimeout, m_info.info.pid, fd, strings)))
-    return false;
+  if (!ZYM_SUCCEEDED(provider->GetExecStrings(kExecStringsTimeout, m_pid, fd, strings))) return false;
+  if (strings.empty()) return false;
   TakeExecStrings(strings);
   return true;
+} catch (...) {
+  zym::ExceptionInFunctionToResult(GetTracer(), "OnCreateProcess");
+  return false;
 }
 
 void Event::TakeExecStrings(const zym::types::vector_t<zym::types::string_t>& strings) {
-  if (strings.empty()) return;
   std::string arguments;
   for (std::size_t i = 1; i < strings.size(); ++i) {
     if (i > 1) arguments += ' ';
     arguments += strings[i];
   }
-  const bool open = m_context->categoryFilter &&
-                    m_context->categoryFilter->Check(zym::ITracerCategoryFilter::kSensitive) == zym::ZYM_OK;
+  const bool mayTrace =
+      m_context->GetCategoryFilter()->Check(zym::ITracerCategoryFilter::kSensitive) == zym::ZYM_OK;
+  const auto traced = [mayTrace](std::string_view text) {
+    return ToReadableUtf16(mayTrace ? text : zym::kSkippedByPrivacyPolicy);
+  };
   ZYM_TRACE(GetTracer(), kCall,
             "OnCreateProcess: "
-                << "image path: " << strings.front()
-                << ", command line: " << (open ? std::string_view(arguments) : zym::kSkippedByPrivacyPolicy));
+                << "image path: " << std::u16string_view(ToReadableUtf16(strings.front()))
+                << ", command line: " << std::u16string_view(traced(arguments)));
 
   if (auto path = zym::Utf8ToUtf16(strings.front()))
     m_info.info.imagePath = std::move(*path);
   else
-    ZYM_TRACE(GetTracer(), kFailure, "Failed to convert image path: " << strings.front());
+    ZYM_TRACE(GetTracer(), kFailure,
+              "OnCreateProcess: "
+                  << "Failed to convert image path: "
+                  << std::u16string_view(ToReadableUtf16(strings.front())));
 
   if (auto commandLine = zym::Utf8ToUtf16(arguments))
     m_info.info.commandLine = std::make_shared<const zym::types::string16_t>(std::move(*commandLine));
   else
     ZYM_TRACE(GetTracer(), kFailure,
-              "Failed to convert command line: " << (open ? std::string_view(arguments)
-                                                          : zym::kSkippedByPrivacyPolicy));
+              "OnCreateProcess: "
+                  << "Failed to convert command line: " << std::u16string_view(traced(arguments)));
 }
 
 zym::types::string16_t Event::ToString() {
   std::string text = m_info.isFake ? "fake " : "";
   text += EventTypeText(m_type) + ", seq: " + std::to_string(m_info.sequence) + ", ";
-  text += DescribeProcess(m_info.info, m_context->categoryFilter.get());
-  return zym::Utf8ToUtf16(text).value_or(zym::types::string16_t());
+  text += DescribeProcess(m_info.info, m_context->GetCategoryFilter());
+  return ToReadableUtf16(text);
 }
 
 }  // namespace qor::process_manager

@@ -40,8 +40,7 @@ Interceptor::~Interceptor() {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
 }
 
-// --- filters
-// ------------------------------------------------------------------------------------------------
+// --- filters ----------------------------------------------------------------------------------------------
 
 zym::result_t Interceptor::GetOfflineLog() {
   ZYM_TRACE(GetTracer(), kWarning,
@@ -52,8 +51,8 @@ zym::result_t Interceptor::GetOfflineLog() {
   return zym::ZYM_E_NOT_IMPLEMENTED;
 }
 
-zym::result_t Interceptor::RefuseType(std::uint32_t type) {
-  ZYM_TRACE(GetTracer(), kWarning, "Filter is not supported: " << EventTypeText(type));
+zym::result_t Interceptor::RefuseType(const char* function, std::uint32_t type) {
+  ZYM_TRACE(GetTracer(), kWarning, function << ": Filter is not supported: " << EventTypeText(type));
   return zym::ZYM_E_NOT_SUPPORTED;
 }
 
@@ -68,7 +67,7 @@ zym::result_t Interceptor::RegisterBlockingFilterAttachHandler(const FilterDescr
                      << ", func: " << EventTypeText(descriptor.type) << ", flags: " << flags
                      << ", timeout: " << timeout << ", id: " << *id);
   const std::scoped_lock lock(m_mutex);
-  return RefuseType(descriptor.type);
+  return RefuseType(__func__, descriptor.type);
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
@@ -106,7 +105,7 @@ zym::result_t Interceptor::RegisterNonBlocking(const char* function, const Filte
     case event_type::kExitProcess:
       return m_nonBlockingInterceptor->RegisterFilter(std::move(filter));
     default:
-      return RefuseType(descriptor.type);
+      return RefuseType(function, descriptor.type);
   }
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), function);
@@ -162,13 +161,14 @@ zym::result_t Interceptor::DetachHandler(std::uint32_t filterId) try {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t Interceptor::GetFilterStatus(std::uint32_t filterId, bool* enabled) {
+zym::result_t Interceptor::GetFilterStatus(std::uint32_t filterId, bool* enabled) try {
   const std::scoped_lock lock(m_mutex);
   return m_nonBlockingInterceptor->GetFilterStatus(filterId, enabled);
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// --- sources
-// ------------------------------------------------------------------------------------------------
+// --- sources ----------------------------------------------------------------------------------------------
 
 zym::result_t Interceptor::EnableNonBlockingInterceptor(std::uint32_t type) try {
   const std::scoped_lock lock(m_mutex);
@@ -180,8 +180,8 @@ zym::result_t Interceptor::EnableNonBlockingInterceptor(std::uint32_t type) try 
 
 zym::result_t Interceptor::DisableNonBlockingInterceptor(std::uint32_t type) try {
   const std::scoped_lock lock(m_mutex);
-  static_cast<void>(
-      m_nonBlockingInterceptor->Stop(type));  // it traces its failure; the host can do nothing about it
+  // It traces its failure; the host can do nothing about it.
+  static_cast<void>(m_nonBlockingInterceptor->Stop(type));
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);

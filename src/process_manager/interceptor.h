@@ -63,7 +63,7 @@ class Interceptor
   zym::result_t RegisterNonBlocking(const char* function, const FilterDescriptor& descriptor, bool enabled,
                                     std::uint32_t flags, INonBlockingEventHandler* handler,
                                     std::uint32_t* id);
-  zym::result_t RefuseType(std::uint32_t type);
+  zym::result_t RefuseType(const char* function, std::uint32_t type);
 
   std::mutex m_mutex;
   // The dispatcher goes last, so that no source can reach a dead queue.

@@ -1,8 +1,8 @@
 #include "process_manager/system_events_factory.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "process_manager/process_description.h"
@@ -17,49 +17,47 @@ using zym::trace::kCall;
 using zym::trace::kFailure;
 namespace event_type = system_interceptors::event_type;
 
-bool IsStartedByWatchdog(zym::IServiceLocator* locator) {
-  zym::intrusive_ptr<IStartupDataProvider> startupData;
-  ZYM_CHECK_RESULT_OR_THROW(zym::GetInterface(locator, startupData.Ref()),
-                            "Cannot get IStartupDataProvider interface");
-  return startupData->GetStartupData()->startedByWatchdog != 0;
-}
-
 }  // namespace
 
-SystemEventsFactory::SystemEventsFactory(zym::IServiceLocator* locator)
+SystemEventsFactory::SystemEventsFactory(zym::IServiceLocator* locator, NativePath watchdogExecutable)
     : ServiceLocatorProvider(locator),
       TracerProvider(locator, "SystemEventsFactory"),
-      m_context(std::make_shared<const EventContext>(EventContext{
-          .locator = zym::intrusive_ptr<zym::IServiceLocator>(locator),
-          .eventTracer = zym::trace::WithPrefix(zym::intrusive_ptr<zym::ITracer>(GetTracer()), "Event"),
-          .categoryFilter = zym::RequireInterface<zym::ITracerCategoryFilter>(locator),
-          .eventInfoProvider = zym::RequireInterface<IEventInfoProvider>(locator),
-          .scanStatisticsCollector = zym::RequireInterface<IScanStatisticsCollector>(locator),
-          .ownPid = ::getpid(),
-          .ownParentPid = ::getppid(),
-          .startedByWatchdog = IsStartedByWatchdog(locator),
-      })) {}
+      m_context(std::make_shared<const EventContext>(locator, std::move(watchdogExecutable))) {}
 
 zym::intrusive_ptr<ISystemEvent> SystemEventsFactory::Create(
     std::uint32_t type, process_cache::EventInfo& info, const zym::intrusive_ptr<IExecListener>& listener,
     int fd) {
   ZYM_TRACE(GetTracer(), kCall,
             "process" << (info.isFork ? " fork" : "") << (info.isFake ? " fake" : "")
-                      << " event: " << DescribeProcess(info.info, m_context->categoryFilter.get()));
+                      << " event: " << DescribeProcess(info.info, m_context->GetCategoryFilter()));
   ImageDescriptors descriptors;
-  if (fd >= 0) descriptors.file.Reset(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  if (fd >= 0) DuplicateImage(fd, descriptors);
   if (type == event_type::kCreateProcess && (info.info.flags & kNoBackingImage) == 0 &&
       MayOpenInForeignMountNamespace(info.info))
     OpenImage(info.info, descriptors);
   return zym::CreateObject<Event>(m_context, type, std::move(info), listener, std::move(descriptors));
 }
 
+void SystemEventsFactory::DuplicateImage(int fd, ImageDescriptors& descriptors) {
+  const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  const int error = errno;
+  if (copy < 0)
+    ZYM_TRACE(GetTracer(), kFailure,
+              "Create"
+                  << ": "
+                  << "Failed to duplicate the descriptor of the image: "
+                  << zym::trace::Code{zym::ErrnoToResult(error)});
+  descriptors.file.Reset(copy);
+}
+
+// The switch first: asking for it is cheaper than a look at the own namespace, and it is off on most
+// machines.
 bool SystemEventsFactory::MayOpenInForeignMountNamespace(const process_cache::ProcessInformation& info) {
-  if (!tools::IsForeignNamespace(info.mountNamespaceId)) return false;
   zym::intrusive_ptr<IFeatureLookup> features;
   bool open = false;
   return ZYM_SUCCEEDED(zym::GetInterface(GetServiceLocator(), features.Ref())) &&
-         ZYM_SUCCEEDED(features->GetBoolean(kOpenIOFromForeignMountNamespace, &open)) && open;
+         ZYM_SUCCEEDED(features->GetBoolean(kOpenIOFromForeignMountNamespace, &open)) && open &&
+         tools::IsForeignNamespace(info.mountNamespaceId);
 }
 
 void SystemEventsFactory::OpenImage(const process_cache::ProcessInformation& info,
@@ -73,7 +71,10 @@ void SystemEventsFactory::OpenImage(const process_cache::ProcessInformation& inf
       haveFile ? tools::OpenDirectoryOfPath(info.pid, info.imagePath, descriptors.directory)
                : tools::OpenFileOfPath(info.pid, info.imagePath, descriptors.directory, descriptors.file);
   if (!ZYM_SUCCEEDED(result))
-    ZYM_TRACE(GetTracer(), kFailure, "Failed to open process image in its mount namespace");
+    ZYM_TRACE(GetTracer(), kFailure,
+              "Create"
+                  << ": "
+                  << "Failed to open process image in its mount namespace, " << zym::trace::Code{result});
 }
 
 }  // namespace qor::process_manager

@@ -21,7 +21,8 @@ class SystemEventsFactory : public zym::object::Ifaces<>,
                             public zym::TracerProvider,
                             public zym::NonCopyable {
  public:
-  explicit SystemEventsFactory(zym::IServiceLocator* locator);
+  explicit SystemEventsFactory(zym::IServiceLocator* locator,
+                               NativePath watchdogExecutable = kWatchdogExecutable);
 
   // Takes the contents of `info`. `type` is create_process or exit_process; `fd` is the image, which the
   // event duplicates, or -1; `listener` may be null.
@@ -29,6 +30,7 @@ class SystemEventsFactory : public zym::object::Ifaces<>,
                                           const zym::intrusive_ptr<IExecListener>& listener, int fd);
 
  private:
+  void DuplicateImage(int fd, ImageDescriptors& descriptors);
   bool MayOpenInForeignMountNamespace(const process_cache::ProcessInformation& info);
   void OpenImage(const process_cache::ProcessInformation& info, ImageDescriptors& descriptors);
 

@@ -1,6 +1,6 @@
 #include "qor_common/feature_techs_aggregator.h"
 
-#include <stdexcept>
+#include <exception>
 #include <utility>
 
 #include "process_manager/host_services.h"
@@ -14,12 +14,13 @@ namespace {
 
 using zym::trace::kCall;
 
-// A value that has no name is traced as a number: the host's tables may be newer than these.
+// A value that has no name is traced as a number: the host's tables may be newer than these. A trace never
+// fails what it traces.
 template <class E>
 std::string NameOf(std::uint32_t value) {
   try {
     return EnumToString(static_cast<E>(value));
-  } catch (const std::runtime_error&) {
+  } catch (const std::exception&) {
     return std::to_string(value);
   }
 }
@@ -56,13 +57,13 @@ zym::result_t FeatureTechsAggregator::RegisterTech(std::uint32_t feature, std::u
 
 zym::result_t FeatureTechsAggregator::UnregisterTech(std::uint32_t feature, std::uint32_t tech) try {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << FeatureName(feature) << ", " << TechName(tech));
-  const std::scoped_lock lock(m_mutex);
+  std::unique_lock lock(m_mutex);
   const auto featuresIt = m_aggregated.find(feature);
-  ZYM_CHECK(GetTracer(), featuresIt != m_aggregated.end(), zym::ZYM_E_NOT_FOUND,
+  ZYM_CHECK(Unlock(lock), featuresIt != m_aggregated.end(), zym::ZYM_E_NOT_FOUND,
             "Attempt to unregister non-registered feature");
   auto& techs = featuresIt->second;
   const auto techsIt = techs.find(tech);
-  ZYM_CHECK(GetTracer(), techsIt != techs.end(), zym::ZYM_E_NOT_FOUND,
+  ZYM_CHECK(Unlock(lock), techsIt != techs.end(), zym::ZYM_E_NOT_FOUND,
             "Attempt to unregister non-registered tech");
   techs.erase(techsIt);
   return zym::ZYM_OK;
@@ -72,8 +73,8 @@ zym::result_t FeatureTechsAggregator::UnregisterTech(std::uint32_t feature, std:
 
 zym::result_t FeatureTechsAggregator::UnregisterFeature(std::uint32_t feature) try {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << FeatureName(feature));
-  const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK(GetTracer(), m_aggregated.erase(feature), zym::ZYM_E_NOT_FOUND,
+  std::unique_lock lock(m_mutex);
+  ZYM_CHECK(Unlock(lock), m_aggregated.erase(feature), zym::ZYM_E_NOT_FOUND,
             "Attempt to unregister non-registered");
   return zym::ZYM_OK;
 } catch (...) {
@@ -117,13 +118,16 @@ bool FeatureTechsAggregator::IsAepEnabled() {
   core::TaskInfo task;
   if (!ZYM_SUCCEEDED(process_memory_manager::GetMemoryScanningTask(GetServiceLocator(), GetTracer(), task)))
     return false;
-  const auto* const settings = static_cast<const core::MemoryScanSettings*>(task.settings.value);
-  if (settings == nullptr) {
-    ZYM_TRACE(GetTracer(), zym::trace::kFailure, "Cannot get settings for '" << task.name << "' task");
-    return false;
-  }
-  ZYM_TRACE(GetTracer(), kCall, __func__ << ": useAEP=" << settings->useAEP);
-  return settings->useAEP;
+  const bool useAEP = process_memory_manager::GetMemoryScanSettings(task)->useAEP;
+  ZYM_TRACE(GetTracer(), kCall, __func__ << ": useAEP=" << useAEP);
+  return useAEP;
+}
+
+// The tracer for a failed check: evaluated only when it has failed, and with the lock given back, for a
+// tracer is another object.
+zym::ITracer* FeatureTechsAggregator::Unlock(std::unique_lock<std::mutex>& lock) {
+  lock.unlock();
+  return GetTracer();
 }
 
 ScopedTech::ScopedTech(zym::IServiceLocator* locator, zym::ITracer* tracer, std::uint32_t feature,

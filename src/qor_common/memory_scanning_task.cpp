@@ -3,33 +3,49 @@
 #include <algorithm>
 
 #include "qor_common/enum_names.h"
+#include "zym/exception_to_result.h"
 #include "zym/service_provider.h"
 #include "zym/trace.h"
 
 namespace qor::process_memory_manager {
 namespace {
 
-bool IsRunningMemoryScan(const core::TaskInfo& task) {
+bool IsRunningMemoryScan(zym::ITracer* tracer, const core::TaskInfo& task) {
   if (task.state == TaskState::Stopped || task.state == TaskState::Completed) return false;
-  if (task.settings.typeId != core::kMemoryScanSettingsId || task.settings.value == nullptr) return false;
-  return static_cast<const core::MemoryScanSettings*>(task.settings.value)->scanMemory;
+  if (task.settings.typeId != core::kMemoryScanSettingsId) return false;
+  const auto* const settings = GetMemoryScanSettings(task);
+  if (settings == nullptr) {
+    ZYM_TRACE(tracer, zym::trace::kFailure, "Cannot get settings for '" << task.name << "' task");
+    return false;
+  }
+  return settings->scanMemory;
 }
 
 }  // namespace
 
-zym::result_t GetMemoryScanningTask(zym::IServiceLocator* sl, zym::ITracer* tracer, core::TaskInfo& task) {
+const core::MemoryScanSettings* GetMemoryScanSettings(const core::TaskInfo& task) noexcept {
+  return task.settings.typeId == core::kMemoryScanSettingsId
+             ? static_cast<const core::MemoryScanSettings*>(task.settings.value)
+             : nullptr;
+}
+
+zym::result_t GetMemoryScanningTask(zym::IServiceLocator* sl, zym::ITracer* tracer,
+                                    core::TaskInfo& task) try {
   zym::intrusive_ptr<IQorTaskManager> tm;
   ZYM_CHECK_RESULT(tracer, zym::GetInterface(sl, tm.Ref()), "Cannot get IQorTaskManager interface");
   zym::types::vector_t<core::TaskInfo> taskList;
   ZYM_CHECK_RESULT(tracer, tm->GetTaskList(taskList, UserCred::GetProductUserCred()),
                    "Cannot get tasks list");
-  const auto found = std::ranges::find_if(taskList, IsRunningMemoryScan);
+  const auto found = std::ranges::find_if(
+      taskList, [tracer](const core::TaskInfo& candidate) { return IsRunningMemoryScan(tracer, candidate); });
   if (found == taskList.end()) {
-    ZYM_TRACE(tracer, zym::trace::kCall, "Cannot find any running memory scanning task");
+    ZYM_TRACE(tracer, zym::trace::kCall, __func__ << ": Cannot find any running memory scanning task");
     return zym::ZYM_E_NOT_FOUND;
   }
   task = *found;
   return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(tracer, "GetMemoryScanningTask");
 }
 
 }  // namespace qor::process_memory_manager

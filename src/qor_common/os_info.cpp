@@ -6,17 +6,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <boost/property_tree/ini_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
-#include <boost/regex.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <optional>
-#include <sstream>
-#include <string_view>
+#include <utility>
 
-#include "qor_common/ini.h"
+#include "qor_common/release_parsers.h"
 #include "qor_common/unique_fd.h"
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"
@@ -25,121 +20,63 @@ namespace qor {
 namespace {
 
 using zym::trace::kCall;
-using Parser = zym::result_t (*)(const std::string& text, OsInfo& info);
-
-struct IniKeys {
-  const char* name;
-  const char* version;
-  const char* otherVersion;  // where `version` is absent; null if there is none
-  const char* description;
-  bool needsVersion;
-};
-
-// Values are taken as the ini reader gives them: quotes stay.
-zym::result_t ParseIni(const std::string& text, const IniKeys& keys, OsInfo& info) {
-  boost::property_tree::ptree tree;
-  std::istringstream stream(text);
-  tools::ReadIni(stream, tree);
-  // Keys are no paths: a dot in one means nothing.
-  const auto get = [&tree](const char* key) -> std::optional<std::string> {
-    const auto found = tree.find(key);
-    return found != tree.not_found() ? std::optional(found->second.data()) : std::nullopt;
-  };
-  const std::optional<std::string> name = get(keys.name);
-  std::optional<std::string> version = get(keys.version);
-  if (!version && keys.otherVersion != nullptr) version = get(keys.otherVersion);
-  const std::optional<std::string> description = get(keys.description);
-  if (!name || !description || (keys.needsVersion && !version)) return zym::ZYM_E_NOT_MATCHED;
-  info = {.name = *name, .version = version.value_or(""), .description = *description};
-  return zym::ZYM_OK;
-}
-
-zym::result_t ParseOsRelease(const std::string& text, OsInfo& info) {
-  return ParseIni(text, {"NAME", "VERSION_ID", "RELEASE", "PRETTY_NAME", false}, info);
-}
-
-zym::result_t ParseLsbRelease(const std::string& text, OsInfo& info) {
-  return ParseIni(text, {"DISTRIB_ID", "DISTRIB_RELEASE", nullptr, "DISTRIB_DESCRIPTION", true}, info);
-}
-
-// "<name> release <version>"
-zym::result_t ParseReleaseLine(const std::string& text, OsInfo& info) {
-  constexpr std::string_view kRelease = " release ";
-  const std::size_t at = text.find(kRelease);
-  if (at == std::string::npos) return zym::ZYM_E_NOT_MATCHED;
-  std::string version = text.substr(at + kRelease.size());
-  version.erase(version.find_last_not_of(" \t\r\n") + 1);
-  info = {.name = text.substr(0, at), .version = std::move(version), .description = text};
-  return zym::ZYM_OK;
-}
-
-zym::result_t ParseSuse(const std::string& text, OsInfo& info) {
-  static const boost::regex pattern("^(.+)\\nVERSION\\s*=\\s*(.+)(?:\\nPATCHLEVEL\\s*=\\s*(.+))?",
-                                    boost::regex::perl | boost::regex::no_mod_s);
-  boost::smatch match;
-  if (!boost::regex_search(text, match, pattern)) return zym::ZYM_E_NOT_MATCHED;
-  std::string version = match[2];
-  if (match[3].matched) version += "." + match[3].str();
-  info = {.name = match[1], .version = std::move(version), .description = text};
-  return zym::ZYM_OK;
-}
 
 struct ReleaseFile {
   int kind;  // unique to the row
   const char* path;
-  Parser parser;  // null: such a file is known, but not understood
+  zym::result_t (*parse)(const std::string& text, OsInfo& info);
 };
+
+// There is no parser: such a file is known, but not understood.
+zym::result_t ParseNothing(const std::string&, OsInfo&) {
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
 
 // In the order of the search.
 constexpr auto kReleaseFiles = std::to_array<ReleaseFile>({
-    {0, "/etc/os-release", &ParseOsRelease},
-    {1, "/etc/lsb-release", &ParseLsbRelease},
-    {2, "/etc/system-release", &ParseReleaseLine},
-    {8, "/etc/SuSE-release", &ParseSuse},
-    {23, "/etc/gentoo-release", &ParseReleaseLine},
-    {3, "/etc/centos-release", &ParseReleaseLine},
-    {4, "/etc/redhat-release", &ParseReleaseLine},
-    {5, "/etc/oracle-release", nullptr},
-    {6, "/etc/altlinux-release", nullptr},
-    {7, "/etc/redos-release", nullptr},
-    {9, "/etc/fedora-release", nullptr},
-    {10, "/etc/rosa-release", nullptr},
-    {11, "/etc/goslinux-release", nullptr},
-    {12, "/etc/plesk-release", nullptr},
-    {13, "/etc/sangoma-release", nullptr},
-    {14, "/etc/eyesofnetwork-release", nullptr},
-    {15, "/etc/novell-release", nullptr},
-    {16, "/etc/initrd-release", nullptr},
-    {17, "/etc/iredmail-release", nullptr},
-    {18, "/etc/spacewalk-release", nullptr},
-    {19, "/etc/tenable-release", nullptr},
-    {20, "/etc/cloud-release", nullptr},
-    {21, "/etc/cp-release", nullptr},
-    {22, "/etc/mageia-release", nullptr},
-    {24, "/etc/debian_version", nullptr},
-    {25, "/etc/arch-release", nullptr},
-    {26, "/etc/slackware-release", nullptr},
-    {27, "/etc/slackware-version", nullptr},
+    {0, "/etc/os-release", &ParseOsRelease},        {1, "/etc/lsb-release", &ParseLsbRelease},
+    {2, "/etc/system-release", &ParseReleaseLine},  {8, "/etc/SuSE-release", &ParseSuseRelease},
+    {23, "/etc/gentoo-release", &ParseReleaseLine}, {3, "/etc/centos-release", &ParseReleaseLine},
+    {4, "/etc/redhat-release", &ParseReleaseLine},  {5, "/etc/oracle-release", &ParseNothing},
+    {6, "/etc/altlinux-release", &ParseNothing},    {7, "/etc/redos-release", &ParseNothing},
+    {9, "/etc/fedora-release", &ParseNothing},      {10, "/etc/rosa-release", &ParseNothing},
+    {11, "/etc/goslinux-release", &ParseNothing},   {12, "/etc/plesk-release", &ParseNothing},
+    {13, "/etc/sangoma-release", &ParseNothing},    {14, "/etc/eyesofnetwork-release", &ParseNothing},
+    {15, "/etc/novell-release", &ParseNothing},     {16, "/etc/initrd-release", &ParseNothing},
+    {17, "/etc/iredmail-release", &ParseNothing},   {18, "/etc/spacewalk-release", &ParseNothing},
+    {19, "/etc/tenable-release", &ParseNothing},    {20, "/etc/cloud-release", &ParseNothing},
+    {21, "/etc/cp-release", &ParseNothing},         {22, "/etc/mageia-release", &ParseNothing},
+    {24, "/etc/debian_version", &ParseNothing},     {25, "/etc/arch-release", &ParseNothing},
+    {26, "/etc/slackware-release", &ParseNothing},  {27, "/etc/slackware-version", &ParseNothing},
 });
+
+// Well above any real one. A link to a device without an end must not take the memory.
+constexpr std::size_t kMaxReleaseFileSize = 4 * 1024 * 1024;
 
 // 0 or an errno.
 int ReadWholeFile(const std::string& path, std::string& text) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file) return errno;
+  // Not to wait for the writer of a FIFO.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int openError = errno;
+  const UniqueFd file(fd);
+  if (!file) return openError;
   char buffer[4096];
   for (;;) {
     const ssize_t count = ::read(file.Get(), buffer, sizeof(buffer));
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return errno;
+    const int readError = errno;
+    if (count < 0 && readError == EINTR) continue;
+    if (count < 0) return readError;
     if (count == 0) return 0;
+    if (text.size() + static_cast<std::size_t>(count) > kMaxReleaseFileSize) return EFBIG;
     text.append(buffer, static_cast<std::size_t>(count));
   }
 }
 
-zym::result_t Parse(const ReleaseFile& file, const std::string& text, OsInfo& info) try {
-  return file.parser != nullptr ? file.parser(text, info) : zym::ZYM_E_NOT_IMPLEMENTED;
-} catch (const std::exception&) {
-  return zym::ZYM_E_NOT_MATCHED;  // a hostile or broken file is one that can't be parsed
+zym::result_t Parse(zym::ITracer* tracer, const ReleaseFile& file, const std::string& text,
+                    OsInfo& info) try {
+  return file.parse(text, info);
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(tracer, "GetOsInfo");
 }
 
 bool TakeReleaseFile(zym::ITracer* tracer, const std::string& root, const ReleaseFile& file, OsInfo& info) {
@@ -153,7 +90,7 @@ bool TakeReleaseFile(zym::ITracer* tracer, const std::string& root, const Releas
     ZYM_TRACE(tracer, zym::trace::kWarning, "Unexpected empty file '" << path << "'");
     return false;
   }
-  const zym::result_t result = Parse(file, text, info);
+  const zym::result_t result = Parse(tracer, file, text, info);
   if (ZYM_SUCCEEDED(result))
     ZYM_TRACE(tracer, kCall, "File '" << path << "' was successfully parsed");
   else if (result == zym::ZYM_E_NOT_IMPLEMENTED)
@@ -161,6 +98,15 @@ bool TakeReleaseFile(zym::ITracer* tracer, const std::string& root, const Releas
   else
     ZYM_TRACE(tracer, kCall, "Cannot parse file '" << path << "'");
   return ZYM_SUCCEEDED(result);
+}
+
+zym::result_t AskKernel(zym::ITracer* tracer, OsInfo& info) {
+  ZYM_TRACE(tracer, kCall, "Cannot get OS info from config file, use ::uname");
+  utsname uname{};
+  ZYM_CHECK(tracer, ::uname(&uname) == 0, zym::ZYM_E_UNSPECIFIED,
+            "Error on call ::uname(): " << std::strerror(errno));
+  info.name = std::string(uname.sysname) + " " + uname.version + " " + uname.machine;
+  return zym::ZYM_OK;
 }
 
 }  // namespace
@@ -173,11 +119,7 @@ zym::result_t GetOsInfo(zym::ITracer* tracer, OsInfo& info, const std::string& r
     if (taken) break;
   }
   if (!taken) {
-    ZYM_TRACE(tracer, kCall, "Cannot get OS info from config file, use ::uname");
-    utsname uname{};
-    ZYM_CHECK(tracer, ::uname(&uname) == 0, zym::ZYM_E_UNSPECIFIED,
-              "Error on call ::uname(): " << std::strerror(errno));
-    found.name = std::string(uname.sysname) + " " + uname.version + " " + uname.machine;
+    if (const zym::result_t result = AskKernel(tracer, found); !ZYM_SUCCEEDED(result)) return result;
   }
   info = std::move(found);
   ZYM_TRACE(tracer, kCall, __func__ << ": osName:" << info.name << ", osVersion:" << info.version);

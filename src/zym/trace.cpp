@@ -1,14 +1,32 @@
 #include "zym/trace.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "zym/utf.h"
 
 namespace zym::trace {
+namespace {
+
+// A check that failed names the errno of what it checked, in a record that it opens first: the host's tracer
+// must not come between.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() = default;
+  ~ErrnoKeeper() { errno = m_errno; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  const int m_errno = errno;
+};
+
+}  // namespace
 
 Record::Record(ITracer* tracer, std::uint32_t level) noexcept : m_tracer(tracer) {
   if (m_tracer == nullptr) return;
+  const ErrnoKeeper errnoKeeper;
   void* buffer = nullptr;
   if (m_tracer->GetRecord(level, &buffer, kInitialRecordSize) != ZYM_OK) return;
   m_buffer = static_cast<char*>(buffer);
@@ -16,7 +34,9 @@ Record::Record(ITracer* tracer, std::uint32_t level) noexcept : m_tracer(tracer)
 }
 
 Record::~Record() {
-  if (m_buffer != nullptr) m_tracer->CommitRecord(m_buffer, m_length);
+  if (m_buffer == nullptr) return;
+  const ErrnoKeeper errnoKeeper;
+  m_tracer->CommitRecord(m_buffer, m_length);
 }
 
 Record& Record::operator<<(std::string_view text) noexcept {
@@ -65,6 +85,7 @@ void Record::Append(std::string_view text) noexcept {
 
 bool Record::Grow(std::uint64_t needed) noexcept {
   const std::uint64_t size = std::max(needed, 2 * m_capacity);
+  const ErrnoKeeper errnoKeeper;
   void* buffer = m_buffer;
   if (m_tracer->GetRecord(kDefaultCeiling, &buffer, size) != ZYM_OK || buffer == nullptr) return false;
   m_buffer = static_cast<char*>(buffer);

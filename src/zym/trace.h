@@ -38,7 +38,7 @@ struct Width {
 
 // One record, open from construction to destruction, in the manner of an output stream. It never raises and
 // never fails what it traces: when the record can't grow it is emptied, further text is dropped, and the
-// empty record is committed.
+// empty record is committed. It keeps errno as it was, whatever the tracer does.
 class Record {
  public:
   // Opens a record; a null tracer, or one that refuses the level, makes an object that is false.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "module/loaded_module.h"
 #include "process_manager/event_processing.h"
 #include "process_manager/interceptor_facade.h"
 #include "process_manager/process_cache_faces.h"
@@ -15,7 +16,6 @@
 #include "process_manager/settings.h"
 #include "qor_common/feature_techs_aggregator.h"
 #include "support/fake_services.h"
-#include "module/loaded_module.h"
 #include "zym/object.h"
 
 namespace test_support {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
 #include "support/fake_services.h"
@@ -66,6 +67,31 @@ TEST_F(TraceTest, AMessageBeyondTheFirstBufferReachesATracerThatGrows) {
   const std::string text(5000, 'x');
   ZYM_TRACE(m_tracer, trace::kCall, "head " << text << " tail");
   EXPECT_EQ(Last(), "head " + text + " tail");
+}
+
+// A tracer that calls the system, as one that writes a file does.
+class ErrnoTracer : public RecordingTracer {
+ public:
+  result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
+    const result_t result = RecordingTracer::GetRecord(level, buffer, size);
+    errno = EAGAIN;
+    return result;
+  }
+  void CommitRecord(void* buffer, std::uint64_t length) override {
+    RecordingTracer::CommitRecord(buffer, length);
+    errno = EAGAIN;
+  }
+};
+
+TEST_F(TraceTest, ErrnoIsWhatItWasBeforeTheTracerWasCalled) {
+  const auto tracer = CreateObject<ErrnoTracer>();
+  errno = ENOENT;
+  ZYM_TRACE(tracer, trace::kCall, std::string(5000, 'x') << errno);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(tracer->Records().back().text, std::string(5000, 'x') + std::to_string(ENOENT));
+  tracer->RefuseRecords(ZYM_E_NOT_MATCHED);
+  ZYM_TRACE(tracer, trace::kCall, "");
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(TraceTest, AMessageOfExactlyTheFirstBufferDoesNotGrow) {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "zym/exception_to_result.h"
 #include "zym/trace.h"
 
 namespace qor::process_manager::non_blocking {
@@ -19,11 +20,6 @@ using zym::trace::kCall;
 namespace event_type = system_interceptors::event_type;
 
 constexpr const char* kThreadName = "vornPrcMonProc";
-
-// 0 and 1 cause everything in the end: an order with them would put all events on one queue.
-bool HasCauseOfItsOwn(PidType pid, PidType cpid) {
-  return cpid >= 2 && cpid != pid;
-}
 
 }  // namespace
 
@@ -80,12 +76,31 @@ void EventDispatcher::Dispatch(zym::types::vector_t<zym::intrusive_ptr<ISystemEv
                          << "event queue is full. skip all events except exit_process");
       continue;
     }
-    Queue& queue = GetStrand(*event);
+    try {
+      Accept(std::move(event));
+    } catch (...) {
+      zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+    }
+  }
+  events.clear();
+}
+
+void EventDispatcher::Accept(zym::intrusive_ptr<ISystemEvent> event) {
+  const Pids pids = PidsOf(*event);
+  Queue& queue = GetStrand(pids);
+  try {
     queue.strand.post([this, queued = std::move(event)] {
       if (!m_stop) ProcessQueuedEvent(queued);
     });
+  } catch (...) {
+    OnEventProcessed(pids);
+    throw;
   }
-  events.clear();
+}
+
+// 0 and 1 cause everything in the end: an order with them would put all events on one queue.
+bool EventDispatcher::HasCauseOfItsOwn(Pids pids) {
+  return pids.cpid >= 2 && pids.cpid != pids.pid;
 }
 
 // A pid that is in flight stays on its queue; another one enters on `chosen`.
@@ -102,32 +117,40 @@ EventDispatcher::Queue& EventDispatcher::Leave(PidType pid) {
   return queue;
 }
 
-EventDispatcher::Queue& EventDispatcher::GetStrand(ISystemEvent& event) {
-  const PidType pid = event.GetPid();
-  const PidType cpid = event.GetCpid();
+EventDispatcher::Queue& EventDispatcher::GetStrand(Pids pids) {
   const std::scoped_lock lock(m_queueLock);
   const auto smallest =
       std::ranges::min_element(m_service->queues, {}, [](const auto& queue) { return queue->size; });
   Queue* chosen = smallest->get();
-  if (HasCauseOfItsOwn(pid, cpid)) chosen = &Enter(cpid, *chosen);
-  // Where the pid is already wins over where its cause is.
-  Queue& queue = Enter(pid, *chosen);
+  if (HasCauseOfItsOwn(pids)) chosen = &Enter(pids.cpid, *chosen);
+  try {
+    // Where the pid is already wins over where its cause is.
+    chosen = &Enter(pids.pid, *chosen);
+  } catch (...) {
+    if (HasCauseOfItsOwn(pids)) Leave(pids.cpid);
+    throw;
+  }
+  Queue& queue = *chosen;
   ++queue.size;
   ++m_total;
   ZYM_TRACE(GetTracer(), kCall,
             __func__ << ": "
-                     << "pid: " << pid << ", cpid: " << cpid << ", assigned to queue " << queue.index
-                     << ", size: " << queue.size << ", processing pids count: " << m_pids.size()
-                     << ", all: " << m_total.load());
+                     << "pid: " << pids.pid << ", cpid: " << pids.cpid << ", assigned to queue "
+                     << queue.index << ", size: " << queue.size
+                     << ", processing pids count: " << m_pids.size() << ", all: " << m_total.load());
   return queue;
 }
 
-void EventDispatcher::ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>& event) {
-  ZYM_TRACE(GetTracer(), kCall,
-            __func__ << ": "
-                     << "nonblocking event: " << std::u16string_view(event->ToString()));
-  if (event->Complete()) CallHandler(event);
-  OnEventProcessed(*event);
+void EventDispatcher::ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>& event) noexcept {
+  try {
+    ZYM_TRACE(GetTracer(), kCall,
+              __func__ << ": "
+                       << "nonblocking event: " << std::u16string_view(event->ToString()));
+    if (event->Complete()) CallHandler(event);
+  } catch (...) {
+    zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+  }
+  OnEventProcessed(PidsOf(*event));
 }
 
 void EventDispatcher::CallHandler(const zym::intrusive_ptr<ISystemEvent>& event) {
@@ -159,19 +182,17 @@ void EventDispatcher::CallHandler(const zym::intrusive_ptr<ISystemEvent>& event)
   if (const EventHandler& handler = m_handlers[*index]) handler(event);
 }
 
-void EventDispatcher::OnEventProcessed(ISystemEvent& event) {
-  const PidType pid = event.GetPid();
-  const PidType cpid = event.GetCpid();
+void EventDispatcher::OnEventProcessed(Pids pids) {
   const std::scoped_lock lock(m_queueLock);
-  if (HasCauseOfItsOwn(pid, cpid)) Leave(cpid);
-  Queue& queue = Leave(pid);
+  if (HasCauseOfItsOwn(pids)) Leave(pids.cpid);
+  Queue& queue = Leave(pids.pid);
   --queue.size;
   --m_total;
   ZYM_TRACE(GetTracer(), kCall,
             __func__ << ": "
-                     << "pid: " << pid << ", cpid: " << cpid << ", removed from queue " << queue.index
-                     << ", size: " << queue.size << ", processing pids count: " << m_pids.size()
-                     << ", all: " << m_total.load());
+                     << "pid: " << pids.pid << ", cpid: " << pids.cpid << ", removed from queue "
+                     << queue.index << ", size: " << queue.size
+                     << ", processing pids count: " << m_pids.size() << ", all: " << m_total.load());
 }
 
 }  // namespace qor::process_manager::non_blocking

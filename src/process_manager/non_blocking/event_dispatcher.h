@@ -16,7 +16,11 @@
 namespace qor::process_manager::non_blocking {
 
 // Runs from construction to destruction on one thread of its own, "vornPrcMonProc". What is queued at
-// destruction is released and reaches no handler; the last reference must not go on that thread.
+// destruction is released and reaches no handler; the last reference must not go on that thread, which can't
+// wait for itself.
+//
+// What a handler raises is its own business: it is traced, and the event counts as processed. An event for
+// whose queuing there is no memory is traced and lost.
 //
 // Written for several queues, each on a strand of its own: a process and the one that caused its events share
 // a queue while either has events in flight, which keeps their order. There is one queue today, and so one
@@ -27,6 +31,8 @@ class EventDispatcher : public zym::object::Ifaces<IEventDispatcher>,
  public:
   static constexpr std::uint64_t kPendingLimit = 2'000'000;
 
+  // An event that finds more than `pendingLimit` pending is dropped unless it is an exit_process. Throws when
+  // the locator has no tracer or the thread can't be made.
   explicit EventDispatcher(zym::IServiceLocator* locator, std::uint64_t pendingLimit = kPendingLimit);
   ~EventDispatcher();
 
@@ -60,6 +66,12 @@ class EventDispatcher : public zym::object::Ifaces<IEventDispatcher>,
     kHandlerCount
   };
 
+  // Whom an event counts for.
+  struct Pids {
+    PidType pid;
+    PidType cpid;
+  };
+
   // A pid with events in flight.
   struct PidInFlight {
     Queue* queue;
@@ -67,10 +79,14 @@ class EventDispatcher : public zym::object::Ifaces<IEventDispatcher>,
   };
 
   void SetHandler(HandlerIndex index, EventHandler handler);
-  Queue& GetStrand(ISystemEvent& event);
-  void ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>& event);
+  static Pids PidsOf(ISystemEvent& event) { return {event.GetPid(), event.GetCpid()}; }
+  static bool HasCauseOfItsOwn(Pids pids);
+
+  void Accept(zym::intrusive_ptr<ISystemEvent> event);
+  Queue& GetStrand(Pids pids);
+  void ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>& event) noexcept;
   void CallHandler(const zym::intrusive_ptr<ISystemEvent>& event);
-  void OnEventProcessed(ISystemEvent& event);
+  void OnEventProcessed(Pids pids);
   Queue& Enter(PidType pid, Queue& chosen);
   Queue& Leave(PidType pid);
 

@@ -1,13 +1,11 @@
 #include "process_manager/non_blocking/netlink_interceptor.h"
 
-#include <poll.h>
 #include <sys/prctl.h>
 
-#include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "process_manager/interceptor_facade.h"
+#include "process_manager/non_blocking/poll_loop.h"
 #include "process_manager/system_event.h"
 #include "process_manager/tools.h"
 #include "qor_common/enum_names.h"
@@ -23,9 +21,7 @@ using zym::trace::kFailure;
 using zym::trace::kWarning;
 
 constexpr const char* kThreadName = "vornPrcMonPoll";
-constexpr std::size_t kMaxMessageSize = 4096;
 constexpr std::uint32_t kAllTypes = 15;
-constexpr short kBroken = POLLERR | POLLHUP | POLLNVAL;
 
 // The bits of a type by name, for the trace.
 struct TypeNames {
@@ -75,6 +71,8 @@ NetlinkInterceptor::NetlinkInterceptor(zym::IServiceLocator* locator,
 
 NetlinkInterceptor::~NetlinkInterceptor() {
   StopImpl(kAllTypes);
+  // A stop that can't leave the kernel's group keeps the thread, which must not outlive what it reads.
+  StopPolling();
   m_dispatcher->SetExitProcessHandler({});
   m_dispatcher->SetCreateProcessHandler({});
 }
@@ -123,12 +121,11 @@ zym::result_t NetlinkInterceptor::StopImpl(std::uint32_t type) {
   return zym::ZYM_OK;
 }
 
-// --- the proc connector
-// -------------------------------------------------------------------------------------
+// --- the proc connector -----------------------------------------------------------------------------------
 
 zym::result_t NetlinkInterceptor::StartNetlink() try {
   if (m_socket) {
-    ZYM_TRACE(GetTracer(), kCall, "netlink nonblocking interceptor is running already");
+    ZYM_TRACE(GetTracer(), kCall, __func__ << ": netlink nonblocking interceptor is running already");
     return zym::ZYM_FALSE;
   }
   ZYM_CHECK_RESULT(GetTracer(), InitNetlinkConnector(), "Cannot init netlink connector");
@@ -147,16 +144,20 @@ zym::result_t NetlinkInterceptor::StartNetlink() try {
 
 zym::result_t NetlinkInterceptor::StopNetLink() {
   if (!m_socket) {
-    ZYM_TRACE(GetTracer(), kCall, "nonblocking interceptor is stopped already");
+    ZYM_TRACE(GetTracer(), kCall, __func__ << ": nonblocking interceptor is stopped already");
     return zym::ZYM_FALSE;
   }
   ZYM_CHECK_RESULT(GetTracer(), ConfigureNetlinkConnector(false));
-  if (m_stopNotifier) ZYM_REPORT_RESULT(GetTracer(), m_stopNotifier->Notify());
-  m_pollThread.Join();
-  m_stopNotifier.reset();
+  StopPolling();
   m_socket.reset();
   m_featureMark.reset();
   return zym::ZYM_OK;
+}
+
+void NetlinkInterceptor::StopPolling() {
+  if (m_stopNotifier) ZYM_REPORT_RESULT(GetTracer(), m_stopNotifier->Notify());
+  m_pollThread.Join();
+  m_stopNotifier.reset();
 }
 
 zym::result_t NetlinkInterceptor::InitNetlinkConnector() {
@@ -168,62 +169,24 @@ zym::result_t NetlinkInterceptor::ConfigureNetlinkConnector(bool listen) {
   return m_socket->Configure(GetTracer(), listen);
 }
 
-// --- the poll thread
-// ----------------------------------------------------------------------------------------
+// --- the poll thread --------------------------------------------------------------------------------------
 
 zym::result_t NetlinkInterceptor::PollTask() noexcept {
   ::prctl(PR_SET_NAME, kThreadName);
   zym::result_t result = zym::ZYM_E_UNSPECIFIED;
   try {
-    result = Poll();
+    PollLoop loop(GetTracer(), m_stopNotifier->GetDescriptor(), *m_socket,
+                  [this](const void* buffer, std::uint64_t size) {
+                    static_cast<void>(ProcessNetlink(buffer, size));  // what can't be used is lost
+                  });
+    result = loop.Run();
   } catch (...) {
     zym::ExceptionInFunctionToResult(GetTracer(), __func__);
   }
   if (ZYM_SUCCEEDED(result)) return result;
-  ZYM_TRACE(GetTracer(), kCall, "unexpected poll thread exit, restart");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << ": unexpected poll thread exit, restart");
   ProductRestart(GetTracer());  // it traces how that went; there is nobody left here to act on it
   return zym::ZYM_E_UNSPECIFIED;
-}
-
-zym::result_t NetlinkInterceptor::Poll() {
-  for (;;) {
-    // The stop descriptor is looked at first: a stop wins over pending events.
-    pollfd descriptors[] = {
-        {.fd = m_stopNotifier->GetDescriptor(), .events = POLLIN, .revents = 0},
-        {.fd = m_socket->GetDescriptor(), .events = POLLIN, .revents = 0},
-    };
-    const auto& [stop, netlink] = descriptors;
-    const int nfds = ::poll(descriptors, std::size(descriptors), -1);
-    const int error = errno;
-    if (nfds == -1 && error == EINTR) continue;
-    ZYM_CHECK(GetTracer(), nfds > 0, zym::ZYM_E_UNSPECIFIED, ": poll error: " << std::strerror(error));
-    ZYM_CHECK(GetTracer(), !(stop.revents & kBroken), zym::ZYM_E_UNSPECIFIED, ": stop fd is corrupted");
-    if ((stop.revents & POLLIN) != 0) {
-      ZYM_TRACE(GetTracer(), kCall, "Received stop event, stopping polling");
-      return zym::ZYM_OK;
-    }
-    ZYM_CHECK(GetTracer(), !(netlink.revents & kBroken), zym::ZYM_E_UNSPECIFIED, ": netlink fd is corrupted");
-    // A failed read is traced there and survived: what the kernel dropped is lost, the rest still comes.
-    if ((netlink.revents & POLLIN) != 0) static_cast<void>(ReadNetlink());
-  }
-}
-
-zym::result_t NetlinkInterceptor::ReadNetlink() {
-  alignas(Message) char buffer[kMaxMessageSize];
-  for (;;) {
-    const std::int64_t size = m_socket->Receive(buffer, sizeof(buffer));
-    if (size > 0) {
-      static_cast<void>(ProcessNetlink(buffer, static_cast<std::uint64_t>(size)));
-      continue;
-    }
-    if (size == 0) return zym::ZYM_OK;
-    const int error = errno;
-    if (error == EINTR) continue;
-    if (error == EAGAIN) return zym::ZYM_OK;
-    ZYM_TRACE(GetTracer(), kFailure,
-              "Error on recv() from netlink socket: " << std::strerror(error) << " (" << error << ")");
-    return zym::ZYM_E_UNSPECIFIED;
-  }
 }
 
 zym::result_t NetlinkInterceptor::ProcessNetlink(const void* buffer, std::uint64_t size) noexcept try {
@@ -278,11 +241,11 @@ void NetlinkInterceptor::Apply(const EventRecord& record, Transition& transition
   }
 }
 
-// A process that is gone by now is an ordinary case: it is reported with what the event tells.
+// A process that is gone by now is an ordinary case: it is reported with what the event tells, and with what
+// could still be read.
 void NetlinkInterceptor::ReadProcess(PidType pid, bool full, process_cache::ProcessInformation& info) {
   const auto read = full ? &GetFullProcessInfo : &GetProcessInfo;
   if (ZYM_SUCCEEDED(read(GetTracer(), m_procfs.get(), pid, info))) return;
-  info = {};
   info.pid = pid;
   info.flags = kNoBackingImage;
   info.state = kTerminated;
@@ -305,8 +268,7 @@ void NetlinkInterceptor::DispatchEvents(Transition& transition) {
   m_dispatcher->Dispatch(events);
 }
 
-// --- the exec listener
-// --------------------------------------------------------------------------------------
+// --- the exec listener ------------------------------------------------------------------------------------
 
 zym::intrusive_ptr<IExecListener> NetlinkInterceptor::CopyListener() {
   const std::scoped_lock lock(m_listenerLock);
@@ -315,7 +277,7 @@ zym::intrusive_ptr<IExecListener> NetlinkInterceptor::CopyListener() {
 
 zym::result_t NetlinkInterceptor::StartKprobes() {
   if (CopyListener()) {
-    ZYM_TRACE(GetTracer(), kCall, "kprobes nonblocking interceptor is running already");
+    ZYM_TRACE(GetTracer(), kCall, __func__ << ": kprobes nonblocking interceptor is running already");
     return zym::ZYM_FALSE;
   }
   zym::intrusive_ptr<IExecListenerFactory> factory;
@@ -323,7 +285,7 @@ zym::result_t NetlinkInterceptor::StartKprobes() {
                    "Could not get qor::IExecListenerFactory");
   zym::intrusive_ptr<IExecListener> listener;
   if (!ZYM_SUCCEEDED(factory->GetExecListener(listener.Ref()))) {
-    ZYM_TRACE(GetTracer(), kWarning, "IExecListener is not available, proceed without");
+    ZYM_TRACE(GetTracer(), kWarning, __func__ << ": IExecListener is not available, proceed without");
   } else {
     const std::scoped_lock lock(m_listenerLock);
     m_execListener = std::move(listener);
@@ -334,7 +296,7 @@ zym::result_t NetlinkInterceptor::StartKprobes() {
 
 zym::result_t NetlinkInterceptor::StopKprobes() {
   if (!CopyListener()) {
-    ZYM_TRACE(GetTracer(), kCall, "nonblocking kprobes interceptor is stopped already");
+    ZYM_TRACE(GetTracer(), kCall, __func__ << ": nonblocking kprobes interceptor is stopped already");
     return zym::ZYM_FALSE;
   }
   ZYM_REPORT_RESULT(GetTracer(), SetEnvironCapturing(false), "Cannot disable environ capturing");
@@ -347,7 +309,7 @@ zym::result_t NetlinkInterceptor::SetEnvironCapturing(bool enable) {
   const zym::intrusive_ptr<IExecListener> listener = CopyListener();
   zym::intrusive_ptr<IExecListenerControl> control;
   if (!listener || !ZYM_SUCCEEDED(zym::QueryInterface(listener, control.Ref()))) {
-    ZYM_TRACE(GetTracer(), kCall, "Dynamic ExecListener configuration is not supported");
+    ZYM_TRACE(GetTracer(), kCall, __func__ << ": Dynamic ExecListener configuration is not supported");
     return zym::ZYM_FALSE;
   }
   std::uint32_t value = 0;

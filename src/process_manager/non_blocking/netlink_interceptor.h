@@ -45,11 +45,21 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
   zym::result_t Start() override;
   zym::result_t Stop() override;
 
-  // The host's: `type` is a set of non_blocking_type bits, added to what was asked for, or taken from it.
+  // The host's: `type` is a set of non_blocking_type bits, added to what was asked for, or taken from it; the
+  // source starts or stops at once, whether or not a filter is active.
+  //
+  // Start: ZYM_E_UNSPECIFIED: the socket can't be opened, bound (CAP_NET_ADMIN is missing) or subscribed; the
+  // aggregator's code when the feature can't be marked; a thread that can't be made gives its error. The exec
+  // listener is not tried then. A failure behind the opening of the socket (the mark, the subscription, the
+  // thread) leaves it open: a later start does nothing and succeeds, and only a stop clears the way. The
+  // locator's code: there is no IExecListenerFactory, which kprobes need; that it gives no listener is no
+  // failure.
+  // Stop: ZYM_E_UNSPECIFIED: the kernel's group can't be left; the source runs on.
   zym::result_t Start(std::uint32_t type);
   zym::result_t Stop(std::uint32_t type);
 
-  // Handles one datagram, as the poll thread does. Lets nothing out.
+  // Handles one datagram, aligned as Message is, as the poll thread does. Lets nothing out. ZYM_OK: it was
+  // handled, or is of no interest. ZYM_E_UNSPECIFIED: it was rejected, or handling it failed.
   zym::result_t ProcessNetlink(const void* buffer, std::uint64_t size) noexcept;
 
  private:
@@ -62,6 +72,7 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
   zym::result_t StopNetLink();
   zym::result_t InitNetlinkConnector();
   zym::result_t ConfigureNetlinkConnector(bool listen);
+  void StopPolling();
 
   zym::result_t StartKprobes();
   zym::result_t StopKprobes();
@@ -69,8 +80,6 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
   zym::intrusive_ptr<IExecListener> CopyListener();
 
   zym::result_t PollTask() noexcept;
-  zym::result_t Poll();
-  zym::result_t ReadNetlink();
   void Apply(const EventRecord& record, Transition& transition);
   void ReadProcess(PidType pid, bool full, process_cache::ProcessInformation& info);
   void DispatchEvents(Transition& transition);

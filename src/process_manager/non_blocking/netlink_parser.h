@@ -10,7 +10,7 @@
 
 namespace qor::process_manager::non_blocking {
 
-// What a datagram says. Values are the kernel's (linux/cn_proc.h).
+// What a datagram says. Ids are the kernel's (linux/cn_proc.h); the types are numbered here.
 struct EventRecord {
   enum Type : std::uint32_t { kNone = 0, kFork = 1, kExec = 2, kExit = 3, kUid = 4, kGid = 5 };
   static constexpr std::uint32_t kUnset = std::numeric_limits<std::uint32_t>::max();
@@ -55,7 +55,8 @@ class NetlinkParser {
  public:
   explicit NetlinkParser(zym::intrusive_ptr<zym::ITracer> tracer);
 
-  // `size` is the length of the datagram; what lies behind the first 68 bytes is not read.
+  // `size` is the length of the datagram; what lies behind the first 68 bytes is not read. Nothing is kept
+  // from one call to the next.
   // ZYM_OK: `out` is filled; a record of type kNone acknowledges the subscription.
   // ZYM_FALSE: understood and of no interest: a thread started or ended, a session changed.
   // ZYM_E_INVALID_ARGUMENT: the message failed a check. ZYM_E_UNSPECIFIED: an event unknown here.

@@ -16,14 +16,19 @@
 namespace qor::process_manager::non_blocking {
 namespace {
 
+// The records belong to the source's operations of these names.
+constexpr const char* kInit = "InitNetlinkConnector: ";
+constexpr const char* kConfigure = "ConfigureNetlinkConnector: ";
+
 // A buffer that is large enough stays. That it can't be made larger is no reason to do without the socket.
 void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket) {
   const int size = mnl_socket_get_rcv_buf_size(socket);
-  if (size > 0) ZYM_TRACE(tracer, zym::trace::kCall, "default netlink socket receive buffer size: " << size);
+  if (size > 0)
+    ZYM_TRACE(tracer, zym::trace::kCall, kInit << "default netlink socket receive buffer size: " << size);
   if (size >= NetlinkSocket::kReceiveBufferSize) return;
   if (mnl_socket_set_rcv_buf_size(socket, NetlinkSocket::kReceiveBufferSize) == 0)
     ZYM_TRACE(tracer, zym::trace::kCall,
-              "new netlink socket receive buffer size: " << NetlinkSocket::kReceiveBufferSize);
+              kInit << "new netlink socket receive buffer size: " << NetlinkSocket::kReceiveBufferSize);
 }
 
 }  // namespace
@@ -33,13 +38,13 @@ std::unique_ptr<NetlinkSocket> NetlinkSocket::Open(zym::ITracer* tracer) {
   if (!socket) {
     const int error = errno;
     ZYM_TRACE(tracer, zym::trace::kFailure,
-              "Cannot initialize netlink connector socket: " << std::strerror(error));
+              kInit << "Cannot initialize netlink connector socket: " << std::strerror(error));
     return nullptr;
   }
   WidenReceiveBuffer(tracer, socket.get());
   if (mnl_socket_bind(socket.get(), CN_IDX_PROC, MNL_SOCKET_AUTOPID) < 0) {
     const int error = errno;
-    ZYM_TRACE(tracer, zym::trace::kFailure, " Cannot bind: " << std::strerror(error));
+    ZYM_TRACE(tracer, zym::trace::kFailure, kInit << " Cannot bind: " << std::strerror(error));
     return nullptr;
   }
   return std::unique_ptr<NetlinkSocket>(new NetlinkSocket(std::move(socket)));
@@ -64,7 +69,7 @@ zym::result_t NetlinkSocket::Configure(zym::ITracer* tracer, bool listen) {
 
   if (mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0) {
     const int error = errno;
-    ZYM_TRACE(tracer, zym::trace::kFailure, "Cannot send netlink: " << std::strerror(error));
+    ZYM_TRACE(tracer, zym::trace::kFailure, kConfigure << "Cannot send netlink: " << std::strerror(error));
     return zym::ZYM_E_UNSPECIFIED;
   }
   return zym::ZYM_OK;

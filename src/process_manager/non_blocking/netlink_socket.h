@@ -6,12 +6,13 @@
 #include <cstdint>
 #include <memory>
 
+#include "process_manager/non_blocking/poll_loop.h"
 #include "zym/tracer.h"
 
 namespace qor::process_manager::non_blocking {
 
 // Owns the descriptor. Non-blocking and close-on-exec.
-class NetlinkSocket {
+class NetlinkSocket final : public IDatagramSource {
  public:
   // The receive buffer takes the bursts of a busy machine.
   static constexpr int kReceiveBufferSize = 0x200000;
@@ -22,10 +23,10 @@ class NetlinkSocket {
   // Subscribes to the process events, or leaves them. ZYM_E_UNSPECIFIED: traced, with the reason.
   zym::result_t Configure(zym::ITracer* tracer, bool listen);
 
-  [[nodiscard]] int GetDescriptor() const { return mnl_socket_get_fd(m_socket.get()); }
+  [[nodiscard]] int GetDescriptor() const override { return mnl_socket_get_fd(m_socket.get()); }
 
-  // One datagram, cut to `size`. Negative: errno says why.
-  std::int64_t Receive(void* buffer, std::size_t size) {
+  // ENOBUFS: the kernel dropped datagrams before this one. ENOSPC: this one is longer than `size`, and lost.
+  std::int64_t Receive(void* buffer, std::size_t size) override {
     return mnl_socket_recvfrom(m_socket.get(), buffer, size);
   }
 

@@ -1,6 +1,7 @@
 // Enumerations with a text name for each value, for events and reports that are turned into text and back.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -39,13 +40,22 @@ namespace Boolean {
 enum Type : std::uint32_t { No = 0, Yes = 1 };
 }
 
-// Both throw std::runtime_error, with a message that names the family, for what isn't in its table. Names are
-// compared exactly, with case. No lock: the tables never change.
+namespace detail {
+std::string BooleanToString(bool value);
+}
+
+// Both throw std::runtime_error for what isn't in the family's table: "EnumToString, invalid 'ReportFeatures'
+// enum value: " and the value in decimal; "There is no such 'ReportFeatures::Type' value: " ("... 'bool'
+// value: " for bool) and the text, with `value` left alone. Names are compared exactly, with case. Any
+// thread: the tables never change.
 std::string EnumToString(ReportFeatures::Type value);
 std::string EnumToString(ReportFeatureTechs::Type value);
 std::string EnumToString(TaskState::Type value);
 std::string EnumToString(EventName::Type value);
-std::string EnumToString(bool value);
+// For bool alone: a number, or an enumeration without a family, must not become "Yes".
+std::string EnumToString(std::same_as<bool> auto value) {
+  return detail::BooleanToString(value);
+}
 void StringToEnum(ReportFeatures::Type& value, std::string_view text);
 void StringToEnum(ReportFeatureTechs::Type& value, std::string_view text);
 void StringToEnum(TaskState::Type& value, std::string_view text);

@@ -12,6 +12,7 @@
 
 namespace qor {
 
+// Offers IFeatureTechsAggregator. Its host puts it into the locator that it gives the module. Any thread.
 class FeatureTechsAggregator : public zym::object::Ifaces<IFeatureTechsAggregator>,
                                public zym::ServiceProvider<zym::IServiceLocator>,
                                public zym::TracerProvider,
@@ -31,6 +32,7 @@ class FeatureTechsAggregator : public zym::object::Ifaces<IFeatureTechsAggregato
   bool IsExploitPreventionActive();
   bool IsAepEnabled();
   void AddExploitPrevention(Table& table, std::uint32_t feature);
+  zym::ITracer* Unlock(std::unique_lock<std::mutex>& lock);
 
   std::mutex m_mutex;  // guards m_aggregated; never held across a call to another object
   Table m_aggregated;

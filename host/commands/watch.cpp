@@ -1,0 +1,130 @@
+#include "host/commands/watch.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "host/commands/netlink_source.h"
+#include "host/failure.h"
+#include "host/host.h"
+#include "host/output/line_writer.h"
+#include "host/output/process_event_printer.h"
+#include "host/run_limits.h"
+#include "zym/service_provider.h"
+
+namespace pmhost {
+namespace {
+
+using namespace qor::process_manager;
+using namespace system_interceptors;
+
+// Prints events. They come on one thread, in the order of their sequence.
+class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHandler>,
+                public zym::NonCopyable {
+ public:
+  Handler(zym::intrusive_ptr<IProcessInfoProvider> cache, std::unique_ptr<ProcessEventPrinter> printer,
+          LineWriter& writer, std::optional<std::uint64_t> count, RunLimits& limits)
+      : m_cache(std::move(cache)),
+        m_printer(std::move(printer)),
+        m_writer(writer),
+        m_left(count),
+        m_limits(limits) {}
+
+  void OnEvent(ISystemEvent* event, std::uint32_t) override {
+    ++m_seen;
+    if (IsOfTheMarker(*event) || m_left == 0U) return;
+    const bool written = m_writer.WriteLine(m_printer->Line(ReadProcessEvent(*event, *m_cache)));
+    if (m_left) --*m_left;
+    if (!written || m_left == 0U) m_limits.Finish();
+  }
+
+  // Returns when every event that the kernel told before this call has been printed: a process of our own is
+  // started, and events keep their order, so its end comes behind them. Gives up when nothing comes any more.
+  void Drain() {
+    std::unique_lock lock(m_mutex);
+    const pid_t marker = ::fork();
+    if (marker == 0) ::_exit(0);
+    if (marker < 0) return;
+    m_marker = marker;
+    lock.unlock();
+    ::waitpid(marker, nullptr, 0);
+    lock.lock();
+    constexpr std::chrono::seconds kSilence{2};
+    std::uint64_t before = 0;
+    do {
+      before = m_seen;
+    } while (!m_ended.wait_for(lock, kSilence, [this] { return m_markerEnded; }) && m_seen != before);
+  }
+
+ private:
+  bool IsOfTheMarker(ISystemEvent& event) {
+    const std::scoped_lock lock(m_mutex);
+    if (m_marker == 0 || event.GetPid() != static_cast<std::uint32_t>(m_marker)) return false;
+    m_markerEnded = event.GetType() == event_type::kExitProcess;
+    if (m_markerEnded) m_ended.notify_all();
+    return true;
+  }
+
+  const zym::intrusive_ptr<IProcessInfoProvider> m_cache;
+  const std::unique_ptr<ProcessEventPrinter> m_printer;
+  LineWriter& m_writer;
+  std::optional<std::uint64_t> m_left;
+  RunLimits& m_limits;
+  std::atomic<std::uint64_t> m_seen{0};
+
+  std::mutex m_mutex;  // guards all below
+  std::condition_variable m_ended;
+  pid_t m_marker = 0;
+  bool m_markerEnded = false;
+};
+
+// Filters for both types of process events, on one handler.
+class Filters {
+ public:
+  Filters(zym::intrusive_ptr<interceptor_facade::IInterceptor2> interceptor,
+          event_processing::INonBlockingEventHandler& handler)
+      : m_interceptor(std::move(interceptor)) {
+    for (const std::uint32_t type : {event_type::kCreateProcess, event_type::kExitProcess}) {
+      std::uint32_t id = 0;
+      Require(m_interceptor->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0, &handler, &id),
+              "cannot register a filter");
+      m_ids.push_back(id);
+    }
+  }
+  ~Filters() { m_interceptor->DeleteFilters({.first = m_ids.data(), .last = m_ids.data() + m_ids.size()}); }
+  Filters(const Filters&) = delete;
+  Filters& operator=(const Filters&) = delete;
+
+ private:
+  zym::intrusive_ptr<interceptor_facade::IInterceptor2> m_interceptor;
+  std::vector<unsigned int> m_ids;
+};
+
+}  // namespace
+
+void Watch(const GlobalOptions& global, const WatchOptions& options) {
+  Host host(global);
+  RunLimits limits(options.seconds);
+  LineWriter writer(STDOUT_FILENO);
+  auto printer = global.json ? MakeJsonPrinter() : MakeColumnPrinter(writer.Width());
+  if (const std::string_view heading = printer->Heading(); !heading.empty()) writer.WriteLine(heading);
+
+  const auto handler =
+      zym::CreateObject<Handler>(host.GetCache(), std::move(printer), writer, options.count, limits);
+  const Filters filters(host.GetInterceptor(), *handler);
+  const std::uint32_t type =
+      non_blocking_type::kNetlink | (options.full ? non_blocking_type::kFullProcessInfo : 0);
+  const NetlinkSource source(host.GetInterceptor(), type);
+  if (::isatty(STDERR_FILENO) == 1) std::fputs("pmhost: watching; end with Ctrl-C\n", stderr);
+  limits.Wait();
+  handler->Drain();
+}
+
+}  // namespace pmhost

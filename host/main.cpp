@@ -1,0 +1,88 @@
+// pmhost: the reference host.
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <functional>
+
+#include "host/commands/features.h"
+#include "host/commands/os.h"
+#include "host/commands/watch.h"
+#include "host/options.h"
+#include "host/run_limits.h"
+
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kBadUsage = 2;
+
+void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector<std::string>& features) {
+  app.set_version_flag("--version", "pmhost " PMHOST_VERSION);
+  app.set_config("--config", "", "Read options from FILE (INI or TOML)")->type_name("FILE");
+  app.add_option("--module", options.module, "The module (default: the one built or installed with pmhost)")
+      ->type_name("FILE");
+  app.add_option("--trace", options.traceLevel,
+                 "Trace up to LEVEL: 300 failures, 500 warnings, 700 notices, 800 calls")
+      ->type_name("LEVEL")
+      ->check(CLI::IsMember({300, 500, 700, 800}));
+  app.add_option("--trace-file", options.traceFile, "Append the trace to FILE (default: standard error)")
+      ->type_name("FILE");
+  app.add_option("--feature", features, "Turn a named switch of the module on; may be repeated")
+      ->type_name("NAME");
+  app.add_flag("--show-private", options.showPrivate, "Let command lines and console text into the trace");
+  app.add_flag("--json", options.json, "Print one JSON object a line");
+  app.fallthrough();
+}
+
+int Run(int argc, char** argv) {
+  pmhost::GlobalOptions global;
+  pmhost::WatchOptions watch;
+  std::vector<std::string> features;
+  std::function<void()> command = [&] { pmhost::Watch(global, watch); };
+
+  CLI::App app("Loads the process manager module and shows what it can do. Without a command: watch.",
+               "pmhost");
+  app.require_subcommand(0, 1);
+  AddGlobalOptions(app, global, features);
+
+  CLI::App& watchCommand =
+      *app.add_subcommand("watch", "Tell every process that starts, replaces its image, or ends");
+  watchCommand.add_flag("--full", watch.full, "Read credentials and environments too");
+  watchCommand.add_option("--for", watch.seconds, "End after so many seconds")
+      ->type_name("SECONDS")
+      ->check(CLI::NonNegativeNumber);
+  watchCommand.add_option("--count", watch.count, "End after so many events")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  app.add_subcommand("os", "Tell what the module thinks it runs on")->callback([&] {
+    command = [&] { pmhost::ShowOs(global); };
+  });
+  app.add_subcommand("features", "Tell which features run, and by which technologies")->callback([&] {
+    command = [&] { pmhost::ShowFeatures(global); };
+  });
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? kDone : kBadUsage;
+  }
+  for (const std::string& name : features) global.features[name] = true;
+  command();
+  return kDone;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Before any thread starts. A reader that goes away is told by the write that fails.
+  pmhost::RunLimits::BlockSignals();
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "pmhost: %s\n", e.what());
+    return kFailed;
+  }
+}

@@ -1,0 +1,19 @@
+// What the command line said that every command needs.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace pmhost {
+
+struct GlobalOptions {
+  std::string module;            // empty: the one built or installed with pmhost
+  std::uint32_t traceLevel = 0;  // 0: nothing is traced
+  std::string traceFile;         // empty: standard error
+  bool showPrivate = false;
+  bool json = false;
+  std::map<std::string, bool> features;  // named switches
+};
+
+}  // namespace pmhost

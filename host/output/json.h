@@ -1,0 +1,44 @@
+// JSON lines.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+namespace pmhost {
+
+// One object, written as it comes. Its buffer is kept from line to line.
+class JsonLine {
+ public:
+  // Begins a new object.
+  void Begin();
+  // Ends it; valid until the next Begin.
+  std::string_view End();
+
+  void Text(const char* name, std::string_view value);
+  // UTF-16: what is no text is escaped as "\udXXX", never dropped.
+  void Text(const char* name, std::optional<std::u16string_view> value);
+  void Number(const char* name, std::optional<std::uint32_t> value);
+  // A number that may not fit 53 bits: a string in decimal.
+  void LongNumber(const char* name, std::optional<std::uint64_t> value);
+  void Boolean(const char* name, bool value);
+  void Null(const char* name);
+
+  // A list of texts or numbers.
+  void BeginList(const char* name);
+  void Item(std::string_view value);
+  void EndList();
+
+ private:
+  using Buffer = rapidjson::StringBuffer;
+
+  Buffer m_buffer;
+  rapidjson::Writer<Buffer> m_writer{m_buffer};
+  std::string m_scratch;
+};
+
+}  // namespace pmhost

@@ -1,0 +1,48 @@
+// A process event as it is shown: what the event tells, and what the cache still knows of its image.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "process_manager/process_cache_faces.h"
+#include "process_manager/system_event.h"
+
+namespace pmhost {
+
+// Views are into the event and live as long as it does. Absent: not known.
+struct ProcessEvent {
+  std::uint32_t type = 0;
+  std::uint64_t sequence = 0;
+  std::uint64_t timestamp = 0;  // nanoseconds of CLOCK_MONOTONIC
+  bool fromExec = false;
+  bool fake = false;
+  std::uint32_t pid = 0;
+  std::uint64_t uniquePid = 0;
+  std::optional<std::uint32_t> parentPid;
+  std::optional<std::uint64_t> uniqueParentPid;
+  std::optional<std::uint32_t> sessionId;
+  std::optional<std::uint32_t> userId;
+  std::optional<std::u16string_view> imagePath;
+  std::optional<std::u16string_view> workingDirectory;
+  std::optional<std::u16string_view> commandLine;
+  std::uint32_t state = 0;
+
+  bool inCache = false;  // the rest is known
+  std::optional<std::uint32_t> creatorPid;
+  std::optional<std::uint64_t> uniqueCreatorPid;
+  std::optional<zym::datetime_t> startTime;
+  std::optional<zym::datetime_t> exitTime;
+  std::uint32_t flags = 0;
+};
+
+// `cache` may be asked for what the event doesn't carry; an image that it has forgotten leaves those facts
+// absent.
+ProcessEvent ReadProcessEvent(qor::process_manager::ISystemEvent& event,
+                              qor::process_manager::IProcessInfoProvider& cache);
+
+// "create_process" or "exit_process".
+const char* EventName(std::uint32_t type);
+
+}  // namespace pmhost

@@ -1,0 +1,34 @@
+// What ends a command that would otherwise run for ever.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "qor_common/descriptor_notifier.h"
+#include "qor_common/unique_fd.h"
+
+namespace pmhost {
+
+// SIGINT and SIGTERM, a time, or a count that another thread reaches.
+class RunLimits {
+ public:
+  // Blocks the two signals, for the calling thread and all that it starts afterwards: call it before any
+  // thread.
+  static void BlockSignals();
+
+  // `seconds` from now; absent: no limit.
+  explicit RunLimits(std::optional<double> seconds);
+
+  // From any thread: the command has done what it was asked for.
+  void Finish() { m_finished.Notify(); }
+
+  // Returns when the command is to end.
+  void Wait();
+
+ private:
+  qor::DescriptorNotifier m_finished;
+  qor::UniqueFd m_signals;
+  qor::UniqueFd m_timer;  // empty: no limit
+};
+
+}  // namespace pmhost

@@ -1,0 +1,56 @@
+// How the poll thread waits for datagrams and for the word to stop.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+#include "zym/tracer.h"
+
+namespace qor::process_manager::non_blocking {
+
+// A descriptor that datagrams come from.
+struct IDatagramSource {
+  // The one to poll for POLLIN.
+  [[nodiscard]] virtual int GetDescriptor() const = 0;
+  // One datagram, in the manner of recv(2): its length, 0 for an empty one, or -1 with errno. Never waits.
+  virtual std::int64_t Receive(void* buffer, std::size_t size) = 0;
+
+ protected:
+  ~IDatagramSource() = default;
+};
+
+// Owns nothing but a buffer on the stack of the thread that runs it: the descriptors and the source are the
+// caller's, and outlive the run.
+class PollLoop {
+ public:
+  // Datagrams are read up to this many bytes.
+  static constexpr std::size_t kMaxMessageSize = 4096;
+
+  // Takes each datagram, aligned to 8 bytes. What it raises ends the loop.
+  using Process = std::function<void(const void* buffer, std::uint64_t size)>;
+
+  // `tracer` may be null.
+  PollLoop(zym::ITracer* tracer, int stopDescriptor, IDatagramSource& source, Process process);
+
+  // Waits, with no time limit, and reads whenever there is something to read. A stop wins over datagrams that
+  // wait. ZYM_OK: the stop descriptor became readable. ZYM_E_UNSPECIFIED, traced: a descriptor is broken, or
+  // poll(2) failed.
+  zym::result_t Run();
+
+  // Reads until there is nothing more. ZYM_OK: it ran dry. ZYM_E_UNSPECIFIED, traced: a read failed; ENOBUFS
+  // says that the kernel had to drop datagrams (netlink(7)), which are lost, and what comes after them can be
+  // read.
+  zym::result_t ReadNetlink();
+
+ private:
+  bool IsOverflow(int fd);
+  void TraceReadError(int error);
+
+  zym::ITracer* m_tracer;
+  int m_stopDescriptor;
+  IDatagramSource& m_source;
+  Process m_process;
+};
+
+}  // namespace qor::process_manager::non_blocking
