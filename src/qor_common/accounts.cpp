@@ -1,16 +1,28 @@
 #include "qor_common/accounts.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
+#include <cerrno>
 #include <charconv>
-#include <fstream>
-#include <iterator>
+
+#include "qor_common/unique_fd.h"
 
 namespace qor::tools {
 namespace {
 
+// What can be read of a file; a directory has a name and no text.
 std::string ReadText(const char* path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+  std::string text;
+  char chunk[4096];
+  for (;;) {
+    const ssize_t count = ::read(file.Get(), chunk, sizeof(chunk));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return text;
+    text.append(chunk, static_cast<std::size_t>(count));
+  }
 }
 
 std::string_view TakeLine(std::string_view& text) {

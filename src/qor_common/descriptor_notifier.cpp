@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <boost/assert/source_location.hpp>
 #include <boost/throw_exception.hpp>
 #include <cerrno>
 #include <cstdint>
@@ -69,12 +70,16 @@ PipeDescriptorNotifier::PipeDescriptorNotifier(bool inheritable) {
 
 // Status flags and the close-on-exec flag live apart in the kernel (F_SETFL ignores O_CLOEXEC, fcntl(2)).
 void PipeDescriptorNotifier::SetFlags(Pipe end, int flags) {
+  // In full: compilers differ in how they print a nested type.
+  constexpr boost::source_location kPlace(
+      __FILE__, __LINE__,
+      "void qor::detail::PipeDescriptorNotifier::SetFlags(qor::detail::PipeDescriptorNotifier::Pipe, int)");
   const int fd = end == kRead ? m_read.Get() : m_write.Get();
   const int status = ::fcntl(fd, F_GETFL);
-  if (status < 0) BOOST_THROW_EXCEPTION(LastError("Failed to fetch flags of pipe descriptor"));
+  if (status < 0) boost::throw_exception(LastError("Failed to fetch flags of pipe descriptor"), kPlace);
   if (::fcntl(fd, F_SETFL, status | flags) != 0 ||
       ((flags & O_CLOEXEC) != 0 && ::fcntl(fd, F_SETFD, FD_CLOEXEC) != 0))
-    BOOST_THROW_EXCEPTION(LastError("Failed to set pipe descriptor flags"));
+    boost::throw_exception(LastError("Failed to set pipe descriptor flags"), kPlace);
 }
 
 zym::result_t PipeDescriptorNotifier::Notify() {

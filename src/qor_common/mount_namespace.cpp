@@ -46,14 +46,36 @@ struct UnlinkCall {
 };
 
 // Runs on a bare thread, so no sanitizer may keep a record of its frames: it never returns from this one.
-__attribute__((noinline, no_sanitize("address", "thread", "undefined"))) int UnlinkThread(void* argument) {
-  UnlinkCall* const call = static_cast<UnlinkCall*>(argument);
+#define ZYM_BARE_THREAD __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+
+ZYM_BARE_THREAD void UnlinkThread(UnlinkCall* call) {
   *call->threadErrno = 0;
   if (call->setNs(call->namespaceFd, 0) == 0) call->unlinkAt(call->dirFd, call->filename, 0);
   call->error = *call->threadErrno;
   // The C library knows nothing of this thread: only the kernel may end it.
   asm volatile("syscall" : : "a"(SYS_exit), "D"(0) : "rcx", "r11", "memory");
   __builtin_unreachable();
+}
+
+// clone(2) by the system call itself, so that nobody's wrapper takes the thread for a forked process: a
+// negative errno in the caller; in the thread it calls UnlinkThread, at the top of its stack, and never
+// returns.
+ZYM_BARE_THREAD long CloneForUnlink(int flags, void* stackTop, UnlinkCall* call) {
+  long result = SYS_clone;
+  // Of the registers the kernel changes rax, rcx and r11, in both threads; the last two arguments are unused.
+  asm volatile(
+      "xor %%r10d, %%r10d\n\t"
+      "xor %%r8d, %%r8d\n\t"
+      "syscall\n\t"
+      "test %%rax, %%rax\n\t"
+      "jnz 1f\n\t"
+      "mov %[call], %%rdi\n\t"
+      "call *%[entry]\n"
+      "1:"
+      : "+a"(result)
+      : "D"(static_cast<long>(flags)), "S"(stackTop), "d"(0L), [call] "r"(call), [entry] "r"(&UnlinkThread)
+      : "rcx", "r8", "r10", "r11", "memory", "cc");
+  return result;
 }
 
 // Two pages, the lower of which catches an overflow.
@@ -126,11 +148,8 @@ zym::result_t UnlinkInNamespace(int namespaceFd, int dirFd, const char* filename
   static_assert(kFlags == 0x14d00);
   UnlinkCall call{namespaceFd, dirFd, filename, setNs, &::unlinkat, &errno, 0};
   const SignalsBlocked signalsBlocked;
-  if (::clone(UnlinkThread, stack.Top(), kFlags, &call) == -1) {
-    const int error = errno;
-    return zym::ErrnoToResult(error);
-  }
-  return zym::ErrnoToResult(call.error);
+  const long thread = CloneForUnlink(kFlags, stack.Top(), &call);
+  return zym::ErrnoToResult(thread < 0 ? static_cast<int>(-thread) : call.error);
 }
 
 }  // namespace qor::tools

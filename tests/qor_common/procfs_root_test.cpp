@@ -1,0 +1,47 @@
+// The root is read once in a process, so each case has a process of its own, in which nobody asked before.
+#include "qor_common/procfs_root.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace qor::procfs {
+namespace {
+
+class ProcfsRoot : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+[[noreturn]] void ExitByRoot(const char* value, const char* expected) {
+  if (value != nullptr)
+    ::setenv("VORN_HOST_PROCFS", value, 1);
+  else
+    ::unsetenv("VORN_HOST_PROCFS");
+  const bool right = GetProcfsRoot() == expected;
+  ::setenv("VORN_HOST_PROCFS", "/", 1);
+  std::_Exit(right && GetProcfsRoot() == expected ? 0 : 1);
+}
+
+TEST_F(ProcfsRoot, IsProcByDefault) {
+  EXPECT_EXIT(ExitByRoot(nullptr, "/proc/"), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcfsRoot, IsTheVariablesValueWithASlashAtItsEnd) {
+  EXPECT_EXIT(ExitByRoot("/tmp", "/tmp/"), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcfsRoot, KeepsASlashThatIsThere) {
+  EXPECT_EXIT(ExitByRoot("/tmp/", "/tmp/"), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcfsRoot, StaysProcForAPathThatIsMissing) {
+  EXPECT_EXIT(ExitByRoot("/missing/proc", "/proc/"), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcfsRoot, StaysProcForAnEmptyValue) {
+  EXPECT_EXIT(ExitByRoot("", "/proc/"), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace qor::procfs

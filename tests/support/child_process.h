@@ -1,0 +1,84 @@
+// Things that a test does to a whole process, done to a child of its own.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qor_common/unique_fd.h"
+
+namespace test_support {
+
+// Runs `body` in a forked child and gives the text that it returned, or how the child ended without one. A
+// body says what went wrong, and nothing when all was well: EXPECT_EQ(RunInChild(...), "").
+std::string RunInChild(const std::function<std::string()>& body);
+
+// In a child: a mount namespace of its own, whose changes nobody else sees. "" or what is missing.
+std::string EnterPrivateMounts();
+// In a child behind EnterPrivateMounts: an empty file system in memory over `directory`.
+std::string MountEmpty(const char* directory);
+
+// Lacking rights, as a sentence to skip with; "" when there are all.
+std::string MissingMountRights();
+
+// In a child: the system call `number` does nothing and gives `error` (0: success) from now on, for this
+// process and all it starts; with `argument`, only when the argument of that index has that value.
+struct Argument {
+  unsigned index;
+  std::uint32_t value;
+};
+std::string FailSystemCall(long number, int error, std::optional<Argument> argument = std::nullopt);
+
+// The open descriptors of this process, ascending.
+std::vector<int> OpenDescriptors();
+
+// Reads until the end; waits for it at most a minute.
+std::string ReadToEnd(int fd);
+// What is there, waiting for it at most a minute. Throws at the end.
+std::string ReadSome(int fd);
+std::string ReadTextFile(const std::string& path);
+
+// A directory that is removed, with all that is in it, at the end.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  [[nodiscard]] const std::string& Path() const { return m_path; }
+  [[nodiscard]] std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
+};
+
+// A child that lives in a mount namespace of its own, in which an empty file system in memory lies over
+// `directory`. Throws std::runtime_error when it can't be had.
+class ForeignNamespace {
+ public:
+  explicit ForeignNamespace(const std::string& directory);
+  ~ForeignNamespace();
+  ForeignNamespace(const ForeignNamespace&) = delete;
+  ForeignNamespace& operator=(const ForeignNamespace&) = delete;
+
+  [[nodiscard]] pid_t Pid() const { return m_pid; }
+  [[nodiscard]] std::uint64_t Id() const;
+  // The same file, through the child's root.
+  [[nodiscard]] std::string Seen(const std::string& path) const;
+  // A descriptor for setns(2).
+  [[nodiscard]] qor::UniqueFd Open() const;
+
+ private:
+  pid_t m_pid;
+  qor::UniqueFd m_lifeline;  // the child ends when this closes
+};
+
+// Makes a file with this content.
+void WriteTextFile(const std::string& path, const std::string& text, mode_t mode = 0644);
+
+}  // namespace test_support
