@@ -52,7 +52,7 @@ int Run(int argc, char** argv) {
   watchCommand.add_flag("--full", watch.full, "Read credentials and environments too");
   watchCommand.add_option("--for", watch.seconds, "End after so many seconds")
       ->type_name("SECONDS")
-      ->check(CLI::NonNegativeNumber);
+      ->check(CLI::Range(0.0, 1e9));
   watchCommand.add_option("--count", watch.count, "End after so many events")
       ->type_name("N")
       ->check(CLI::PositiveNumber);

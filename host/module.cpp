@@ -3,8 +3,10 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <thread>
 
 #include "host/failure.h"
 
@@ -12,6 +14,11 @@ namespace pmhost {
 namespace {
 
 constexpr const char* kFileName = "libprocess_manager.so";
+
+// A thread of the module may still hold an object for a moment after the last release of ours, and the module
+// tells of its last object only when it is asked.
+constexpr std::chrono::seconds kUnloadDeadline{5};
+constexpr std::chrono::milliseconds kUnloadPoll{1};
 
 // Beside the program in a build tree; in ../lib in an installed one.
 std::string FindModule() {
@@ -28,7 +35,9 @@ std::string FindModule() {
 }  // namespace
 
 Module::Module(const std::string& file)
-    : m_file(file.empty() ? FindModule() : file), m_handle(::dlopen(m_file.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    // Absolute: a name without a slash would be looked for where libraries are, and not in this directory.
+    : m_file(file.empty() ? FindModule() : std::filesystem::absolute(file).string()),
+      m_handle(::dlopen(m_file.c_str(), RTLD_NOW | RTLD_LOCAL)) {
   if (m_handle == nullptr) throw Failure("cannot load the module " + m_file + ": " + ::dlerror());
   m_getObjectFactory = reinterpret_cast<decltype(m_getObjectFactory)>(Find("zymGetObjectFactory"));
   m_createObject = reinterpret_cast<decltype(m_createObject)>(Find("zymCreateObject"));
@@ -36,6 +45,9 @@ Module::Module(const std::string& file)
 }
 
 Module::~Module() {
+  const auto deadline = std::chrono::steady_clock::now() + kUnloadDeadline;
+  while (m_canUnloadModule() != zym::ZYM_OK && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(kUnloadPoll);
   if (m_canUnloadModule() != zym::ZYM_OK) {
     std::fprintf(stderr, "pmhost: %s still has objects alive and stays loaded\n", m_file.c_str());
     return;

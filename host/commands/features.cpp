@@ -68,6 +68,7 @@ void ShowFeatures(const GlobalOptions& global) {
     for (const std::string& technology : feature.technologies) text += " " + technology;
     writer.WriteLine(text);
   }
+  writer.Finish();
 }
 
 }  // namespace pmhost

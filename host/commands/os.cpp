@@ -25,12 +25,26 @@ std::string Shown(const qor::KernelVersion& kernel) {
   return text;
 }
 
+// The release files are written for a shell: a value may stand in quotes, with a backslash before some
+// characters. A text of another form is shown as it is.
+std::string Unquoted(const std::string& value) {
+  const char quote = value.empty() ? '\0' : value.front();
+  if (value.size() < 2 || (quote != '"' && quote != '\'') || value.back() != quote) return value;
+  std::string text;
+  for (std::size_t i = 1; i + 1 < value.size(); ++i) {
+    if (quote == '"' && value[i] == '\\' && i + 2 < value.size()) ++i;
+    text += value[i];
+  }
+  return text;
+}
+
 }  // namespace
 
 void ShowOs(const GlobalOptions& global) {
   const auto tracer = zym::CreateObject<Tracer>(global.traceLevel, global.traceFile);
   qor::OsInfo info;
   Require(qor::GetOsInfo(tracer.get(), info), "cannot tell what this machine runs");
+  for (std::string* const value : {&info.name, &info.version, &info.description}) *value = Unquoted(*value);
   const std::string kernel = Shown(qor::GetLinuxKernelRelease(tracer.get()));
   const bool workstation = qor::IsWorkstation(tracer.get());
 
@@ -47,13 +61,14 @@ void ShowOs(const GlobalOptions& global) {
     text("kernel", kernel);
     line.Boolean("workstation", workstation);
     writer.WriteLine(line.End());
-    return;
+    return writer.Finish();
   }
   writer.WriteLine("name         " + info.name);
   writer.WriteLine("version      " + info.version);
   writer.WriteLine("description  " + info.description);
   writer.WriteLine("kernel       " + kernel);
   writer.WriteLine(std::string("kind         ") + (workstation ? "workstation" : "server"));
+  writer.Finish();
 }
 
 }  // namespace pmhost

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -46,28 +47,34 @@ class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHa
   }
 
   // Returns when every event that the kernel told before this call has been printed: a process of our own is
-  // started, and events keep their order, so its end comes behind them. Gives up when nothing comes any more.
+  // started, and events keep their order, so its end comes behind them. The kernel may drop it with others,
+  // so there is another one every while, as long as events come; silence ends the wait.
   void Drain() {
-    std::unique_lock lock(m_mutex);
-    const pid_t marker = ::fork();
-    if (marker == 0) ::_exit(0);
-    if (marker < 0) return;
-    m_marker = marker;
-    lock.unlock();
-    ::waitpid(marker, nullptr, 0);
-    lock.lock();
     constexpr std::chrono::seconds kSilence{2};
-    std::uint64_t before = 0;
-    do {
-      before = m_seen;
-    } while (!m_ended.wait_for(lock, kSilence, [this] { return m_markerEnded; }) && m_seen != before);
+    while (SendMarker()) {
+      std::unique_lock lock(m_mutex);
+      const std::uint64_t before = m_seen;
+      if (m_ended.wait_for(lock, kSilence, [this] { return m_markerEnded; }) || m_seen == before) return;
+    }
   }
 
  private:
+  // False: no process can be started.
+  bool SendMarker() {
+    pid_t marker = 0;
+    {
+      const std::scoped_lock lock(m_mutex);  // its events wait until its pid is known
+      marker = ::fork();
+      if (marker == 0) ::_exit(0);
+      if (marker > 0) m_markers.insert(static_cast<std::uint32_t>(marker));
+    }
+    return marker > 0 && ::waitpid(marker, nullptr, 0) == marker;
+  }
+
   bool IsOfTheMarker(ISystemEvent& event) {
     const std::scoped_lock lock(m_mutex);
-    if (m_marker == 0 || event.GetPid() != static_cast<std::uint32_t>(m_marker)) return false;
-    m_markerEnded = event.GetType() == event_type::kExitProcess;
+    if (!m_markers.contains(event.GetPid())) return false;
+    m_markerEnded |= event.GetType() == event_type::kExitProcess;
     if (m_markerEnded) m_ended.notify_all();
     return true;
   }
@@ -81,7 +88,7 @@ class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHa
 
   std::mutex m_mutex;  // guards all below
   std::condition_variable m_ended;
-  pid_t m_marker = 0;
+  std::set<std::uint32_t> m_markers;  // their pids
   bool m_markerEnded = false;
 };
 
@@ -125,6 +132,7 @@ void Watch(const GlobalOptions& global, const WatchOptions& options) {
   if (::isatty(STDERR_FILENO) == 1) std::fputs("pmhost: watching; end with Ctrl-C\n", stderr);
   limits.Wait();
   handler->Drain();
+  writer.Finish();
 }
 
 }  // namespace pmhost

@@ -2,36 +2,48 @@
 
 #include <charconv>
 #include <cstdio>
+#include <type_traits>
 
 #include "zym/utf.h"
 
 namespace pmhost {
 namespace {
 
+// What stands for a unit that is no text: a lone surrogate itself, or the low surrogate that many programs
+// read back as the byte.
+constexpr unsigned Unit(char16_t unit) {
+  return unit;
+}
+constexpr unsigned Unit(char byte) {
+  return 0xdc00U + static_cast<unsigned char>(byte);
+}
+
 // `text` as the inside of a JSON string.
-void AppendEscaped(std::string& out, std::u16string_view text) {
+template <class C>
+void AppendEscaped(std::string& out, std::basic_string_view<C> text) {
   const auto appendUnit = [&out](unsigned unit) {
     char escape[8];
     std::snprintf(escape, sizeof(escape), "\\u%04x", unit);
     out += escape;
   };
   while (!text.empty()) {
-    const char16_t unit = text.front();
-    if (unit == u'"' || unit == u'\\') {
+    const C unit = text.front();
+    const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
+    if (unit == '"' || unit == '\\') {
       out += '\\';
       out += static_cast<char>(unit);
       text.remove_prefix(1);
-    } else if (unit < 0x20 || unit == 0x7f) {
-      appendUnit(unit);
+    } else if (code < 0x20 || code == 0x7f) {
+      appendUnit(code);
       text.remove_prefix(1);
-    } else if (unit < 0x80) {
+    } else if (code < 0x80) {
       out += static_cast<char>(unit);
       text.remove_prefix(1);
     } else if (const std::optional<char32_t> point = zym::TakeCodePoint(text)) {
       char bytes[4];
       out.append(bytes, zym::EncodeUtf8(*point, bytes));
     } else {
-      appendUnit(unit);  // a lone surrogate
+      appendUnit(Unit(unit));
     }
   }
 }
@@ -49,18 +61,23 @@ std::string_view JsonLine::End() {
   return {m_buffer.GetString(), m_buffer.GetSize()};
 }
 
+template <class C>
+void JsonLine::String(std::basic_string_view<C> text) {
+  m_scratch.assign(1, '"');
+  AppendEscaped(m_scratch, text);
+  m_scratch += '"';
+  m_writer.RawValue(m_scratch.data(), m_scratch.size(), rapidjson::kStringType);
+}
+
 void JsonLine::Text(const char* name, std::string_view value) {
   m_writer.Key(name);
-  m_writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+  String(value);
 }
 
 void JsonLine::Text(const char* name, std::optional<std::u16string_view> value) {
   if (!value) return Null(name);
   m_writer.Key(name);
-  m_scratch.assign(1, '"');
-  AppendEscaped(m_scratch, *value);
-  m_scratch += '"';
-  m_writer.RawValue(m_scratch.data(), m_scratch.size(), rapidjson::kStringType);
+  String(*value);
 }
 
 void JsonLine::Number(const char* name, std::optional<std::uint32_t> value) {
@@ -92,7 +109,7 @@ void JsonLine::BeginList(const char* name) {
 }
 
 void JsonLine::Item(std::string_view value) {
-  m_writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+  String(value);
 }
 
 void JsonLine::EndList() {

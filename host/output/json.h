@@ -19,8 +19,9 @@ class JsonLine {
   // Ends it; valid until the next Begin.
   std::string_view End();
 
+  // UTF-8, or UTF-16. What is no text is never dropped: a lone surrogate is escaped as itself ("\udXXX"), a
+  // byte 0xXX as "\udcXX".
   void Text(const char* name, std::string_view value);
-  // UTF-16: what is no text is escaped as "\udXXX", never dropped.
   void Text(const char* name, std::optional<std::u16string_view> value);
   void Number(const char* name, std::optional<std::uint32_t> value);
   // A number that may not fit 53 bits: a string in decimal.
@@ -34,6 +35,9 @@ class JsonLine {
   void EndList();
 
  private:
+  template <class C>
+  void String(std::basic_string_view<C> text);
+
   using Buffer = rapidjson::StringBuffer;
 
   Buffer m_buffer;

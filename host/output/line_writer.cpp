@@ -1,11 +1,15 @@
 #include "host/output/line_writer.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
+
+#include "host/failure.h"
 
 namespace pmhost {
 namespace {
@@ -13,14 +17,21 @@ namespace {
 constexpr std::size_t kLargeEnough = 64 * 1024;
 constexpr std::chrono::milliseconds kOldEnough{50};
 
-bool WriteAll(int fd, std::string_view text) {
+// Waits for a slow reader where the descriptor would not. 0, or the errno.
+int WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t count = ::write(fd, text.data(), text.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(count));
+    const int error = count < 0 ? errno : 0;
+    if (error == EAGAIN) {
+      pollfd writable{.fd = fd, .events = POLLOUT, .revents = 0};
+      ::poll(&writable, 1, -1);
+    } else if (error != 0 && error != EINTR) {
+      return error;
+    } else if (error == 0) {
+      text.remove_prefix(static_cast<std::size_t>(count));
+    }
   }
-  return true;
+  return 0;
 }
 
 }  // namespace
@@ -41,20 +52,20 @@ LineWriter::~LineWriter() {
 
 bool LineWriter::WriteLine(std::string_view line) {
   std::unique_lock lock(m_mutex);
-  if (m_broken) return false;
+  if (m_error != 0) return false;
   const bool first = m_pending.empty();
   m_pending.append(line).push_back('\n');
   if (m_terminal || m_pending.size() >= kLargeEnough)
     Flush(lock);
   else if (first)
     m_changed.notify_all();
-  return !m_broken;
+  return m_error == 0;
 }
 
 // Under the lock: lines leave in their order, and a slow reader holds the writer back instead of filling the
 // memory.
 void LineWriter::Flush(std::unique_lock<std::mutex>&) {
-  if (!m_broken && !WriteAll(m_fd, m_pending)) m_broken = true;
+  if (m_error == 0) m_error = WriteAll(m_fd, m_pending);
   m_pending.clear();
 }
 
@@ -66,6 +77,13 @@ void LineWriter::FlushWhenOld() {
     m_changed.wait_for(lock, kOldEnough, [this] { return m_ending; });
     Flush(lock);
   }
+}
+
+void LineWriter::Finish() {
+  std::unique_lock lock(m_mutex);
+  Flush(lock);
+  if (m_error != 0 && m_error != EPIPE)
+    throw Failure(std::string("cannot write the output: ") + std::strerror(m_error));
 }
 
 std::size_t LineWriter::Width() const {

@@ -22,7 +22,9 @@ class LineWriter {
   // False: the reader is gone, or nothing can be written any more; lines are dropped from then on.
   bool WriteLine(std::string_view line);
 
-  [[nodiscard]] bool IsTerminal() const { return m_terminal; }
+  // Writes what is left. Throws Failure when lines were lost, unless it was the reader who went away.
+  void Finish();
+
   // Columns of the terminal; 0 when there is none.
   [[nodiscard]] std::size_t Width() const;
 
@@ -35,7 +37,7 @@ class LineWriter {
   std::mutex m_mutex;  // guards all below
   std::condition_variable m_changed;
   std::string m_pending;
-  bool m_broken = false;
+  int m_error = 0;  // the errno of the write that failed
   bool m_ending = false;
   std::thread m_flusher;
 };

@@ -49,7 +49,7 @@ bool Find(IProcessInfoProvider& cache, const ProcessEvent& event, process_cache:
   if (event.type == event_type::kExitProcess && cache.Get(static_cast<pid_t>(event.pid), info) &&
       info.uniquePid == event.uniquePid)
     return true;
-  return cache.GetByUniquePid(event.uniquePid, info);
+  return event.uniquePid && cache.GetByUniquePid(*event.uniquePid, info);
 }
 
 }  // namespace
@@ -65,11 +65,11 @@ ProcessEvent ReadProcessEvent(ISystemEvent& event, IProcessInfoProvider& cache) 
   ProcessEvent result{
       .type = event.GetType(),
       .sequence = *sequence,
-      .timestamp = parameters.Number<std::uint64_t>(event_param::kTimestamp).value_or(0),
+      .timestamp = parameters.Number<std::uint64_t>(event_param::kTimestamp),
       .fromExec = parameters.Number<std::uint32_t>(event_param::kFromExec) == 1U,
       .fake = event.IsFake(),
       .pid = event.GetPid(),
-      .uniquePid = parameters.Number<std::uint64_t>(event_param::kUniquePid).value_or(qor::kNoUniquePid),
+      .uniquePid = UnlessAllOnes(parameters.Number<std::uint64_t>(event_param::kUniquePid)),
       .parentPid = UnlessAllOnes(parameters.Number<std::uint32_t>(event_param::kParentPid)),
       .uniqueParentPid = UnlessAllOnes(parameters.Number<std::uint64_t>(event_param::kUniqueParentPid)),
       .sessionId = parameters.Number<std::uint32_t>(event_param::kSessionId),
@@ -79,6 +79,8 @@ ProcessEvent ReadProcessEvent(ISystemEvent& event, IProcessInfoProvider& cache) 
       .commandLine = parameters.Text(event_param::kCommandLine),
       .state = parameters.Number<std::uint32_t>(event_param::kState).value_or(qor::kStarting),
   };
+  if (result.type == event_type::kCreateProcess)
+    result.creatorPid = UnlessAllOnes(std::optional(event.GetCpid()));
   process_cache::ProcessInformation info;
   result.inCache = Find(cache, result, info);
   if (result.inCache) {

@@ -15,11 +15,11 @@ namespace pmhost {
 struct ProcessEvent {
   std::uint32_t type = 0;
   std::uint64_t sequence = 0;
-  std::uint64_t timestamp = 0;  // nanoseconds of CLOCK_MONOTONIC
+  std::optional<std::uint64_t> timestamp;  // nanoseconds of CLOCK_MONOTONIC
   bool fromExec = false;
   bool fake = false;
   std::uint32_t pid = 0;
-  std::uint64_t uniquePid = 0;
+  std::optional<std::uint64_t> uniquePid;
   std::optional<std::uint32_t> parentPid;
   std::optional<std::uint64_t> uniqueParentPid;
   std::optional<std::uint32_t> sessionId;
@@ -29,8 +29,9 @@ struct ProcessEvent {
   std::optional<std::u16string_view> commandLine;
   std::uint32_t state = 0;
 
-  bool inCache = false;  // the rest is known
   std::optional<std::uint32_t> creatorPid;
+
+  bool inCache = false;  // the flags are known
   std::optional<std::uint64_t> uniqueCreatorPid;
   std::optional<zym::datetime_t> startTime;
   std::optional<zym::datetime_t> exitTime;

@@ -24,7 +24,10 @@ class JsonPrinter final : public ProcessEventPrinter {
     m_line.Begin();
     m_line.Text("event", std::string_view(EventName(event.type)));
     m_line.LongNumber("sequence", event.sequence);
-    m_line.Text("time", m_time.FromMonotonic(event.timestamp));
+    if (event.timestamp)
+      m_line.Text("time", m_time.FromMonotonic(*event.timestamp));
+    else
+      m_line.Null("time");
     m_line.Boolean("from_exec", event.fromExec);
     m_line.Boolean("fake", event.fake);
     m_line.Number("pid", event.pid);
@@ -85,15 +88,17 @@ class ColumnPrinter final : public ProcessEventPrinter {
   explicit ColumnPrinter(std::size_t width) : m_width(width) {}
 
   std::string_view Heading() override {
-    return "TIME             EVENT      PID    PPID    USER  UNIQUE PID            PATH: COMMAND LINE";
+    m_text = "TIME             EVENT      PID    PPID    USER  UNIQUE PID            PATH: COMMAND LINE";
+    Cut();
+    return m_text;
   }
 
   std::string_view Line(const ProcessEvent& event) override {
     char columns[128];
-    std::snprintf(columns, sizeof(columns), "%-15.15s  %-5s  %7u %7s %7s  %-20llu  ",
-                  m_time.FromMonotonic(event.timestamp).c_str() + 11, What(event), event.pid,
-                  Shown(event.parentPid).c_str(), Shown(event.userId).c_str(),
-                  static_cast<unsigned long long>(event.uniquePid));
+    std::snprintf(columns, sizeof(columns), "%-15.15s  %-5s  %7u %7s %7s  %-20s  ",
+                  event.timestamp ? m_time.FromMonotonic(*event.timestamp).c_str() + 11 : "?", What(event),
+                  event.pid, Shown(event.parentPid).c_str(), Shown(event.userId).c_str(),
+                  Shown(event.uniquePid).c_str());
     m_text = columns;
     if (event.imagePath)
       AppendShown(m_text, *event.imagePath);
@@ -113,7 +118,7 @@ class ColumnPrinter final : public ProcessEventPrinter {
     return event.fromExec ? "exec" : "fork";
   }
 
-  static std::string Shown(std::optional<std::uint32_t> number) {
+  static std::string Shown(std::optional<std::uint64_t> number) {
     return number ? std::to_string(*number) : "?";
   }
 

@@ -532,6 +532,7 @@ TEST_F(FilterManagerTest, AFilterThatIsDeletedByAnotherThreadDuringItsOwnCallIsG
 TEST_F(FilterManagerTest, AHandlerLivesUntilItsLastCallReturns) {
   std::atomic<bool> destroyed{false};
   struct Mark {
+    explicit Mark(std::atomic<bool>& f) : flag(f) {}
     std::atomic<bool>& flag;
     ~Mark() { flag = true; }
   };

@@ -17,7 +17,6 @@ namespace qor::process_manager::non_blocking {
 namespace {
 
 using zym::trace::kCall;
-using zym::trace::kFailure;
 using zym::trace::kWarning;
 
 constexpr const char* kThreadName = "vornPrcMonPoll";

@@ -20,18 +20,17 @@ namespace {
 constexpr const char* kInit = "InitNetlinkConnector: ";
 constexpr const char* kConfigure = "ConfigureNetlinkConnector: ";
 
-// A buffer that is large enough stays. That it can't be made larger is no reason to do without the socket.
-void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket) {
+}  // namespace
+
+void NetlinkSocket::WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket) {
   const int size = mnl_socket_get_rcv_buf_size(socket);
   if (size > 0)
     ZYM_TRACE(tracer, zym::trace::kCall, kInit << "default netlink socket receive buffer size: " << size);
-  if (size >= NetlinkSocket::kReceiveBufferSize) return;
-  if (mnl_socket_set_rcv_buf_size(socket, NetlinkSocket::kReceiveBufferSize) == 0)
+  if (size >= kReceiveBufferSize) return;
+  if (mnl_socket_set_rcv_buf_size(socket, kReceiveBufferSize) == 0)
     ZYM_TRACE(tracer, zym::trace::kCall,
-              kInit << "new netlink socket receive buffer size: " << NetlinkSocket::kReceiveBufferSize);
+              kInit << "new netlink socket receive buffer size: " << kReceiveBufferSize);
 }
-
-}  // namespace
 
 std::unique_ptr<NetlinkSocket> NetlinkSocket::Open(zym::ITracer* tracer) {
   Handle socket(mnl_socket_open2(NETLINK_CONNECTOR, SOCK_NONBLOCK | SOCK_CLOEXEC));

@@ -17,6 +17,10 @@ class NetlinkSocket final : public IDatagramSource {
   // The receive buffer takes the bursts of a busy machine.
   static constexpr int kReceiveBufferSize = 0x200000;
 
+  // A buffer that is large enough stays. That one can't be made larger is not told: the socket is used as it
+  // is.
+  static void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket);
+
   // Opens and binds; on failure the reason is traced and the pointer is null. Needs CAP_NET_ADMIN.
   static std::unique_ptr<NetlinkSocket> Open(zym::ITracer* tracer);
 
