@@ -1,6 +1,5 @@
 #include "process_manager/process_cache.h"
 
-#include <ctime>
 #include <random>
 #include <utility>
 
@@ -17,21 +16,19 @@ using zym::trace::kCall;
 constexpr int kCounterShift = 23;
 constexpr std::uint64_t kCounterMask = 0x1ff;  // the low 9 bits of the counter reach the unique pid
 
-// The counter starts at random: unique pids of two runs of the module within a second differ.
-std::uint16_t RandomStart() {
+std::uint16_t RandomCounterStart() {
   std::random_device device("default");
   std::mt19937 engine(device());
   return std::uniform_int_distribution<std::uint16_t>()(engine);
 }
 
-PidType ToPid(pid_t pid) {
-  return static_cast<PidType>(pid);
-}
-
 zym::telemetry::TableMetrics TakeMetrics(zym::IServiceLocator* locator) {
   zym::telemetry::TableMetrics metrics;
   ZYM_CHECK_RESULT_OR_THROW(zym::RequireInterface<zym::telemetry::IMetricSource>(locator)->GetTableMetrics(
-      "process_cache", metrics));
+                                "process_cache", metrics),
+                            "Cannot get the metrics of the process cache");
+  ZYM_CHECK_OR_THROW(metrics.size && metrics.hits && metrics.misses,
+                     "The metrics of the process cache are incomplete");
   return metrics;
 }
 
@@ -43,42 +40,54 @@ void CopyIdsThatAreKnown(const process_cache::ProcessInformation& from,
   if (from.effectiveGroupId) to.effectiveGroupId = from.effectiveGroupId;
 }
 
-template <class T>
-void AssignIfDifferent(T& target, const T& value) {
-  if (target != value) target = value;
-}
-
 }  // namespace
 
-// Keeps no reference to the cache, which unregisters it before it goes.
+ProcessCacheSurroundings ProcessCacheSurroundings::Real() {
+  return {.now = &zym::datetime::Now,
+          .seconds = [] { return std::time(nullptr); },
+          .counterStart = &RandomCounterStart,
+          .isWorkstation = [](zym::ITracer* tracer) { return IsWorkstation(tracer); }};
+}
+
+// Knows the cache without keeping it, until the cache lets go of it. A registry that still calls it then
+// does no harm.
 class ProcessCache::SizeCollector : public zym::object::Ifaces<zym::telemetry::ICollector> {
  public:
-  explicit SizeCollector(ProcessCache& cache) : m_cache(cache) {}
+  explicit SizeCollector(ProcessCache& cache) : m_cache(&cache) {}
 
   void Collect() override {
-    const std::scoped_lock lock(m_cache.m_mutex);
-    m_cache.m_metrics.size->Set(static_cast<std::int64_t>(m_cache.m_live.Size()));
+    const std::scoped_lock lock(m_mutex);
+    if (m_cache != nullptr) m_cache->ReportSize();
+  }
+
+  // When it returns, no call of Collect is in the cache, nor will be.
+  void LetGo() {
+    const std::scoped_lock lock(m_mutex);
+    m_cache = nullptr;
   }
 
  private:
-  ProcessCache& m_cache;
+  std::mutex m_mutex;  // guards m_cache; the cache's mutex is taken inside it
+  ProcessCache* m_cache;
 };
 
 ProcessCache::ProcessCache(zym::IServiceLocator* locator, std::int64_t deadEntryRetention,
-                           zym::datetime_t (*now)() noexcept)
+                           ProcessCacheSurroundings surroundings)
     : TracerProvider(locator, "ProcessCache"),
-      m_live(IsWorkstation(GetTracer()) ? kWorkstationCapacity : kServerCapacity),
-      m_dead(kDeadCapacity),
+      m_surroundings(std::move(surroundings)),
       m_deadEntryRetention(deadEntryRetention),
-      m_uniqueCounter(RandomStart()),
-      m_now(now),
       m_tracerCategoryFilter(zym::RequireInterface<zym::ITracerCategoryFilter>(locator)),
       m_metrics(TakeMetrics(locator)),
-      m_metricsRegistry(zym::RequireInterface<zym::telemetry::IMetricsRegistry>(locator)) {
-  m_live.Insert(0, Entry(0, 0));  // the kernel: the one pid whose unique pid is fixed
-  const auto collector = zym::CreateObject<SizeCollector>(*this);
-  ZYM_CHECK_RESULT_OR_THROW(m_metricsRegistry->RegisterCollector(collector.get(), &m_collectorToken),
-                            "Cannot register the collector of the process cache");
+      m_live(m_surroundings.isWorkstation(GetTracer()) ? kWorkstationCapacity : kServerCapacity),
+      m_dead(kDeadCapacity),
+      m_uniqueCounter(m_surroundings.counterStart()),
+      m_metricsRegistry(zym::RequireInterface<zym::telemetry::IMetricsRegistry>(locator)),
+      m_collector(zym::CreateObject<SizeCollector>(*this)) {
+  m_live.Emplace(0, 0U, 0U);  // the kernel: the one pid whose unique pid is fixed
+  // Last, for the registry may call the collector at once.
+  const zym::result_t result = m_metricsRegistry->RegisterCollector(m_collector.get(), &m_collectorToken);
+  if (!ZYM_SUCCEEDED(result)) m_collector->LetGo();
+  ZYM_CHECK_RESULT_OR_THROW(result, "Cannot register the collector of the process cache");
 }
 
 ProcessCache::~ProcessCache() {
@@ -88,11 +97,16 @@ ProcessCache::~ProcessCache() {
     m_live.Clear();
     m_dead.Clear();
   }
+  m_collector->LetGo();
   ZYM_REPORT_RESULT(GetTracer(), m_metricsRegistry->UnregisterCollector(m_collectorToken));
 }
 
+void ProcessCache::ReportSize() {
+  const std::scoped_lock lock(m_mutex);
+  m_metrics.size->Set(static_cast<std::int64_t>(m_live.Size()));
+}
+
 // --- the pieces
-// ---------------------------------------------------------------------------------------------
 
 std::string ProcessCache::Describe(const ProcessInformation& info) const {
   return DescribeProcess(info, m_tracerCategoryFilter.get());
@@ -106,13 +120,13 @@ ProcessCache::Entry* ProcessCache::Find(PidType pid) {
 
 ProcessCache::Entry& ProcessCache::FindOrCreate(PidType pid) {
   if (Entry* const entry = Find(pid); entry != nullptr) return *entry;
-  return m_live.Insert(pid, Entry(pid, NewUniquePid(pid)));
+  return m_live.Emplace(pid, pid, NewUniquePid(pid));
 }
 
 UniquePidType ProcessCache::NewUniquePid(PidType pid) {
   ++m_uniqueCounter;
   if (pid == kNoPid) return kNoUniquePid;
-  const auto seconds = static_cast<std::uint64_t>(std::time(nullptr));
+  const auto seconds = static_cast<std::uint64_t>(m_surroundings.seconds());
   // The pid is combined without a mask: Linux has none beyond 22 bits.
   return seconds << 32 | (m_uniqueCounter & kCounterMask) << kCounterShift | pid;
 }
@@ -149,210 +163,31 @@ ProcessCache::Version& ProcessCache::VersionToCreate(Entry& entry, zym::datetime
   return awaited != nullptr ? *awaited : AppendVersion(entry, time);
 }
 
+void ProcessCache::End(Version& version, zym::datetime_t time) {
+  version.endSequence = ++m_sequence;
+  version.info.state = kTerminated;
+  version.info.exitTime = time;
+}
+
 ProcessCache::Version& ProcessCache::VersionToEnd(Entry& entry) {
   Version* const version = entry.FrontOf(entry.terminationQueue);
   ZYM_CHECK_OR_THROW(version != nullptr, "No image of the process awaits its end, pid: " << entry.pid);
   return *version;
 }
 
+// A dead record of the last image takes the place of the entry.
 void ProcessCache::Bury(Entry& entry) {
-  const PidType pid = entry.pid;
-  m_dead.Insert(pid, DeadRecord{std::move(entry.Last().info), m_deadEntryRetention});
-  m_live.Erase(pid);
-}
-
-// --- reports of the event sources
-// ---------------------------------------------------------------------------
-
-void ProcessCache::OnFork(ProcessInformation&& info, EventInfo& create) {
-  const std::scoped_lock lock(m_mutex);
-  Entry& entry = LinkParent(info.pid, info.parentPid, true);
-  // On the first version, although a permission path may have appended a later image already: the events of
-  // the first image are told in order, and the later one stays in the queues for its own report.
-  Version& first = entry.First();
-  if (first.startSequence == 0) first.startSequence = ++m_sequence;
-  const auto merge = info.state == kTerminated ? &process_cache::MergeGone : &process_cache::Merge;
-  merge(info, first.info, true);
-  process_cache::PopFront(entry.creationQueue);
-  create.isFork = true;
-  create.sequence = first.startSequence;
-  create.info = first.info;
-}
-
-void ProcessCache::OnExecPerm(ProcessInformation&& info, EventInfo& exit, EventInfo& create) {
-  const std::scoped_lock lock(m_mutex);
-  Entry& entry = LinkParent(info.pid, info.parentPid, false);
-  const zym::datetime_t time = info.startTime;
-  Version& old = entry.Last();
-  if (old.startSequence == 0) old.startSequence = ++m_sequence;
-  old.endSequence = ++m_sequence;
-  old.info.state = kTerminated;
-  old.info.exitTime = time;
-  exit.isExec = true;
-  exit.sequence = old.endSequence;
-  exit.info = old.info;
-
-  Version& image = AppendVersion(entry, time);
-  process_cache::Merge(info, image.info, false);
-  create.sequence = image.startSequence;
-  create.info = image.info;
-}
-
-// Possibly the second report of this transition: after OnExecPerm the numbers that it gave are told again.
-void ProcessCache::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo& create) {
-  const std::scoped_lock lock(m_mutex);
-  const bool gone = info.state == kTerminated;
-  Entry& entry = gone ? FindOrCreate(info.pid) : LinkParent(info.pid, info.parentPid, false);
-  const zym::datetime_t time = info.startTime;
-
-  Version& old = VersionToEnd(entry);
-  if (old.endSequence == 0) {
-    old.endSequence = ++m_sequence;
-    old.info.state = kTerminated;
-    old.info.exitTime = time;
-  }
-  // The creation of the old image, if it wasn't told yet, will never be.
-  if (old.startSequence == 0) process_cache::PopFront(entry.creationQueue);
-  process_cache::PopFront(entry.terminationQueue);
-  exit.isExec = true;
-  exit.sequence = old.endSequence;
-  exit.info = old.info;
-  const std::optional<std::uint32_t> realUserId = old.info.realUserId;
-  const std::optional<std::uint32_t> realGroupId = old.info.realGroupId;
-
-  Version& image = VersionToCreate(entry, time);
-  if (gone && entry.ready)
-    process_cache::MergeGone(info, image.info, false);
-  else
-    process_cache::Merge(info, image.info, false);
-  // An exec doesn't change the real ids; that the old image had none read is kept too.
-  image.info.realUserId = realUserId;
-  image.info.realGroupId = realGroupId;
-  process_cache::PopFront(entry.creationQueue);
-  create.sequence = image.startSequence;
-  create.info = image.info;
-}
-
-void ProcessCache::OnExit(pid_t pid, EventInfo& exit) {
-  const zym::datetime_t now = m_now();
-  const std::scoped_lock lock(m_mutex);
-  Entry* const entry = Find(ToPid(pid));
-  if (entry == nullptr) {
-    exit.skip = true;
-    return;
-  }
-  Version& version = VersionToEnd(*entry);
-  version.endSequence = ++m_sequence;
-  version.info.state = kTerminated;
-  version.info.exitTime = now;
-  process_cache::PopFront(entry->terminationQueue);
-  exit.sequence = version.endSequence;
-  exit.info = version.info;
-}
-
-void ProcessCache::OnExitProcess(EventInfo& exit) {
-  const std::scoped_lock lock(m_mutex);
-  Entry* const entry = Find(exit.info.pid);
-  if (entry == nullptr) {
-    exit.skip = true;
-    return;
-  }
-  if (exit.isExec) return;
-  if (!entry->creationQueue.empty() && entry->creationQueue.front() != 0) {
-    ZYM_TRACE(
-        GetTracer(), zym::trace::kWarning,
-        __PRETTY_FUNCTION__ << " pid: " << entry->pid << ", not erased: " << entry->creationQueue.front());
-    entry->exitPending = true;
-    return;
-  }
-  entry->Last().info.state = kTerminated;
-  Bury(*entry);
-}
-
-void ProcessCache::OnExecDeny(ProcessInformation&& info, EventInfo& exit, EventInfo& create,
-                              EventInfo& forkExit, EventInfo& forkCreate) {
-  const std::scoped_lock lock(m_mutex);
-  Entry* const entry = Find(info.pid);
-  ZYM_CHECK_OR_THROW(entry != nullptr, "A process that was denied an exec isn't known, pid: " << info.pid);
-  const zym::datetime_t time = info.startTime;
-
-  Version& last = entry->Last();
-  last.endSequence = ++m_sequence;
-  last.info.state = kTerminated;
-  last.info.exitTime = time;
-  process_cache::PopBack(entry->creationQueue);
-  process_cache::PopBack(entry->terminationQueue);
-  forkExit.isExec = !entry->exitPending;
-  forkExit.sequence = last.endSequence;
-  forkExit.info = last.info;
-  if (entry->exitPending) {
-    exit.skip = true;
-    create.skip = true;
-    forkCreate.skip = true;
-    Bury(*entry);
-    return;
-  }
-
-  process_cache::PopBack(entry->terminationQueue);
-  ZYM_CHECK_OR_THROW(entry->versions.size() > 1,
-                     "An exec was denied that nobody announced, pid: " << info.pid);
-  const Version previous = entry->versions[entry->versions.size() - 2];
-  exit.isExec = true;
-  exit.sequence = previous.endSequence;
-  exit.info = previous.info;
-
-  // The process goes on as what it was, under a new unique pid.
-  Version& next = AppendVersion(*entry, time);
-  process_cache::Merge(info, next.info, false);
-  next.info.creatorPid = previous.info.creatorPid;
-  next.info.creatorUniquePid = previous.info.creatorUniquePid;
-  forkCreate.sequence = next.startSequence;
-  forkCreate.info = next.info;
-  process_cache::PopBack(entry->creationQueue);
-  create.sequence = next.startSequence;
-  create.info = next.info;
-}
-
-zym::result_t ProcessCache::OnCreateProcess(bool shouldUpdateExecInfo, EventInfo& create) {
-  const std::scoped_lock lock(m_mutex);
-  Entry* const entry = Find(create.info.pid);
-  if (entry == nullptr) {
-    create.skip = true;
-    return zym::ZYM_E_NOT_FOUND;
-  }
-  if (!shouldUpdateExecInfo) return zym::ZYM_OK;
-  Version* const procInfo = entry->FindByUniquePid(create.info.uniquePid);
-  ZYM_CHECK(GetTracer(), procInfo, zym::ZYM_E_NOT_FOUND);
-  AssignIfDifferent(procInfo->info.imagePath, create.info.imagePath);
-  AssignIfDifferent(procInfo->info.commandLine, create.info.commandLine);  // by pointer
-  AssignIfDifferent(procInfo->info.environment, create.info.environment);
-  AssignIfDifferent(procInfo->info.flags, create.info.flags);
-  return zym::ZYM_OK;
-}
-
-void ProcessCache::OnUidChange(pid_t pid, uid_t realUserId, uid_t effectiveUserId) {
-  const std::scoped_lock lock(m_mutex);
-  Entry* const entry = Find(ToPid(pid));
-  if (entry == nullptr) return;
-  entry->Last().info.realUserId = realUserId;
-  entry->Last().info.effectiveUserId = effectiveUserId;
-}
-
-void ProcessCache::OnGidChange(pid_t pid, gid_t realGroupId, gid_t effectiveGroupId) {
-  const std::scoped_lock lock(m_mutex);
-  Entry* const entry = Find(ToPid(pid));
-  if (entry == nullptr) return;
-  entry->Last().info.realGroupId = realGroupId;
-  entry->Last().info.effectiveGroupId = effectiveGroupId;
+  m_dead.Emplace(entry.pid, std::move(entry.Last().info), m_deadEntryRetention);
+  m_live.Erase(entry.pid);
 }
 
 // --- questions
-// ----------------------------------------------------------------------------------------------
 
 bool ProcessCache::Get(pid_t pid, ProcessInformation& info) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() pid: " << pid);
   const std::scoped_lock lock(m_mutex);
-  Entry* const entry = m_live.Find(ToPid(pid));
-  if (entry == nullptr) return GetDead(ToPid(pid), info);
+  Entry* const entry = m_live.Find(static_cast<PidType>(pid));
+  if (entry == nullptr) return GetDead(static_cast<PidType>(pid), info);
   if (!entry->ready) {
     m_metrics.misses->Increment();
     return false;
@@ -371,7 +206,7 @@ bool ProcessCache::GetDead(PidType pid, ProcessInformation& info) {
     return false;
   }
   static_cast<void>(zym::datetime::ToUnix(record->info.exitTime));  // throws for a time that is none
-  if (m_now() - record->info.exitTime > record->retention) {
+  if (m_surroundings.now() - record->info.exitTime > record->retention) {
     m_dead.Erase(pid);
     m_metrics.misses->Increment();
     return false;
@@ -382,40 +217,36 @@ bool ProcessCache::GetDead(PidType pid, ProcessInformation& info) {
   return true;
 }
 
-// The version with this unique pid, in an entry that is ready; why there is none is traced. Counts a miss.
-ProcessCache::Version* ProcessCache::FindByUniquePid(UniquePidType uniquePid, const char* function) {
+// The version with this unique pid, in an entry that is ready; why there is none is traced. Counts.
+ProcessCache::Version* ProcessCache::FindByUniquePid(UniquePidType uniquePid) {
   const PidType pid = PidOf(uniquePid);
   Entry* const entry = m_live.Find(pid);
   Version* version = nullptr;
   if (entry == nullptr) {
-    ZYM_TRACE(GetTracer(), kCall,
-              function << ": "
-                       << "Cannot find process info by upid=" << uniquePid << ", pid=" << pid);
+    ZYM_TRACE(GetTracer(), kCall, "Cannot find process info by upid=" << uniquePid << ", pid=" << pid);
   } else if (!entry->ready) {
-    ZYM_TRACE(GetTracer(), kCall,
-              function << ": "
-                       << "Process info is not ready yet upid=" << uniquePid);
+    ZYM_TRACE(GetTracer(), kCall, "Process info is not ready yet upid=" << uniquePid);
   } else if (version = entry->FindByUniquePid(uniquePid); version == nullptr) {
-    ZYM_TRACE(GetTracer(), kCall,
-              function << ": "
-                       << "Cannot find process info by upid=" << uniquePid);
+    ZYM_TRACE(GetTracer(), kCall, "Cannot find process info by upid=" << uniquePid);
   }
   (version != nullptr ? m_metrics.hits : m_metrics.misses)->Increment();
   return version;
 }
 
 bool ProcessCache::GetByUniquePid(UniquePidType uniquePid, ProcessInformation& info) try {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() upid: " << uniquePid);
   const std::scoped_lock lock(m_mutex);
-  const Version* const procInfo = FindByUniquePid(uniquePid, __func__);
+  const Version* const procInfo = FindByUniquePid(uniquePid);
   ZYM_CHECK(GetTracer(), procInfo, false);
   info = procInfo->info;
   return true;
 } catch (...) {
-  zym::ExceptionInFunctionToResult(GetTracer(), "GetByUniquePid");
+  zym::ExceptionInFunctionToResult(GetTracer(), __func__);
   return false;
 }
 
 void ProcessCache::Update(ProcessInformation& info) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() pid: " << info.pid);
   const std::scoped_lock lock(m_mutex);
   Entry& entry = FindOrCreate(info.pid);
   const ProcessInformation& parent = FindOrCreate(info.parentPid).Last().info;
@@ -446,8 +277,9 @@ void ProcessCache::Update(ProcessInformation& info) {
 }
 
 bool ProcessCache::UpdateAdditionalInfo(ProcessInformation& info) try {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() upid: " << info.uniquePid);
   const std::scoped_lock lock(m_mutex);
-  Version* const procInfo = FindByUniquePid(info.uniquePid, __func__);
+  Version* const procInfo = FindByUniquePid(info.uniquePid);
   ZYM_CHECK(GetTracer(), procInfo, false);
   procInfo->info.effectiveUserId = info.effectiveUserId;
   procInfo->info.realGroupId = info.realGroupId;
@@ -456,7 +288,7 @@ bool ProcessCache::UpdateAdditionalInfo(ProcessInformation& info) try {
   ZYM_TRACE(GetTracer(), kCall, __func__ << " Updated info: " << Describe(procInfo->info));
   return true;
 } catch (...) {
-  zym::ExceptionInFunctionToResult(GetTracer(), "UpdateAdditionalInfo");
+  zym::ExceptionInFunctionToResult(GetTracer(), __func__);
   return false;
 }
 

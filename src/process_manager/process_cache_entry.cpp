@@ -14,19 +14,44 @@ void MergeImage(ProcessInformation& in, ProcessInformation& stored, bool keep) {
 
 }  // namespace
 
-Entry::Entry(PidType pid_, UniquePidType uniquePid) : pid(pid_), versions(1) {
-  First().info.pid = pid;
-  First().info.uniquePid = uniquePid;
+void IndexQueue::PushBack(std::uint32_t index) {
+  if (m_size < m_first.size())
+    m_first[m_size] = index;
+  else
+    m_rest.push_back(index);
+  ++m_size;
 }
 
-Version* Entry::FrontOf(const std::deque<std::uint64_t>& queue) {
-  return !queue.empty() && queue.front() < versions.size() ? &versions[queue.front()] : nullptr;
+void IndexQueue::PopFront() noexcept {
+  if (m_size == 0) return;
+  --m_size;
+  std::ranges::copy(m_first.begin() + 1, m_first.end(), m_first.begin());
+  if (m_rest.empty()) return;
+  m_first.back() = m_rest.front();
+  m_rest.erase(m_rest.begin());
 }
 
-Version* Entry::FindByUniquePid(UniquePidType uniquePid) {
-  const auto found =
-      std::ranges::find(versions, uniquePid, [](const Version& version) { return version.info.uniquePid; });
-  return found != versions.end() ? &*found : nullptr;
+void IndexQueue::PopBack() noexcept {
+  if (m_size == 0) return;
+  --m_size;
+  if (!m_rest.empty()) m_rest.pop_back();
+}
+
+Entry::Entry(PidType pid_, UniquePidType uniquePid) : pid(pid_) {
+  m_first.info.pid = pid;
+  m_first.info.uniquePid = uniquePid;
+  creationQueue.PushBack(0);
+  terminationQueue.PushBack(0);
+}
+
+Version* Entry::FrontOf(const IndexQueue& queue) noexcept {
+  return !queue.Empty() && queue.Front() < VersionCount() ? &At(queue.Front()) : nullptr;
+}
+
+Version* Entry::FindByUniquePid(UniquePidType uniquePid) noexcept {
+  for (std::size_t i = 0; i < VersionCount(); ++i)
+    if (At(i).info.uniquePid == uniquePid) return &At(i);
+  return nullptr;
 }
 
 Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequence, zym::datetime_t time) {
@@ -41,9 +66,10 @@ Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequen
   version.info.creatorUniquePid = previous.uniquePid;
   version.info.uniquePid = uniquePid;
   version.info.startTime = time;
-  versions.push_back(std::move(version));
-  creationQueue.push_back(versions.size() - 1);
-  terminationQueue.push_back(versions.size() - 1);
+  m_later.push_back(std::move(version));
+  const auto index = static_cast<std::uint32_t>(VersionCount() - 1);
+  creationQueue.PushBack(index);
+  terminationQueue.PushBack(index);
   return Last();
 }
 

@@ -1,8 +1,9 @@
 // What the cache knows of one pid: the images that it ran, in order.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <vector>
 
 #include "process_manager/process_records.h"
@@ -17,40 +18,65 @@ struct Version {
   ProcessInformation info;
 };
 
+// A queue of the indices of versions. It holds one or two as a rule, and those without memory of its own:
+// two std::deque in each entry would be three quarters of the cache.
+class IndexQueue {
+ public:
+  [[nodiscard]] bool Empty() const noexcept { return m_size == 0; }
+  [[nodiscard]] std::size_t Size() const noexcept { return m_size; }
+  // Of a queue that isn't empty.
+  [[nodiscard]] std::uint32_t Front() const noexcept { return m_first[0]; }
+
+  void PushBack(std::uint32_t index);
+  // An empty queue stays empty.
+  void PopFront() noexcept;
+  void PopBack() noexcept;
+
+ private:
+  std::uint32_t m_size = 0;
+  std::array<std::uint32_t, 3> m_first{};
+  std::vector<std::uint32_t> m_rest;  // what m_first has no room for
+};
+
 // Two sources may report one transition, one early and one late. The queues hold the indices of versions
 // whose creation, or termination, has not been reported by the late one: whichever comes second finds the
 // version that the first one made.
-struct Entry {
+class Entry {
+ public:
+  // One version, whose index is in both queues.
   Entry(PidType pid, UniquePidType uniquePid);
 
-  PidType pid;
-  bool ready = false;             // the first version has been filled in
-  bool exitPending = false;       // the exit was seen, but an image still awaited its creation report
-  std::vector<Version> versions;  // never empty; the last one is the current image
-  std::deque<std::uint64_t> creationQueue{0};
-  std::deque<std::uint64_t> terminationQueue{0};
+  const PidType pid;
+  bool ready = false;        // the first version has been filled in
+  bool exitPending = false;  // the exit was seen, but an image still awaited its creation report
+  IndexQueue creationQueue;
+  IndexQueue terminationQueue;
 
-  Version& First() { return versions.front(); }
-  Version& Last() { return versions.back(); }
+  // There is always one; the last is the current image.
+  [[nodiscard]] std::size_t VersionCount() const noexcept { return 1 + m_later.size(); }
+  Version& At(std::size_t index) noexcept { return index == 0 ? m_first : m_later[index - 1]; }
+  Version& First() noexcept { return m_first; }
+  Version& Last() noexcept { return m_later.empty() ? m_first : m_later.back(); }
 
   // The version at the front of a queue; null when the queue is empty or names a version that isn't there.
-  Version* FrontOf(const std::deque<std::uint64_t>& queue);
-  Version* FindByUniquePid(UniquePidType uniquePid);
+  Version* FrontOf(const IndexQueue& queue) noexcept;
+  // The oldest with this unique pid, or null.
+  Version* FindByUniquePid(UniquePidType uniquePid) noexcept;
 
   // A new image, made by the process itself at `time`. Its creation and termination await their reports.
+  // References to other versions than the first end here.
   Version& AppendVersion(UniquePidType uniquePid, std::uint64_t startSequence, zym::datetime_t time);
+
+ private:
+  // Most processes run one image, or two: the first lies in the table's own memory.
+  Version m_first;
+  std::vector<Version> m_later;
 };
 
-// How a read of /proc joins what is stored. `keep`: what is already known of the image stays.
+// How a read of /proc joins what is stored, field by field; what is taken is moved out of `in`. `keep`: what
+// is already known of the image stays.
 void Merge(ProcessInformation& in, ProcessInformation& stored, bool keep);
 // The same for a process that was gone when it was read, where `in` holds almost nothing.
 void MergeGone(ProcessInformation& in, ProcessInformation& stored, bool keep);
-
-inline void PopFront(std::deque<std::uint64_t>& queue) {
-  if (!queue.empty()) queue.pop_front();
-}
-inline void PopBack(std::deque<std::uint64_t>& queue) {
-  if (!queue.empty()) queue.pop_back();
-}
 
 }  // namespace qor::process_manager::process_cache
