@@ -16,7 +16,10 @@
 
 #include "process_manager/feature_techs.h"
 #include "process_manager/non_blocking/i_event_dispatcher.h"
+#include "process_manager/non_blocking/netlink_interceptor.h"
 #include "process_manager/process_cache_faces.h"
+#include "process_manager/system_events_factory.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 
 namespace test_support {
@@ -247,6 +250,38 @@ class WatchedTracer : public zym::object::Ifaces<zym::ITracer> {
 
  private:
   zym::intrusive_ptr<zym::ITracer> m_inner;
+};
+
+// The source in the middle of fakes.
+class NetlinkHarness {
+ protected:
+  NetlinkHarness() {
+    m_host.locator->Add(m_parser);
+    m_host.locator->Add(m_cache);
+    m_host.locator->Add(m_aggregator);
+    m_interceptor = Make();
+  }
+
+  zym::intrusive_ptr<qor::process_manager::non_blocking::NetlinkInterceptor> Make() {
+    using namespace qor::process_manager;
+    return zym::CreateObject<non_blocking::NetlinkInterceptor>(
+        m_host.locator.get(), m_dispatcher, zym::CreateObject<SystemEventsFactory>(m_host.locator.get()));
+  }
+
+  void OfferListener(zym::intrusive_ptr<qor::IExecListener> listener) {
+    m_listenerFactory->listener = std::move(listener);
+    m_host.locator->Add(m_listenerFactory);
+  }
+
+  FakeHost m_host;
+  zym::intrusive_ptr<FakeProcfsParser> m_parser = zym::CreateObject<FakeProcfsParser>();
+  zym::intrusive_ptr<FakeEventInfoProvider> m_cache = zym::CreateObject<FakeEventInfoProvider>();
+  zym::intrusive_ptr<FakeFeatureTechsAggregator> m_aggregator =
+      zym::CreateObject<FakeFeatureTechsAggregator>();
+  zym::intrusive_ptr<FakeEventDispatcher> m_dispatcher = zym::CreateObject<FakeEventDispatcher>();
+  zym::intrusive_ptr<FakeExecListenerFactory> m_listenerFactory =
+      zym::CreateObject<FakeExecListenerFactory>();
+  zym::intrusive_ptr<qor::process_manager::non_blocking::NetlinkInterceptor> m_interceptor;
 };
 
 }  // namespace test_support
