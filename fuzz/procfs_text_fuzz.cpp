@@ -38,7 +38,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       break;
     }
     case 5:
-      ForEachLine(text, [](std::string_view line) { ParseModule(line); });
+      ForEachLine(text, [](std::string_view line) {
+        ModuleEntry entry;
+        ParseModule(line, false, entry);
+        return true;
+      });
       break;
     case 6:
       ParseCmdline(text);

@@ -3,14 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <fstream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "process_manager/proc_file.h"
 #include "process_manager/proc_path.h"
+#include "process_manager/procfs_text.h"
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"
 
@@ -21,6 +23,8 @@ using zym::trace::dec;
 using zym::trace::hex;
 using zym::trace::kCall;
 using zym::trace::kFailure;
+
+constexpr const char* kName = "GetModulesSections: ";
 
 // Only this very name is excluded: another init section that contains a kept name is kept.
 bool IsKept(std::string_view name) {
@@ -35,51 +39,67 @@ struct SectionInfo {
   std::uint64_t address = 0;
 };
 
+// Walks the directories of the modules' sections.
+class SectionsReader {
+ public:
+  explicit SectionsReader(zym::ITracer* tracer) : m_tracer(tracer) {}
+
+  // Appends what lies below `path`, the "sections" of the module `name`.
+  zym::result_t Read(const NativePath& path, const std::string& name, bool allowZeroOffset,
+                     std::vector<SectionInfo>& sectionsInfo) const;
+
+ private:
+  [[nodiscard]] zym::ITracer* GetTracer() const { return m_tracer; }
+
+  zym::ITracer* m_tracer;
+};
+
 // One file below "sections": its name is the section's, its content the address.
 zym::result_t ParseModuleSections(zym::ITracer* tracer, const std::filesystem::directory_entry& enumerator,
                                   bool allowZeroOffset, std::vector<SectionInfo>& sectionsInfo) {
-  SectionInfo section{.name = enumerator.path().filename().string()};
-  if (!IsKept(section.name)) {
-    ZYM_TRACE(tracer, kCall, __func__ << ": Skip section: " << section.name);
+  std::string name = enumerator.path().filename().string();
+  if (!IsKept(name)) {
+    ZYM_TRACE(tracer, kCall, __func__ << ": Skip section: " << name);
     return zym::ZYM_OK;
   }
   ZYM_TRACE(tracer, kCall, "Module section info path: " << enumerator.path().native());
-  std::ifstream file(enumerator.path());
-  if (!file.is_open()) {
+  ProcFile file;
+  const ReadResult read = file.Read(enumerator.path().c_str());
+  if (read == ReadResult::kCannotOpen) {
     ZYM_TRACE(tracer, kFailure, "Failed to open file");
     return zym::ZYM_E_ACCESS_DENIED;
   }
-  if (!(file >> std::hex >> section.address)) {
-    // It is the base address; the message has always said size.
+  const std::optional<std::uint64_t> address = ParseSectionAddress(file.Text());
+  if (read != ReadResult::kDone || !address) {
+    // It is the base address: the text says "size" for those who look for it.
     ZYM_TRACE(tracer, kFailure, "Failed to read section size");
     return zym::ZYM_E_ACCESS_DENIED;
   }
-  if (section.address == 0 && !allowZeroOffset) {
+  if (*address == 0 && !allowZeroOffset) {
     ZYM_TRACE(tracer, kCall, "bad offset, need call with allowZeroSectionOffset as true");
     return zym::ZYM_E_ACCESS_DENIED;
   }
-  ZYM_TRACE(tracer, kCall, "Section base virtual address: " << hex << section.address);
-  sectionsInfo.push_back(std::move(section));
+  ZYM_TRACE(tracer, kCall, "Section base virtual address: " << hex << *address);
+  sectionsInfo.push_back({.name = std::move(name), .address = *address});
   return zym::ZYM_OK;
 }
 
-zym::result_t ReadSectionsOf(zym::ITracer* tracer, const NativePath& sysModule, const ModuleEntry& module,
-                             bool allowZeroOffset, std::vector<SectionInfo>& sectionsInfo) {
-  constexpr const char* kName = "GetModulesSections: ";
-  const NativePath path = JoinPath(JoinPath(sysModule, module.name), "sections");
-  ZYM_TRACE(tracer, kCall, kName << "Section sysfs path: " << path);
+zym::result_t SectionsReader::Read(const NativePath& path, const std::string& name, bool allowZeroOffset,
+                                   std::vector<SectionInfo>& sectionsInfo) const {
+  ZYM_TRACE(GetTracer(), kCall, kName << "Section sysfs path: " << path);
   std::error_code error;
   std::filesystem::recursive_directory_iterator walk(path, error);
-  if (error) {
-    ZYM_TRACE(tracer, kFailure, kName << "Cannot open directory '" << path << "'");
-    return zym::ZYM_E_ACCESS_DENIED;
+  while (!error && walk != std::filesystem::recursive_directory_iterator()) {
+    const std::filesystem::directory_entry& enumerator = *walk;
+    if (std::error_code ignored; !enumerator.is_directory(ignored))
+      ZYM_CHECK_RESULT(GetTracer(),
+                       ParseModuleSections(GetTracer(), enumerator, allowZeroOffset, sectionsInfo),
+                       "Failed to parse module " << name << " sections");
+    walk.increment(error);
   }
-  for (const std::filesystem::directory_entry& enumerator : walk) {
-    if (enumerator.is_directory()) continue;
-    ZYM_CHECK_RESULT(tracer, ParseModuleSections(tracer, enumerator, allowZeroOffset, sectionsInfo),
-                     "Failed to parse module " << module.name << " sections");
-  }
-  return zym::ZYM_OK;
+  if (!error) return zym::ZYM_OK;
+  ZYM_TRACE(GetTracer(), kFailure, kName << "Cannot open directory '" << path << "'");
+  return zym::ZYM_E_ACCESS_DENIED;
 }
 
 // Sections don't overlap: each is cut where the next one begins, and the last one at `endVaddr`.
@@ -98,6 +118,7 @@ void CutAtTheNext(zym::ITracer* tracer, ModulesSections& sections, std::uint64_t
   }
   if (sections.empty()) return;
   ModuleSection& last = sections.back();
+  // One that begins beyond the end has no room at all.
   last.size = std::min(last.size, endVaddr > last.address ? endVaddr - last.address : 0);
 }
 
@@ -106,12 +127,12 @@ void CutAtTheNext(zym::ITracer* tracer, ModulesSections& sections, std::uint64_t
 zym::result_t ReadModulesSections(zym::ITracer* tracer, const NativePath& sysModule,
                                   const ModulesList& modules, ModulesSections& modulesSections,
                                   std::uint64_t endVaddr) try {
-  constexpr const char* kName = "GetModulesSections: ";
   constexpr bool kAllowZeroOffset = false;  // on the second attempt too
+  const SectionsReader reader(tracer);
   for (const ModuleEntry& module : modules) {
     std::vector<SectionInfo> sectionsInfo;
-    if (const zym::result_t result =
-            ReadSectionsOf(tracer, sysModule, module, kAllowZeroOffset, sectionsInfo);
+    const NativePath path = JoinPath(JoinPath(sysModule, module.name), "sections");
+    if (const zym::result_t result = reader.Read(path, module.name, kAllowZeroOffset, sectionsInfo);
         !ZYM_SUCCEEDED(result))
       return result;
     const auto shared = std::make_shared<ModuleEntry>(module);
@@ -128,7 +149,7 @@ zym::result_t ReadModulesSections(zym::ITracer* tracer, const NativePath& sysMod
                                  .module = shared});
     }
   }
-  std::ranges::sort(modulesSections, {}, &ModuleSection::address);
+  std::ranges::stable_sort(modulesSections, {}, &ModuleSection::address);
   CutAtTheNext(tracer, modulesSections, endVaddr);
   for (const ModuleSection& section : modulesSections)
     ZYM_TRACE(tracer, kCall,

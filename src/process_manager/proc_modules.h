@@ -8,7 +8,8 @@
 
 namespace qor::procfs {
 
-// Appends the code and data sections of `modules`, sorted by address; each ends at the latest where the next
+// Appends the code and data sections of `modules`, as the directory `sysModule` ("/sys/module") has them, to
+// `modulesSections`, which is then sorted by address; each ends at the latest where the next
 // one begins, and the last one at `endVaddr`. Empty ones are left out. ZYM_E_ACCESS_DENIED: the kernel hides
 // the addresses, or a directory is not accessible.
 zym::result_t ReadModulesSections(zym::ITracer* tracer, const NativePath& sysModule,

@@ -1,18 +1,19 @@
 #include "process_manager/proc_parser.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <boost/regex.hpp>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ios>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -35,6 +36,8 @@ using zym::trace::kNotice;
 using zym::trace::kWarning;
 
 constexpr std::uint64_t kUnknownNamespace = kNoMountNamespace;
+constexpr const char* kWillRaise =
+    "will try to read with kptr_restrict set to 0 and perf_event_paranoid set to 1";
 
 struct CloseDirectory {
   void operator()(DIR* dir) const { ::closedir(dir); }
@@ -46,8 +49,8 @@ bool Exists(const char* path) {
   return ::stat(path, &status) == 0;
 }
 
-std::string_view FirstLine(std::string_view text) {
-  return text.substr(0, text.find('\n'));
+bool ParseCreds(const ProcFile& file, Creds& creds) {
+  return procfs::ParseCreds(file.Text(), creds);
 }
 
 // The inode of the module's own mount namespace; 0 on a kernel without such files, all ones while unknown.
@@ -83,11 +86,6 @@ std::uint32_t FileTypeOf(mode_t mode) {
 
 }  // namespace
 
-ProcParser::ProcParser(zym::IServiceLocator* locator)
-    : ServiceProvider(locator), m_processName(std::make_unique<const boost::regex>("^[0-9]+$")) {}
-
-ProcParser::~ProcParser() = default;
-
 const NativePath& ProcParser::GetProcRoot() const {
   static const NativePath root = GetProcfsRoot();
   return root;
@@ -98,12 +96,11 @@ const NativePath& LocalProcParser::GetProcRoot() const {
   return root;
 }
 
-// --- one process
-// --------------------------------------------------------------------------------------------
+// --- one process ---
 
 zym::result_t ProcParser::GetStat(PidType pid, Stat& stat) try {
   if (pid == 0) {
-    ZYM_TRACE(GetTracer(), kCall, "Warning: Kernel statistic is not implemented");
+    ZYM_TRACE(GetTracer(), kWarning, "Warning: Kernel statistic is not implemented");
     return zym::ZYM_OK;
   }
   ProcPath path(pid);
@@ -114,7 +111,7 @@ zym::result_t ProcParser::GetStat(PidType pid, Stat& stat) try {
 
   path.Append("stat");
   ProcFile file;
-  const ReadResult read = file.Read(path.c_str());
+  const ReadResult read = file.Read(path.c_str(), ReadUntil::kNewline);
   if (read == ReadResult::kCannotOpen) {
     ZYM_TRACE(GetTracer(), kWarning, __PRETTY_FUNCTION__ << ": Failed to open " << path.c_str());
     return zym::ZYM_E_UNSPECIFIED;
@@ -141,7 +138,7 @@ zym::result_t ProcParser::GetStat(PidType pid, Stat& stat) try {
 
 zym::result_t ProcParser::GetIOCounters(PidType pid, IOCounters& counters) try {
   if (pid == 0) {
-    ZYM_TRACE(GetTracer(), kCall, "Warning: Kernel IO statistic is not implemented");
+    ZYM_TRACE(GetTracer(), kWarning, "Warning: Kernel IO statistic is not implemented");
     return zym::ZYM_OK;
   }
   const ProcPath path(pid, "io");
@@ -171,17 +168,21 @@ zym::result_t ProcParser::GetProcLink(PidType pid, const NativePath& name, Nativ
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ProcParser::GetImagePath(PidType pid, NativePath& path) {
+zym::result_t ProcParser::GetImagePath(PidType pid, NativePath& path) try {
   return GetProcLink(pid, "exe", path);
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ProcParser::GetWorkingDir(PidType pid, NativePath& cwd) {
+zym::result_t ProcParser::GetWorkingDir(PidType pid, NativePath& cwd) try {
   return GetProcLink(pid, "cwd", cwd);
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcParser::GetMaps(PidType pid, Maps& maps) try {
   if (pid == 0) {
-    ZYM_TRACE(GetTracer(), kCall, "Warning: Kernel statistic is not implemented");
+    ZYM_TRACE(GetTracer(), kWarning, "Warning: Kernel statistic is not implemented");
     return zym::ZYM_OK;
   }
   const ProcPath path(pid, "maps");
@@ -197,18 +198,21 @@ zym::result_t ProcParser::GetMaps(PidType pid, Maps& maps) try {
 }
 
 zym::result_t ProcParser::GetCmdline(PidType pid, zym::types::string16_t& cmdline) try {
-  const NativePath path =
-      pid == 0 ? JoinPath(GetProcRoot(), "cmdline") : NativePath(ProcPath(pid, "cmdline").c_str());
+  const ProcPath processPath(pid, "cmdline");
+  const NativePath kernelPath = pid == 0 ? JoinPath(GetProcRoot(), "cmdline") : NativePath();
+  const char* const path = pid == 0 ? kernelPath.c_str() : processPath.c_str();
   ProcFile file;
-  const ReadResult read = file.Read(path.c_str());
+  // The kernel gives arguments as far as there is room, and less only where they end (get_mm_cmdline in
+  // fs/proc/base.c); the parser's own root may be ordinary files, which do the same.
+  const ReadResult read = file.Read(path, ReadUntil::kShortRead);
   if (read == ReadResult::kDone && !file.Text().empty()) {
     std::optional<zym::types::string16_t> text = ParseCmdline(file.Text());
-    if (!text) throw std::ios_base::failure("not UTF-8: " + path);
+    if (!text) throw std::ios_base::failure(std::string("not UTF-8: ") + path);
     cmdline = std::move(*text);
     return zym::ZYM_OK;
   }
   // A process that has vanished is told apart from one that can't be read, and from one without arguments.
-  if (!Exists(path.c_str())) return zym::ZYM_E_NOT_FOUND;
+  if (!Exists(path)) return zym::ZYM_E_NOT_FOUND;
   if (read != ReadResult::kDone) return zym::ZYM_E_UNSPECIFIED;
   cmdline.clear();
   return zym::ZYM_FALSE;
@@ -219,8 +223,9 @@ zym::result_t ProcParser::GetCmdline(PidType pid, zym::types::string16_t& cmdlin
 zym::result_t ProcParser::GetDescriptors(PidType pid, std::vector<unsigned int>& fds) try {
   const ProcPath path(pid, "fd");
   const Directory dir(::opendir(path.c_str()));
+  const int error = errno;
   ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
-            "Cannot open " << path.c_str() << ": " << std::strerror(errno));
+            "Cannot open " << path.c_str() << ": " << std::strerror(error));
   while (const dirent* const entry = ::readdir(dir.get())) {
     char* end = nullptr;
     const long fd = std::strtol(entry->d_name, &end, 10);
@@ -231,7 +236,7 @@ zym::result_t ProcParser::GetDescriptors(PidType pid, std::vector<unsigned int>&
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ProcParser::GetDescriptorInfo(PidType pid, unsigned int fd, DescriptorInfo& info) {
+zym::result_t ProcParser::GetDescriptorInfo(PidType pid, unsigned int fd, DescriptorInfo& info) try {
   char path[4096];
   std::snprintf(path, sizeof(path), "%s%zu/fd/%d", GetProcfsRoot().c_str(), std::size_t{pid},
                 static_cast<int>(fd));
@@ -239,20 +244,18 @@ zym::result_t ProcParser::GetDescriptorInfo(PidType pid, unsigned int fd, Descri
   if (::stat(path, &status) != 0) return zym::ZYM_E_UNSPECIFIED;
   info = {.inode = status.st_ino, .fileType = FileTypeOf(status.st_mode)};
   return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcParser::GetCreds(PidType pid, Creds& creds) try {
   if (pid == 0) {
-    ZYM_TRACE(GetTracer(), kCall, "Warning: Kernel creds is not implemented");
+    ZYM_TRACE(GetTracer(), kWarning, "Warning: Kernel creds is not implemented");
     return zym::ZYM_OK;
   }
   const ProcPath path(pid, "status");
-  // The check's text names the parser by what it is given.
-  const auto ParseCreds = [](const char* file, Creds& out) {
-    ProcFile text;
-    return text.Read(file) != ReadResult::kCannotOpen && procfs::ParseCreds(text.Text(), out);
-  };
-  const char* const file = path.c_str();
+  ProcFile file;
+  file.Read(path.c_str());  // what can't be read has none of the lines
   ZYM_CHECK(GetTracer(), ParseCreds(file, creds), zym::ZYM_E_UNSPECIFIED, "Cannot parse " << path.c_str());
   return zym::ZYM_OK;
 } catch (...) {
@@ -262,8 +265,10 @@ zym::result_t ProcParser::GetCreds(PidType pid, Creds& creds) try {
 zym::result_t ProcParser::GetEnvironmentVariable(PidType pid, const char* name, std::string& value) try {
   const ProcPath path(pid, "environ");
   ProcFile file;
-  if (file.Read(path.c_str()) != ReadResult::kDone)
-    throw std::runtime_error(std::string("Cannot read ") + path.c_str() + ": " + std::strerror(errno));
+  const ReadResult read = file.Read(path.c_str());
+  const int error = errno;
+  if (read != ReadResult::kDone)
+    throw std::runtime_error(std::string("Cannot read ") + path.c_str() + ": " + std::strerror(error));
   ForEachVariable(file.Text(), [&](std::string_view variable) {
     const std::size_t equals = variable.find('=');
     if (equals == std::string_view::npos || variable.substr(0, equals) != name) return true;
@@ -284,6 +289,7 @@ zym::result_t ProcParser::GetEnvironmentVariables(PidType pid,
   ProcFile file;
   if (file.Read(path.c_str()) != ReadResult::kDone) return zym::ZYM_E_UNSPECIFIED;
   zym::types::vector_t<zym::types::string_t> list;
+  list.reserve(static_cast<std::size_t>(std::ranges::count(file.Text(), '\0')) + 1);
   ForEachVariable(file.Text(), [&](std::string_view variable) {
     if (!variable.empty()) list.emplace_back(variable);
     return true;
@@ -304,7 +310,7 @@ zym::result_t ProcParser::GetComm(PidType pid, std::string& comm) try {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ProcParser::GetMountNamespaceId(PidType pid, std::uint64_t& id) {
+zym::result_t ProcParser::GetMountNamespaceId(PidType pid, std::uint64_t& id) try {
   if (OwnMountNamespaceId() == 0) {
     id = 0;
     return zym::ZYM_OK;
@@ -316,22 +322,19 @@ zym::result_t ProcParser::GetMountNamespaceId(PidType pid, std::uint64_t& id) {
   const zym::result_t result = zym::ErrnoToResult(error);
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- " << zym::trace::Code{result} << " nsid=" << id);
   return result;
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// --- all processes
-// ------------------------------------------------------------------------------------------
-
-bool ProcParser::IsProcessName(const char* name) const {
-  return boost::regex_match(name, *m_processName);
-}
+// --- all processes ---
 
 zym::result_t ProcParser::GetProcessList(std::vector<unsigned int>& pids) try {
   const Directory dir(::opendir(GetProcRoot().c_str()));
+  const int error = errno;
   ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
-            "Cannot open " << GetProcRoot() << ": " << std::strerror(errno));
+            "Cannot open " << GetProcRoot() << ": " << std::strerror(error));
   while (const dirent* const entry = ::readdir(dir.get()))
-    if (IsProcessName(entry->d_name))
-      pids.push_back(static_cast<unsigned int>(std::strtoul(entry->d_name, nullptr, 10)));
+    if (const std::optional<unsigned int> pid = ParseProcessName(entry->d_name)) pids.push_back(*pid);
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
@@ -339,16 +342,17 @@ zym::result_t ProcParser::GetProcessList(std::vector<unsigned int>& pids) try {
 
 zym::result_t ProcParser::GetProcessListByRelevance(std::vector<unsigned int>& pids) try {
   const Directory dir(::opendir(GetProcRoot().c_str()));
+  const int error = errno;
   ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
-            "Cannot open " << GetProcRoot() << ": " << std::strerror(errno));
+            "Cannot open " << GetProcRoot() << ": " << std::strerror(error));
   std::vector<std::pair<unsigned int, time_t>> found;
   while (const dirent* const entry = ::readdir(dir.get())) {
-    if (!IsProcessName(entry->d_name)) continue;
+    const std::optional<unsigned int> pid = ParseProcessName(entry->d_name);
+    if (!pid) continue;
     struct stat status {};
     // One that can't be looked at has just ended.
-    if (::lstat(JoinPath(GetProcRoot(), entry->d_name).c_str(), &status) != 0) continue;
-    found.emplace_back(static_cast<unsigned int>(std::strtoul(entry->d_name, nullptr, 10)),
-                       status.st_mtim.tv_sec);
+    if (::fstatat(::dirfd(dir.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    found.emplace_back(*pid, status.st_mtim.tv_sec);
   }
   std::ranges::sort(found, std::ranges::greater{}, &std::pair<unsigned int, time_t>::second);
   pids.clear();
@@ -359,8 +363,7 @@ zym::result_t ProcParser::GetProcessListByRelevance(std::vector<unsigned int>& p
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// --- the kernel
-// ---------------------------------------------------------------------------------------------
+// --- the kernel ---
 
 zym::result_t ProcParser::GetIOMemMap(IOMemMap& map) try {
   const NativePath path = JoinPath(GetProcRoot(), "iomem");
@@ -384,41 +387,47 @@ zym::result_t ProcParser::GetModules(ModulesList& modules, bool allowZeroModuleO
     ZYM_TRACE(GetTracer(), kFailure, "Unable to open " << path);
     return zym::ZYM_E_UNSPECIFIED;
   }
-  bool hidden = false;
+  ModuleResult result = ModuleResult::kParsed;
   ForEachLine(file.Text(), [&](std::string_view line) {
-    if (hidden) return;
-    std::optional<ModuleEntry> entry = ParseModule(line);
-    if (!entry) {
-      ZYM_TRACE(GetTracer(), kCall, "Skipped line: " << line);
-    } else if (entry->offset == 0 && !allowZeroModuleOffset) {
-      hidden = true;
-    } else {
-      modules.push_back(std::move(*entry));
-    }
+    ModuleEntry entry;
+    result = ParseModule(line, allowZeroModuleOffset, entry);
+    if (result == ModuleResult::kSkipped) ZYM_TRACE(GetTracer(), kCall, "Skipped line: " << line);
+    if (result == ModuleResult::kParsed) modules.push_back(std::move(entry));
+    return result != ModuleResult::kHidden;
   });
-  if (!hidden) return zym::ZYM_OK;
+  if (result != ModuleResult::kHidden) return zym::ZYM_OK;
   ZYM_TRACE(GetTracer(), kCall, "bad offset, need call with allowZeroModuleOffset as true");
   return zym::ZYM_E_ACCESS_DENIED;
 }
 
 // The list isn't cleared between the two attempts: where only some offsets were hidden, what came before the
-// first of them is there twice.
-zym::result_t ProcParser::GetModules(ModulesList& modules) {
+// first of them is there twice. That is meant.
+zym::result_t ProcParser::GetModules(ModulesList& modules) try {
   const zym::result_t result = GetModules(modules, false);
   if (result != zym::ZYM_E_ACCESS_DENIED) return result;
-  const ScopedKernelAddresses addresses(GetTracer(), GetProcRoot(), "");
+  ZYM_TRACE(GetTracer(), kCall, kWillRaise);
+  const ScopedKernelAddresses addresses(GetProcRoot());
   return GetModules(modules, true);
+} catch (const zym::CheckFailedException&) {
+  throw;  // of the settings: the caller is told why
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcParser::GetModulesSections(const ModulesList& modules, ModulesSections& modulesSections,
-                                             std::uint64_t kernelModulesSectionEndVaddr) {
+                                             std::uint64_t kernelModulesSectionEndVaddr) try {
   constexpr const char* kSysModule = "/sys/module";
   const zym::result_t result =
       ReadModulesSections(GetTracer(), kSysModule, modules, modulesSections, kernelModulesSectionEndVaddr);
   if (result != zym::ZYM_E_ACCESS_DENIED) return result;
-  const ScopedKernelAddresses addresses(GetTracer(), GetProcRoot(), "GetModulesSections: ");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << ": " << kWillRaise);
+  const ScopedKernelAddresses addresses(GetProcRoot());
   modulesSections.clear();
   return ReadModulesSections(GetTracer(), kSysModule, modules, modulesSections, kernelModulesSectionEndVaddr);
+} catch (const zym::CheckFailedException&) {
+  throw;  // of the settings: the caller is told why
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 }  // namespace qor::procfs

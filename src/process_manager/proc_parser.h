@@ -1,8 +1,9 @@
 // The module's only reader of /proc and /sys/module.
 #pragma once
 
-#include <boost/regex_fwd.hpp>
-#include <memory>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 #include "process_manager/procfs.h"
 #include "zym/object.h"
@@ -14,8 +15,8 @@ class ProcParser : public zym::object::Ifaces<IParser>,
                    public zym::ServiceProvider<zym::IServiceLocator, zym::IAllocator, zym::ITracer>,
                    public zym::NonCopyable {
  public:
-  explicit ProcParser(zym::IServiceLocator* locator);
-  ~ProcParser();
+  // Throws zym::GetInterfaceException without an allocator or a tracer.
+  explicit ProcParser(zym::IServiceLocator* locator) : ServiceProvider(locator) {}
 
   zym::result_t GetStat(PidType pid, Stat& stat) override;
   zym::result_t GetIOCounters(PidType pid, IOCounters& counters) override;
@@ -39,14 +40,11 @@ class ProcParser : public zym::object::Ifaces<IParser>,
                                         zym::types::vector_t<zym::types::string_t>& variables) override;
   zym::result_t GetMountNamespaceId(PidType pid, std::uint64_t& id) override;
 
-  // The root of what doesn't belong to one process.
+  // The root of what doesn't belong to one process: the procfs root.
   virtual const NativePath& GetProcRoot() const;
 
  private:
   zym::result_t GetModules(ModulesList& modules, bool allowZeroModuleOffset);
-  bool IsProcessName(const char* name) const;
-
-  std::unique_ptr<const boost::regex> m_processName;
 };
 
 // Reads what doesn't belong to one process from "/proc", whatever the procfs root is. Files of processes

@@ -1,7 +1,6 @@
 #include "process_manager/proc_path.h"
 
-#include <algorithm>
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 
 #include "qor_common/procfs_root.h"
@@ -9,18 +8,29 @@
 namespace qor::procfs {
 
 ProcPath::ProcPath(PidType pid) {
-  const int length = std::snprintf(m_text, kCapacity, "%s%zu", GetProcfsRoot().c_str(), std::size_t{pid});
-  m_length = std::min(static_cast<std::size_t>(length), kCapacity - 1);
+  constexpr std::size_t kPidDigits = 10;
+  const std::string& root = GetProcfsRoot();
+  if (root.size() + kPidDigits >= kCapacity) {
+    SetLength(0);
+    return;
+  }
+  std::memcpy(m_text, root.data(), root.size());
+  const char* const end = std::to_chars(m_text + root.size(), m_text + kCapacity, pid).ptr;
+  SetLength(static_cast<std::size_t>(end - m_text));
 }
 
 void ProcPath::Append(std::string_view name) {
-  if (name.empty()) return;
-  if (m_text[m_length - 1] != '/' && m_length + 1 < kCapacity) m_text[m_length++] = '/';
-  const std::size_t room = kCapacity - 1 - m_length;
-  const std::size_t count = std::min(name.size(), room);
-  std::memcpy(m_text + m_length, name.data(), count);
-  m_length += count;
-  m_text[m_length] = '\0';
+  if (name.empty() || m_length == 0) return;
+  const bool slash = m_text[m_length - 1] != '/';
+  if (m_length + (slash ? 1 : 0) + name.size() >= kCapacity) return SetLength(0);
+  if (slash) m_text[m_length++] = '/';
+  std::memcpy(m_text + m_length, name.data(), name.size());
+  SetLength(m_length + name.size());
+}
+
+void ProcPath::SetLength(std::size_t length) {
+  m_length = length;
+  m_text[length] = '\0';
 }
 
 NativePath JoinPath(const NativePath& root, std::string_view name) {

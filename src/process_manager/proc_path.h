@@ -8,8 +8,9 @@
 
 namespace qor::procfs {
 
-// "<procfs root><pid>", and "/<name>" behind it. Built without allocating: it is made for every process that
-// starts.
+// "<procfs root><pid>", and "/<name>" behind it. Built without allocating: several are made for every process
+// that starts. What doesn't fit into 2048 bytes leaves an empty path, which no file has: a path that is cut
+// would name another process.
 class ProcPath {
  public:
   explicit ProcPath(PidType pid);
@@ -21,10 +22,12 @@ class ProcPath {
   [[nodiscard]] const char* c_str() const { return m_text; }
 
  private:
-  static constexpr std::size_t kCapacity = 2048;
+  static constexpr std::size_t kCapacity = 2048;  // with the NUL at the end
+
+  void SetLength(std::size_t length);
 
   char m_text[kCapacity];
-  std::size_t m_length;
+  std::size_t m_length = 0;
 };
 
 // `root` and `name` joined with one slash.

@@ -1,175 +1,174 @@
 #include "process_manager/procfs_text.h"
 
+#include <algorithm>
 #include <array>
-#include <boost/regex.hpp>
-#include <charconv>
-#include <concepts>
-#include <map>
 #include <memory>
 #include <utility>
 
+#include "process_manager/procfs_extractor.h"
 #include "zym/utf.h"
 
 namespace qor::procfs {
 namespace {
 
-bool IsBlank(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
+constexpr bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+constexpr bool IsHexDigit(char c) {
+  return IsDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+constexpr bool IsPermission(char c) {
+  return c == '-' || c == 'r' || c == 'w' || c == 'x' || c == 'p' || c == 's';
 }
 
-// Takes values from the front of a text as stream extraction does: blanks before a value are skipped, and the
-// first value that isn't there, or is out of the range of its type, fails this and all after it.
-class Extractor {
+// A line that is taken apart from its front, by the pieces of a pattern. Each piece takes all that it can,
+// which is what the pattern finds too as long as the next piece can't begin with a character of this one.
+class Line {
  public:
-  explicit Extractor(std::string_view text) : m_text(text) {}
+  explicit Line(std::string_view rest) : m_rest(rest) {}
 
-  template <std::integral N>
-  Extractor& operator>>(N& value) {
-    SkipBlanks();
-    if (m_failed) return *this;
-    std::string_view digits = m_text;
-    if (digits.starts_with('+')) digits.remove_prefix(1);
-    // A negative number in an unsigned field wraps around, as it does with a stream: tpgid is -1 for a
-    // process without a terminal.
-    bool negate = false;
-    if constexpr (std::unsigned_integral<N>) {
-      negate = digits.starts_with('-');
-      if (negate) digits.remove_prefix(1);
-    }
-    N parsed{};
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), parsed);
-    if (error != std::errc()) {
-      m_failed = true;
-      return *this;
-    }
-    value = negate ? static_cast<N>(N{0} - parsed) : parsed;
-    m_text.remove_prefix(static_cast<std::size_t>(end - m_text.data()));
-    return *this;
+  // "[class]+" as a group.
+  template <class IsMember>
+  bool Take(IsMember isMember, std::string_view& group) {
+    std::size_t length = 0;
+    while (length < m_rest.size() && isMember(m_rest[length])) ++length;
+    group = m_rest.substr(0, length);
+    m_rest.remove_prefix(length);
+    return length != 0;
   }
 
-  Extractor& operator>>(char& value) {
-    SkipBlanks();
-    if (m_failed) return *this;
-    value = m_text.front();
-    m_text.remove_prefix(1);
-    return *this;
+  bool Take(char c) {
+    if (!m_rest.starts_with(c)) return false;
+    m_rest.remove_prefix(1);
+    return true;
   }
 
-  explicit operator bool() const { return !m_failed; }
+  // "\s+"
+  bool TakeBlanks() {
+    std::string_view blanks;
+    return Take(IsBlank, blanks);
+  }
+
+  bool StripPrefix(std::string_view prefix) {
+    if (!m_rest.starts_with(prefix)) return false;
+    m_rest.remove_prefix(prefix.size());
+    return true;
+  }
+
+  [[nodiscard]] std::string_view Rest() const { return m_rest; }
 
  private:
-  void SkipBlanks() {
-    while (!m_text.empty() && IsBlank(m_text.front())) m_text.remove_prefix(1);
-    if (m_text.empty()) m_failed = true;
+  std::string_view m_rest;
+};
+
+// One line of a maps file; null for one that is none.
+std::shared_ptr<MapsEntry> ParseMapping(std::string_view text) {
+  Line line(text);
+  std::string_view begin, end, permissions, offset, deviceMajor, deviceMinor, inode;
+  const bool matches = line.Take(IsHexDigit, begin) && line.Take('-') && line.Take(IsHexDigit, end) &&
+                       line.TakeBlanks() && line.Take(IsPermission, permissions) && line.TakeBlanks() &&
+                       line.Take(IsHexDigit, offset) && line.TakeBlanks() &&
+                       line.Take(IsHexDigit, deviceMajor) && line.Take(':') &&
+                       line.Take(IsHexDigit, deviceMinor) && line.TakeBlanks() && line.Take(IsDigit, inode);
+  if (!matches) return nullptr;
+  auto entry = std::make_shared<MapsEntry>();
+  entry->begin = ToNumber<std::uint64_t>(begin, 16).value_or(0);
+  entry->end = ToNumber<std::uint64_t>(end, 16).value_or(0);
+  entry->permissions = PermissionsOf(permissions);
+  entry->protection = ProtectionOf(entry->permissions);
+  entry->offset = ToNumber<std::uint64_t>(offset, 16).value_or(0);
+  entry->deviceMajor = ToNumber<std::uint32_t>(deviceMajor, 16).value_or(0);
+  entry->deviceMinor = ToNumber<std::uint32_t>(deviceMinor, 16).value_or(0);
+  entry->inode = ToNumber<std::uint32_t>(inode).value_or(0);  // 32 bits on purpose
+  entry->path.assign(SkipBlanks(line.Rest()));
+  return entry;
+}
+
+// The pattern may be found anywhere in the line: the first dash between two numbers that fits is the one.
+bool ParseIOMemRange(std::string_view text, IOMemRange& range) {
+  for (std::size_t dash = text.find('-'); dash != std::string_view::npos; dash = text.find('-', dash + 1)) {
+    std::size_t first = dash;
+    while (first > 0 && IsHexDigit(text[first - 1])) --first;
+    Line line(text.substr(dash + 1));
+    std::string_view end;
+    if (first == dash || !line.Take(IsHexDigit, end) || !line.TakeBlanks() || !line.Take(':') ||
+        !line.TakeBlanks())
+      continue;
+    range.begin = ToNumber<std::uint64_t>(text.substr(first, dash - first), 16).value_or(0);
+    range.end = ToNumber<std::uint64_t>(end, 16).value_or(0);
+    range.name.assign(line.Rest());
+    return true;
   }
-
-  std::string_view m_text;
-  bool m_failed = false;
-};
-
-template <std::integral N>
-bool ToNumber(std::string_view text, N& value, int base) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  return error == std::errc() && end == text.data() + text.size();
+  return false;
 }
 
-// The text of a group of a match; empty for one that didn't take part.
-std::string_view Group(const boost::cmatch& match, int index) {
-  return match[index].matched
-             ? std::string_view(match[index].first, static_cast<std::size_t>(match.length(index)))
-             : std::string_view();
-}
-
-bool Matches(std::string_view line, const boost::regex& pattern, boost::cmatch& match) {
-  return boost::regex_search(line.data(), line.data() + line.size(), match, pattern);
-}
-
-std::uint32_t PermissionsOf(std::string_view text) {
-  if (text.size() < 4) return 0;
-  return (text[0] == 'r' ? 1U : 0U) | (text[1] == 'w' ? 2U : 0U) | (text[2] == 'x' ? 4U : 0U) |
-         (text[3] == 's' ? 8U : 0U);
-}
-
-// Memory protection constants by permissions. Rows 6 and 14 (write and execute) are "no access", and row 7 is
-// "execute-write-copy" where row 15 is "execute-read-write": that is meant, readers of these values rely on
-// it.
-constexpr std::array<std::uint32_t, 16> kProtection = {
-    0x01, 0x02, 0x08, 0x04, 0x10, 0x20, 0x01, 0x80, 0x01, 0x02, 0x08, 0x04, 0x10, 0x20, 0x01, 0x40,
-};
-
-std::uint32_t ProtectionOf(std::uint32_t permissions) {
-  return permissions < kProtection.size() ? kProtection[permissions] : 0;
-}
-
-// "Uid:" and "Gid:" have four numbers, "Groups:" any count; each as strtol takes them, decimal.
 bool TakeIds(std::string_view text, std::uint32_t (&ids)[4]) {
-  Extractor numbers(text);
   for (std::uint32_t& id : ids) {
-    std::int64_t value = 0;
-    if (!(numbers >> value)) return false;
-    id = static_cast<std::uint32_t>(value);
+    const std::optional<std::int64_t> value = TakeLong(text);
+    if (!value) return false;
+    id = static_cast<std::uint32_t>(*value);
   }
   return true;
 }
 
-bool StripPrefix(std::string_view& text, std::string_view prefix) {
-  if (!text.starts_with(prefix)) return false;
-  text.remove_prefix(prefix.size());
-  return true;
+void TakeGroups(std::string_view text, std::vector<std::uint32_t>& groups) {
+  groups.clear();
+  while (const std::optional<std::int64_t> value = TakeLong(text))
+    groups.push_back(static_cast<std::uint32_t>(*value));
 }
 
 }  // namespace
 
 StatResult ParseStat(std::string_view line, Stat& stat) {
-  if (!(Extractor(line) >> stat.pid)) return StatResult::kBadField;
+  Extractor fields(line);
+  fields >> stat.pid;
   // The name may hold blanks and parentheses: only the first and the last parenthesis enclose it for sure.
   const std::size_t open = line.find('(');
   const std::size_t close = line.rfind(')');
   if (open == std::string_view::npos || close == std::string_view::npos || open > close)
     return StatResult::kNoComm;
   stat.comm.assign(line.substr(open + 1, close - open - 1));
-  Extractor fields(line.substr(close + 1));
+  fields.Seek(line.substr(close + 1));
   fields >> stat.state >> stat.ppid >> stat.pgrp >> stat.session >> stat.tty_nr >> stat.tpgid >> stat.flags;
   fields >> stat.minflt >> stat.cminflt >> stat.majflt >> stat.cmajflt;
-  fields >> stat.utime >> stat.stime >> stat.cutime >> stat.cstime >> stat.priority >> stat.nice >>
-      stat.num_threads;
-  fields >> stat.itrealvalue >> stat.starttime >> stat.vsize >> stat.rss >> stat.rsslim;
+  fields >> stat.utime >> stat.stime >> stat.cutime >> stat.cstime;
+  fields >> stat.priority >> stat.nice >> stat.num_threads >> stat.itrealvalue;
+  fields >> stat.starttime >> stat.vsize >> stat.rss >> stat.rsslim;
   return fields ? StatResult::kParsed : StatResult::kBadField;
 }
 
 bool ParseIOCounters(std::string_view text, IOCounters& counters) {
-  // Built at each call: this is asked for rarely, and the patterns need not stay in memory.
-  const boost::regex patterns[] = {
-      boost::regex("^(rchar):\\s+([0-9]+)"),
-      boost::regex("^(wchar):\\s+([0-9]+)"),
-      boost::regex("^(syscr):\\s+([0-9]+)"),
-      boost::regex("^(syscw):\\s+([0-9]+)"),
-      boost::regex("^(read_bytes):\\s+([0-9]+)"),
-      boost::regex("^(write_bytes):\\s+([0-9]+)"),
-      boost::regex("^(cancelled_write_bytes):\\s+([0-9]+)"),
-  };
-  int missing = static_cast<int>(std::size(patterns));
-  std::map<std::string_view, std::uint64_t> values;
+  constexpr std::array<std::pair<std::string_view, std::uint64_t IOCounters::*>, 7> kCounters = {{
+      {"rchar", &IOCounters::rchar},
+      {"wchar", &IOCounters::wchar},
+      {"syscr", &IOCounters::syscr},
+      {"syscw", &IOCounters::syscw},
+      {"read_bytes", &IOCounters::read_bytes},
+      {"write_bytes", &IOCounters::write_bytes},
+      {"cancelled_write_bytes", &IOCounters::cancelled_write_bytes},
+  }};
+  IOCounters parsed;
+  std::size_t missing = kCounters.size();
+  std::uint32_t seen = 0;
   bool valid = true;
-  ForEachLine(text, [&](std::string_view line) {
-    boost::cmatch match;
-    for (const boost::regex& pattern : patterns) {
-      if (!Matches(line, pattern, match)) continue;
-      valid = ToNumber(Group(match, 2), values[Group(match, 1)], 10) && valid;
+  ForEachLine(text, [&](std::string_view textLine) {
+    for (std::size_t i = 0; i < kCounters.size(); ++i) {
+      Line line(textLine);
+      std::string_view value;
+      if (!line.StripPrefix(kCounters[i].first) || !line.Take(':') || !line.TakeBlanks() ||
+          !line.Take(IsDigit, value))
+        continue;
+      const std::optional<std::uint64_t> number = ToNumber<std::uint64_t>(value);
+      // A counter that is there twice is in no file of a kernel's.
+      valid = valid && number && (seen & 1U << i) == 0;
+      parsed.*kCounters[i].second = number.value_or(0);
+      seen |= 1U << i;
       --missing;
     }
+    return valid;
   });
-  // A counter that is missing, or there twice, is no io file of a kernel.
-  if (missing != 0 || !valid || values.size() != std::size(patterns)) return false;
-  counters = {
-      .rchar = values["rchar"],
-      .wchar = values["wchar"],
-      .syscr = values["syscr"],
-      .syscw = values["syscw"],
-      .read_bytes = values["read_bytes"],
-      .write_bytes = values["write_bytes"],
-      .cancelled_write_bytes = values["cancelled_write_bytes"],
-  };
+  if (!valid || missing != 0) return false;
+  counters = parsed;
   return true;
 }
 
@@ -178,90 +177,104 @@ bool ParseCreds(std::string_view text, Creds& creds) {
   bool gid = false;
   bool groups = false;
   bool failed = false;
-  ForEachLine(text, [&](std::string_view line) {
-    if (failed || (uid && gid && groups)) return;
-    if (StripPrefix(line, "Uid:")) {
-      uid = TakeIds(line, creds.uid);
+  ForEachLine(text, [&](std::string_view textLine) {
+    Line line(textLine);
+    if (line.StripPrefix("Uid:")) {
+      uid = TakeIds(line.Rest(), creds.uid);
       failed = !uid;
-    } else if (StripPrefix(line, "Gid:")) {
-      gid = TakeIds(line, creds.gid);
+    } else if (line.StripPrefix("Gid:")) {
+      gid = TakeIds(line.Rest(), creds.gid);
       failed = !gid;
-    } else if (StripPrefix(line, "Groups:")) {
-      creds.groups.clear();
-      Extractor numbers(line);
-      for (std::int64_t value = 0; numbers >> value;)
-        creds.groups.push_back(static_cast<std::uint32_t>(value));
+    } else if (line.StripPrefix("Groups:")) {
+      TakeGroups(line.Rest(), creds.groups);
       groups = true;
     }
+    return !failed && !(uid && gid && groups);
   });
   return !failed && uid && gid && groups;
 }
 
+std::uint32_t PermissionsOf(std::string_view text) {
+  if (text.size() < 4) return 0;
+  return (text[0] == 'r' ? 1U : 0U) | (text[1] == 'w' ? 2U : 0U) | (text[2] == 'x' ? 4U : 0U) |
+         (text[3] == 's' ? 8U : 0U);
+}
+
+std::uint32_t ProtectionOf(std::uint32_t permissions) {
+  // Rows 6 and 14 (write and execute) are "no access", and row 7 is "execute and write copy" where row 15 is
+  // "execute, read and write": that is meant, readers of these values rely on it.
+  constexpr std::array<std::uint32_t, 16> kProtection = {
+      0x01, 0x02, 0x08, 0x04, 0x10, 0x20, 0x01, 0x80, 0x01, 0x02, 0x08, 0x04, 0x10, 0x20, 0x01, 0x40,
+  };
+  return permissions < kProtection.size() ? kProtection[permissions] : 0;
+}
+
 void ParseMaps(std::string_view text, Maps& maps) {
-  static const boost::regex pattern(
-      "^([0-9a-fA-F]+)-([0-9a-fA-F]+)\\s+([-rwxps]+)\\s+([0-9a-fA-F]+)\\s+([0-9a-fA-F]+):([0-9a-fA-F]+)"
-      "\\s+([0-9]+)\\s*(.+)?$");
   ForEachLine(text, [&](std::string_view line) {
-    boost::cmatch match;
-    if (!Matches(line, pattern, match)) return;
-    auto entry = std::make_shared<MapsEntry>();
-    ToNumber(Group(match, 1), entry->begin, 16);
-    ToNumber(Group(match, 2), entry->end, 16);
-    entry->permissions = PermissionsOf(Group(match, 3));
-    entry->protection = ProtectionOf(entry->permissions);
-    ToNumber(Group(match, 4), entry->offset, 16);
-    ToNumber(Group(match, 5), entry->deviceMajor, 16);
-    ToNumber(Group(match, 6), entry->deviceMinor, 16);
-    ToNumber(Group(match, 7), entry->inode, 10);  // 32 bits on purpose: a larger inode stays 0
-    entry->path.assign(Group(match, 8));
-    const std::uint64_t begin = entry->begin;
-    maps.emplace(begin, std::move(entry));
+    if (std::shared_ptr<MapsEntry> entry = ParseMapping(line)) {
+      const std::uint64_t begin = entry->begin;
+      // The file is in ascending order.
+      maps.emplace_hint(maps.end(), begin, std::move(entry));
+    }
+    return true;
   });
 }
 
 void ParseIOMemMap(std::string_view text, IOMemMap& map) {
-  static const boost::regex pattern("\\s*([0-9a-fA-F]+)-([0-9a-fA-F]+)\\s+:\\s+(.*)$");
   ForEachLine(text, [&](std::string_view line) {
-    boost::cmatch match;
-    if (!Matches(line, pattern, match)) return;
-    IOMemRange range;
-    ToNumber(Group(match, 1), range.begin, 16);
-    ToNumber(Group(match, 2), range.end, 16);
-    range.name.assign(Group(match, 3));
-    map.push_back(std::move(range));
+    if (IOMemRange range; ParseIOMemRange(line, range)) map.push_back(std::move(range));
+    return true;
   });
 }
 
-std::optional<ModuleEntry> ParseModule(std::string_view line) {
-  // name size references dependencies state offset
+ModuleResult ParseModule(std::string_view line, bool allowZeroOffset, ModuleEntry& entry) {
+  constexpr std::string_view kBlanks = " \t";
+  // name, size, references, dependencies (not read), state, offset
   std::array<std::string_view, 6> tokens;
   for (std::string_view& token : tokens) {
-    const std::size_t begin = line.find_first_not_of(" \t");
-    if (begin == std::string_view::npos) return std::nullopt;
-    line.remove_prefix(begin);
-    token = line.substr(0, line.find_first_of(" \t"));
+    line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+    if (line.empty()) return ModuleResult::kSkipped;
+    token = line.substr(0, line.find_first_of(kBlanks));
     line.remove_prefix(token.size());
   }
-  ModuleEntry entry;
-  std::string_view offset = tokens[5];
-  if (!StripPrefix(offset, "0x")) StripPrefix(offset, "0X");
-  if (!ToNumber(tokens[1], entry.size, 10) || !ToNumber(tokens[2], entry.referenceCount, 10) ||
-      !ToNumber(offset, entry.offset, 16))
-    return std::nullopt;
-  entry.name.assign(tokens[0]);
-  constexpr std::string_view kStates[] = {"Live", "Loading", "Unloading"};
-  entry.state = 0;
-  while (entry.state < std::size(kStates) && kStates[entry.state] != tokens[4]) ++entry.state;
-  return entry;
+
+  std::string_view hexadecimal = tokens[5];
+  if (hexadecimal.starts_with("0x") || hexadecimal.starts_with("0X")) hexadecimal.remove_prefix(2);
+  const std::optional<std::uint64_t> offset = ToNumber<std::uint64_t>(hexadecimal, 16);
+  if (!offset) return ModuleResult::kSkipped;
+  if (*offset == 0 && !allowZeroOffset) return ModuleResult::kHidden;
+  const std::optional<std::uint64_t> size = ToNumber<std::uint64_t>(tokens[1]);
+  const std::optional<std::uint32_t> references = ToNumber<std::uint32_t>(tokens[2]);
+  if (!size || !references) return ModuleResult::kSkipped;
+
+  constexpr std::array<std::string_view, 3> kStates = {"Live", "Loading", "Unloading"};
+  entry = {
+      .name = std::string(tokens[0]),
+      .size = *size,
+      .referenceCount = *references,
+      // Another state is the number behind the last one.
+      .state = static_cast<std::uint32_t>(std::ranges::find(kStates, tokens[4]) - kStates.begin()),
+      .offset = *offset,
+  };
+  return ModuleResult::kParsed;
+}
+
+std::optional<std::uint64_t> ParseSectionAddress(std::string_view text) {
+  std::uint64_t address = 0;
+  if (!(Extractor(text, 16) >> address)) return std::nullopt;
+  return address;
 }
 
 std::optional<zym::types::string16_t> ParseCmdline(std::string_view text) {
   std::optional<zym::types::string16_t> result = zym::Utf8ToUtf16(text);
   if (!result) return result;
-  for (char16_t& c : *result)
-    if (c == u'\0') c = u' ';
+  std::ranges::replace(*result, u'\0', u' ');
   if (result->ends_with(u' ')) result->pop_back();
   return result;
+}
+
+std::optional<unsigned int> ParseProcessName(std::string_view name) {
+  return ToNumber<unsigned int>(name);
 }
 
 }  // namespace qor::procfs

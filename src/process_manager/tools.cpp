@@ -121,7 +121,6 @@ zym::result_t GetProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs, PidT
 
   // What can fail comes before the first field: a failure leaves the record as it came.
   const zym::datetime_t startTime = zym::datetime::FromUnixSeconds(stat.directoryChangeTime);
-  static_cast<void>(zym::datetime::ToUnix(startTime));
   zym::types::string16_t workingDirectory = ToUtf16(cwd);
   zym::types::string16_t imagePath = ToUtf16(image.path);
   auto commandLine = Share(std::move(image.commandLine));

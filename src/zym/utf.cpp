@@ -1,6 +1,8 @@
 #include "zym/utf.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 namespace zym {
 namespace {
@@ -13,6 +15,18 @@ constexpr bool IsLowSurrogate(char32_t unit) {
 }
 constexpr bool IsAscii(char c) {
   return static_cast<unsigned char>(c) < 0x80;
+}
+
+// How many bytes at the front of `text` are ASCII. Nearly every path and command line is ASCII to its end, so
+// eight bytes are looked at together.
+std::size_t AsciiRun(std::string_view text) {
+  std::size_t run = 0;
+  for (std::uint64_t word = 0; run + sizeof(word) <= text.size(); run += sizeof(word)) {
+    std::memcpy(&word, text.data() + run, sizeof(word));
+    if ((word & 0x8080808080808080U) != 0) break;
+  }
+  while (run < text.size() && IsAscii(text[run])) ++run;
+  return run;
 }
 
 struct Lead {
@@ -91,23 +105,25 @@ std::size_t EncodeUtf8(char32_t point, char* out) noexcept {
 }
 
 std::optional<types::string16_t> Utf8ToUtf16(std::string_view text) {
-  types::string16_t result;
-  result.reserve(text.size());
+  // No byte makes more than one unit, so the text fits and is cut to its length at the end.
+  types::string16_t result(text.size(), u'\0');
+  char16_t* out = result.data();
   while (!text.empty()) {
-    if (IsAscii(text.front())) {
-      result.push_back(static_cast<char16_t>(text.front()));
-      text.remove_prefix(1);
-      continue;
-    }
+    const std::size_t run = AsciiRun(text);
+    out =
+        std::transform(text.data(), text.data() + run, out, [](char c) { return static_cast<char16_t>(c); });
+    text.remove_prefix(run);
+    if (text.empty()) break;
     const std::optional<char32_t> point = TakeCodePoint(text);
     if (!point) return std::nullopt;
     if (*point < 0x10000) {
-      result.push_back(static_cast<char16_t>(*point));
+      *out++ = static_cast<char16_t>(*point);
     } else {
-      result.push_back(static_cast<char16_t>(0xd800 + ((*point - 0x10000) >> 10)));
-      result.push_back(static_cast<char16_t>(0xdc00 + ((*point - 0x10000) & 0x3ff)));
+      *out++ = static_cast<char16_t>(0xd800 + ((*point - 0x10000) >> 10));
+      *out++ = static_cast<char16_t>(0xdc00 + ((*point - 0x10000) & 0x3ff));
     }
   }
+  result.resize(static_cast<std::size_t>(out - result.data()));
   return result;
 }
 

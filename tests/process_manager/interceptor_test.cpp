@@ -43,7 +43,7 @@ class InterceptorTest : public testing::Test {
  protected:
   InterceptorTest() {
     m_host.locator->Add(zym::CreateObject<FakeProcfsParser>());
-    m_host.locator->Add(zym::CreateObject<FakeEventInfoProvider>());
+    m_host.locator->Add(zym::CreateObject<RecordingEventInfoProvider>());
     m_host.locator->Add(zym::CreateObject<FakeFeatureTechsAggregator>());
     m_host.locator->Add(
         zym::CreateObject<InterceptorSettingsSubscription>(m_host.tracer, InterceptorSettings()),
@@ -375,7 +375,7 @@ TEST_F(InterceptorTest, EachRequiredServiceIsRequired) {
        {0x6ef3329bU, 0xc9b36ad4U, 0x79864d30U, 0x2b6ab0fbU, 0x97074f39U, 0xa26c8413U}) {
     FakeHost host;
     host.locator->Add(zym::CreateObject<FakeProcfsParser>());
-    host.locator->Add(zym::CreateObject<FakeEventInfoProvider>());
+    host.locator->Add(zym::CreateObject<RecordingEventInfoProvider>());
     host.locator->Add(zym::CreateObject<InterceptorSettingsSubscription>(host.tracer, InterceptorSettings()),
                       IInterceptorSettingsSubscription::kIid);
     host.locator->FailWith(iid, zym::ZYM_E_ACCESS_DENIED);

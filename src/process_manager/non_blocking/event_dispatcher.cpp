@@ -6,6 +6,7 @@
 #include <boost/asio/io_service.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/thread/thread.hpp>
+#include <exception>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -54,7 +55,13 @@ EventDispatcher::~EventDispatcher() {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
   m_stop = true;
   m_service->io.stop();
-  m_service->threads.join_all();
+  try {
+    m_service->threads.join_all();
+  } catch (...) {
+    // Released on the worker, which can't wait for itself: the trace says why the process ends here.
+    zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+    std::terminate();
+  }
 }
 
 void EventDispatcher::SetHandler(HandlerIndex index, EventHandler handler) {

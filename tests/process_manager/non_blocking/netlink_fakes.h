@@ -4,13 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,11 +17,12 @@
 #include "process_manager/system_events_factory.h"
 #include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
+#include "support/own_process.h"
 
 namespace test_support {
 
 // A process cache that writes down what it is told, and answers as the test wants.
-class FakeEventInfoProvider : public zym::object::Ifaces<qor::process_manager::IEventInfoProvider> {
+class RecordingEventInfoProvider : public zym::object::Ifaces<qor::process_manager::IEventInfoProvider> {
  public:
   using EventInfo = qor::process_manager::process_cache::EventInfo;
   using ProcessInformation = qor::process_manager::process_cache::ProcessInformation;
@@ -207,29 +204,6 @@ class FakeExecListenerFactory : public zym::object::Ifaces<qor::IExecListenerFac
   int calls = 0;
 };
 
-// The threads of this process by name.
-inline std::vector<pid_t> ThreadsNamed(std::string_view name) {
-  std::vector<pid_t> threads;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string comm;
-    std::getline(std::ifstream(entry.path() / "comm"), comm);
-    if (comm == name) threads.push_back(std::stoi(entry.path().filename()));
-  }
-  return threads;
-}
-
-// The open descriptors of this process with what they name.
-inline std::map<int, std::string> OpenDescriptors() {
-  std::map<int, std::string> descriptors;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code error;
-    const auto target = std::filesystem::read_symlink(entry.path(), error);
-    if (!error && target.native().find("/proc/") == std::string::npos)
-      descriptors.emplace(std::stoi(entry.path().filename()), target);
-  }
-  return descriptors;
-}
-
 // Passes records on, and lets a test act at the moment when one is written.
 class WatchedTracer : public zym::object::Ifaces<zym::ITracer> {
  public:
@@ -275,7 +249,7 @@ class NetlinkHarness {
 
   FakeHost m_host;
   zym::intrusive_ptr<FakeProcfsParser> m_parser = zym::CreateObject<FakeProcfsParser>();
-  zym::intrusive_ptr<FakeEventInfoProvider> m_cache = zym::CreateObject<FakeEventInfoProvider>();
+  zym::intrusive_ptr<RecordingEventInfoProvider> m_cache = zym::CreateObject<RecordingEventInfoProvider>();
   zym::intrusive_ptr<FakeFeatureTechsAggregator> m_aggregator =
       zym::CreateObject<FakeFeatureTechsAggregator>();
   zym::intrusive_ptr<FakeEventDispatcher> m_dispatcher = zym::CreateObject<FakeEventDispatcher>();

@@ -33,10 +33,10 @@ class NetlinkInterceptorTest : public testing::Test, protected NetlinkHarness {
     return m_interceptor->ProcessNetlink(datagram.data(), datagram.size());
   }
 
-  FakeEventInfoProvider::Report OnlyReport() const {
+  RecordingEventInfoProvider::Report OnlyReport() const {
     const auto reports = m_cache->Reports();
     EXPECT_EQ(reports.size(), 1U);
-    return reports.empty() ? FakeEventInfoProvider::Report{} : reports[0];
+    return reports.empty() ? RecordingEventInfoProvider::Report{} : reports[0];
   }
 };
 
@@ -498,7 +498,7 @@ TEST(NetlinkInterceptor, LeavesNothingBehind) {
   {
     FakeHost host;
     host.locator->Add(zym::CreateObject<FakeProcfsParser>());
-    host.locator->Add(zym::CreateObject<FakeEventInfoProvider>());
+    host.locator->Add(zym::CreateObject<RecordingEventInfoProvider>());
     const auto interceptor =
         zym::CreateObject<NetlinkInterceptor>(host.locator.get(), zym::CreateObject<FakeEventDispatcher>(),
                                               zym::CreateObject<SystemEventsFactory>(host.locator.get()));

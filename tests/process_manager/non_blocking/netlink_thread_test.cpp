@@ -350,7 +350,7 @@ TEST_F(NetlinkThreadTest, ItsDestructionEndsTheThreadAlsoWhenTheGroupCantBeLeft)
 TEST_F(NetlinkThreadTest, WhatTheKernelDropsIsLostAndTheSourceGoesOn) {
   Gate inCache;
   Gate go;
-  m_cache->onReport = [&](const FakeEventInfoProvider::Report&) {
+  m_cache->onReport = [&](const RecordingEventInfoProvider::Report&) {
     inCache.Open();
     go.Wait();
   };
@@ -371,7 +371,7 @@ TEST_F(NetlinkThreadTest, WhatTheKernelDropsIsLostAndTheSourceGoesOn) {
 
 TEST_F(NetlinkThreadTest, AnEventThatTheCacheRefusesDoesntEndTheThread) {
   std::atomic<int> raised{0};
-  m_cache->onReport = [&](const FakeEventInfoProvider::Report&) {
+  m_cache->onReport = [&](const RecordingEventInfoProvider::Report&) {
     if (raised++ == 0) throw zym::CheckFailedException("process_cache.cpp", 1);
   };
   Start();

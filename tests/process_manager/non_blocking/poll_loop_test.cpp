@@ -228,7 +228,9 @@ TEST_F(PollLoopTest, AClosedSourceIsCorrupted) {
   EXPECT_TRUE(m_tracer->Has(300, ": netlink fd is corrupted"));
 }
 
-// poll(2) refuses more descriptors than the process may have open.
+#if !defined(__SANITIZE_ADDRESS__)
+// poll(2) refuses more descriptors than the process may have open. Not with the undefined-behaviour
+// sanitizer, whose check of every member call opens a pipe.
 TEST_F(PollLoopTest, AFailedPollIsTracedAndEndsIt) {
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -240,6 +242,7 @@ TEST_F(PollLoopTest, AFailedPollIsTracedAndEndsIt) {
   EXPECT_EQ(result, zym::ZYM_E_UNSPECIFIED);
   EXPECT_TRUE(m_tracer->Has(300, "(nfds > 0),(bool) failed: result = false : poll error: Invalid argument"));
 }
+#endif
 
 // Waits until a thread of this process sleeps in poll(2).
 void WaitUntilInPoll(pid_t tid) {

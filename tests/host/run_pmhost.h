@@ -1,0 +1,110 @@
+// pmhost as a child of the test.
+#pragma once
+
+#include <fcntl.h>
+#include <rapidjson/document.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "qor_common/unique_fd.h"
+
+namespace host_tests {
+
+// Started at construction; ended, at the latest, at destruction.
+class Pmhost {
+ public:
+  // `prepare` runs in the child, before pmhost does.
+  explicit Pmhost(std::vector<std::string> arguments, const std::function<void()>& prepare = {}) {
+    int out[2];
+    int err[2];
+    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    m_out.Reset(out[0]);
+    m_err.Reset(err[0]);
+    arguments.insert(arguments.begin(), "pmhost");
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::dup2(out[1], STDOUT_FILENO);
+      ::dup2(err[1], STDERR_FILENO);
+      if (prepare) prepare();
+      ::execv(PMHOST_BINARY, pointers.data());
+      ::_exit(127);
+    }
+    ::close(out[1]);
+    ::close(err[1]);
+  }
+  ~Pmhost() {
+    if (m_pid <= 0) return;
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, nullptr, 0);
+  }
+  Pmhost(const Pmhost&) = delete;
+  Pmhost& operator=(const Pmhost&) = delete;
+
+  [[nodiscard]] pid_t Pid() const { return m_pid; }
+  void Kill(int signal) const { ::kill(m_pid, signal); }
+  void CloseOutput() { m_out.Reset(); }
+
+  // The next line of standard output; empty at its end.
+  std::string ReadLine() {
+    for (;;) {
+      if (const std::size_t end = m_pending.find('\n', m_begin); end != std::string::npos) {
+        std::string line = m_pending.substr(m_begin, end - m_begin);
+        m_begin = end + 1;
+        if (m_begin > (1U << 20)) m_pending.erase(0, std::exchange(m_begin, 0));
+        return line;
+      }
+      char buffer[65536];
+      const ssize_t count = ::read(m_out.Get(), buffer, sizeof(buffer));
+      if (count <= 0) return {};
+      m_pending.append(buffer, static_cast<std::size_t>(count));
+    }
+  }
+
+  // Reads lines until one fits; false at the end of the output.
+  bool ReadUntil(const std::function<bool(const rapidjson::Document&)>& fits) {
+    for (std::string line = ReadLine(); !line.empty(); line = ReadLine()) {
+      rapidjson::Document event;
+      if (event.Parse(line.c_str()).HasParseError()) throw std::runtime_error("not JSON: " + line);
+      if (fits(event)) return true;
+    }
+    return false;
+  }
+
+  // Waits for the end: the exit status, or 128 and the signal.
+  int Wait() {
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    m_pid = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+  // All that is left of standard error, and of standard output.
+  std::string Errors() const { return ReadAll(m_err.Get()); }
+  std::string Output() { return m_pending.substr(std::exchange(m_begin, 0)) + ReadAll(m_out.Get()); }
+
+ private:
+  static std::string ReadAll(int fd) {
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count = 0; (count = ::read(fd, buffer, sizeof(buffer))) > 0;)
+      text.append(buffer, static_cast<std::size_t>(count));
+    return text;
+  }
+
+  pid_t m_pid = 0;
+  qor::UniqueFd m_out;
+  qor::UniqueFd m_err;
+  std::string m_pending;
+  std::size_t m_begin = 0;
+};
+
+}  // namespace host_tests
