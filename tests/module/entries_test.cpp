@@ -1,281 +1,358 @@
-// The three entries and what becomes of the objects that they make.
-#include <dirent.h>
+// The three entries and the class tables behind them.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <csignal>
+
 #include <string>
 #include <vector>
 
 #include "module/module_host.h"
 #include "process_manager/meta_info.h"
+#include "support/own_process.h"
 
 namespace {
 
-using test_support::FakeHost;
-using test_support::LoadedModule;
-using test_support::ModuleHost;
+using namespace test_support;
 
-constexpr std::uint32_t kUnknownClass = 0x12345678;
+constexpr std::uint32_t kUnknownClass = 0x11223344;
 
-std::size_t CountEntries(const char* directory) {
-  std::size_t count = 0;
-  DIR* const dir = ::opendir(directory);
-  while (::readdir(dir) != nullptr) ++count;
-  ::closedir(dir);
-  return count;
-}
+struct FactoryClass {
+  const char* name;
+  std::uint32_t classId;
+  std::vector<zym::iid_t> iids;
+};
 
-std::size_t ResidentKilobytes() {
-  std::ifstream status("/proc/self/status");
-  std::string word;
-  while (status >> word)
-    if (word == "VmRSS:") break;
-  std::size_t kilobytes = 0;
-  status >> kilobytes;
-  return kilobytes;
-}
+// The classes of zymGetObjectFactory with the interfaces that they have beside 0.
+const std::vector<FactoryClass> kFactoryClasses = {
+    {"TypeDescriptorStaticRegistry", 0x272f5652, {0xa53230cb, 0xfe7da4e6}},
+    {"ProcParser", 0x9faa28c0, {0xc9b36ad4}},
+    {"LocalProcParser", 0xfc6a6123, {0xc9b36ad4}},
+};
 
-TEST(ModuleEntries, AFactoryPinsTheModuleUntilItsLastRelease) {
-  const FakeHost host;
+struct CreatedClass {
+  const char* name;
+  std::uint32_t classId;
+  std::vector<zym::iid_t> iids;
+};
+
+// The same of zymCreateObject; the first is the primary one.
+const std::vector<CreatedClass> kCreatedClasses = {
+    {"Interceptor", 0x15aee499, {0xde7726f2, 0x49b85a1b, 0xdae40c14}},
+    {"InterceptorSettingsSubscription", 0xf2c28292, {0x90a67124, 0xf62878be}},
+    {"ProcessCache", 0x034b5e94, {0xffc9e198, 0x79864d30}},
+};
+
+class ModuleEntries : public testing::Test {
+ protected:
+  zym::IServiceLocator* Locator() const { return m_host.host.locator.get(); }
+  const LoadedModule& Module() const { return m_host.module; }
+
+  zym::intrusive_ptr<zym::IObjectFactory> FactoryOf(std::uint32_t classId) const {
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    EXPECT_EQ(Module().getObjectFactory(Locator(), classId, factory.Ref()), zym::ZYM_OK);
+    return factory;
+  }
+
+  zym::intrusive_ptr<zym::IObject> ObjectOf(std::uint32_t classId) const {
+    const SettingsCreationRecord record{
+        .base = {.locator = Locator()}, .tracer = nullptr, .settings = nullptr};
+    zym::IObject* object = nullptr;
+    EXPECT_EQ(Module().createObject(classId, &record.base, &object), zym::ZYM_OK);
+    return zym::intrusive_ptr<zym::IObject>::Attach(object);
+  }
+
+  ModuleHost m_host;
+};
+
+TEST(LoadedModuleAlone, MayBeUnloadedRightAfterItWasLoaded) {
   const LoadedModule module;
   EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK);
+}
+
+TEST(LoadedModuleAlone, LoadingStartsNoThreadAndOpensNothing) {
+  const std::size_t threads = ThreadCount();
+  const auto descriptors = OpenDescriptors();
+  const LoadedModule module;
+  EXPECT_EQ(ThreadCount(), threads);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST(LoadedModuleAlone, AFactoryPinsItUntilItsLastRelease) {
+  const LoadedModule module;
+  FakeHost host;
   zym::IObjectFactory* factory = nullptr;
   ASSERT_EQ(module.getObjectFactory(host.locator.get(), qor::class_ids::kProcParser, &factory), zym::ZYM_OK);
+  EXPECT_EQ(module.canUnloadModule(), zym::ZYM_FALSE);
+  EXPECT_EQ(factory->AddRef(), 2U);
+  EXPECT_EQ(factory->Release(), 1U);
   EXPECT_EQ(module.canUnloadModule(), zym::ZYM_FALSE);
   EXPECT_EQ(factory->Release(), 0U);
   EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK);
 }
 
-TEST(ModuleEntries, TellAnUnknownClassByDifferentCodes) {
-  const FakeHost host;
+TEST(LoadedModuleAlone, EachCallMakesAFactoryOfItsOwn) {
   const LoadedModule module;
-  int somewhere = 0;
-  auto* factory = reinterpret_cast<zym::IObjectFactory*>(&somewhere);
-  EXPECT_EQ(module.getObjectFactory(host.locator.get(), kUnknownClass, &factory), zym::ZYM_E_NOT_IMPLEMENTED);
-  EXPECT_EQ(factory, nullptr);
-  const CreationRecord record{.locator = host.locator.get()};
-  auto* const mark = reinterpret_cast<zym::IObject*>(&somewhere);
-  zym::IObject* object = mark;
-  EXPECT_EQ(module.createObject(kUnknownClass, &record, &object), zym::ZYM_E_CLASS_NOT_FOUND);
-  EXPECT_EQ(object, mark) << "left alone";
-}
-
-TEST(ModuleEntriesDeathTest, TheTripWireTerminates) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
-  const LoadedModule module;
-  const CreationRecord record{.locator = nullptr};
-  zym::IObject* object = nullptr;
-  zym::IObjectFactory* factory = nullptr;
-  EXPECT_DEATH(module.createObject(qor::class_ids::kTripWire, &record, &object), "");
-  EXPECT_DEATH(module.getObjectFactory(nullptr, qor::class_ids::kTripWire, &factory), "");
-}
-
-TEST(ModuleEntries, AWrongInterfaceDestroysTheObjectAgain) {
-  const FakeHost host;
-  const LoadedModule module;
-  zym::intrusive_ptr<zym::IObjectFactory> factory;
-  ASSERT_EQ(module.getObjectFactory(host.locator.get(), qor::class_ids::kProcParser, factory.Ref()),
+  FakeHost host;
+  zym::intrusive_ptr<zym::IObjectFactory> first;
+  zym::intrusive_ptr<zym::IObjectFactory> second;
+  ASSERT_EQ(module.getObjectFactory(host.locator.get(), qor::class_ids::kProcParser, first.Ref()),
             zym::ZYM_OK);
-  void* out = nullptr;
-  EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0xdeadbeef, &out), zym::ZYM_E_NO_INTERFACE);
-  factory.Reset();
-  EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK);
-  EXPECT_EQ(host.allocator->Live(), 0);
+  ASSERT_EQ(module.getObjectFactory(host.locator.get(), qor::class_ids::kProcParser, second.Ref()),
+            zym::ZYM_OK);
+  EXPECT_NE(first.get(), second.get());
 }
 
-TEST(ModuleEntries, AnAllocatorThatIsExhaustedGivesOutOfMemoryForEachClassOfAFactory) {
-  const FakeHost host;
-  const LoadedModule module;
-  for (const std::uint32_t classId : {qor::class_ids::kTypeDescriptorStaticRegistry,
-                                      qor::class_ids::kProcParser, qor::class_ids::kLocalProcParser}) {
-    host.allocator->FailFrom(0);
+// The two entries tell an unknown class by two codes. That is meant.
+TEST_F(ModuleEntries, AnUnknownClassHasTwoCodes) {
+  int sentinel = 0;
+  auto* factory = reinterpret_cast<zym::IObjectFactory*>(&sentinel);
+  EXPECT_EQ(static_cast<std::uint32_t>(Module().getObjectFactory(Locator(), kUnknownClass, &factory)),
+            0x80000043U);
+  EXPECT_EQ(factory, nullptr);
+  auto* const untouched = reinterpret_cast<zym::IObject*>(&sentinel);
+  zym::IObject* object = untouched;
+  const CreationRecord record{.locator = Locator()};
+  EXPECT_EQ(static_cast<std::uint32_t>(Module().createObject(kUnknownClass, &record, &object)), 0x80000100U);
+  EXPECT_EQ(object, untouched);
+}
+
+TEST_F(ModuleEntries, AClassOfTheOtherEntryIsUnknown) {
+  for (const CreatedClass& row : kCreatedClasses) {
     zym::intrusive_ptr<zym::IObjectFactory> factory;
-    ASSERT_EQ(module.getObjectFactory(host.locator.get(), classId, factory.Ref()), zym::ZYM_OK);
-    void* out = nullptr;
-    EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_OUT_OF_MEMORY);
-    EXPECT_EQ(host.allocator->Live(), 0);
+    EXPECT_EQ(Module().getObjectFactory(Locator(), row.classId, factory.Ref()), zym::ZYM_E_NOT_IMPLEMENTED)
+        << row.name;
+  }
+  for (const FactoryClass& row : kFactoryClasses) {
+    const CreationRecord record{.locator = Locator()};
+    zym::IObject* object = nullptr;
+    EXPECT_EQ(Module().createObject(row.classId, &record, &object), zym::ZYM_E_CLASS_NOT_FOUND) << row.name;
   }
 }
 
-// Each required service in turn is missing, or answers with a failure: its code comes back and nothing is
-// left.
-TEST(ModuleEntries, ARequiredServiceThatIsMissingOrFailsGivesItsCode) {
-  const struct {
-    std::uint32_t classId;
-    std::vector<zym::iid_t> required;
-  } classes[] = {
-      {qor::class_ids::kProcessCache,
-       {zym::ITracer::kIid, zym::ITracerCategoryFilter::kIid, zym::telemetry::IMetricSource::kIid,
-        zym::telemetry::IMetricsRegistry::kIid}},
-      {qor::class_ids::kInterceptorSettingsSubscription, {zym::ITracer::kIid}},
-      {qor::class_ids::kInterceptor,
-       {zym::ITracer::kIid, zym::ITracerCategoryFilter::kIid, qor::process_manager::IEventInfoProvider::kIid,
-        qor::IScanStatisticsCollector::kIid, qor::IStartupDataProvider::kIid, qor::procfs::IParser::kIid,
-        qor::process_manager::IInterceptorSettingsSubscription::kIid}},
-  };
-  for (const auto& [classId, required] : classes) {
-    for (const zym::iid_t iid : required) {
-      const ModuleHost moduleHost;
-      const SettingsCreationRecord record{
-          .base = {.locator = moduleHost.host.locator.get()}, .tracer = nullptr, .settings = nullptr};
-      zym::IObject* object = nullptr;
-      moduleHost.host.locator->FailWith(iid, zym::ZYM_E_LOCKED);
-      EXPECT_EQ(moduleHost.module.createObject(classId, &record.base, &object), zym::ZYM_E_LOCKED)
-          << std::hex << iid;
-      EXPECT_EQ(object, nullptr);
+using ModuleEntriesDeathTest = ModuleEntries;
+
+TEST_F(ModuleEntriesDeathTest, TheTripWireTerminatesTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const CreationRecord record{.locator = Locator()};
+  zym::intrusive_ptr<zym::IObjectFactory> factory;
+  zym::IObject* object = nullptr;
+  EXPECT_EXIT(static_cast<void>(Module().getObjectFactory(Locator(), 0xbad1bad1, factory.Ref())),
+              testing::KilledBySignal(SIGABRT), "terminate called without an active exception");
+  EXPECT_EXIT(static_cast<void>(Module().createObject(0xbad1bad1, &record, &object)),
+              testing::KilledBySignal(SIGABRT), "terminate called without an active exception");
+}
+
+TEST_F(ModuleEntries, EachFactoryMakesItsClassByEachInterface) {
+  for (const FactoryClass& row : kFactoryClasses) {
+    const auto factory = FactoryOf(row.classId);
+    void* primary = nullptr;
+    ASSERT_EQ(factory->CreateInstance(Locator(), row.iids[0], &primary), zym::ZYM_OK) << row.name;
+    const auto object = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(primary));
+    EXPECT_EQ(object->AddRef(), 2U) << "one reference, and this one";
+    object->Release();
+    for (const zym::iid_t iid : row.iids) {
+      void* found = nullptr;
+      ASSERT_EQ(factory->CreateInstance(Locator(), iid, &found), zym::ZYM_OK) << row.name << " " << iid;
+      static_cast<zym::IObject*>(found)->Release();
+      ASSERT_EQ(object->QueryInterface(iid, &found), zym::ZYM_OK) << row.name << " " << iid;
+      static_cast<zym::IObject*>(found)->Release();
+    }
+    void* zero = nullptr;
+    ASSERT_EQ(factory->CreateInstance(Locator(), 0, &zero), zym::ZYM_OK) << row.name;
+    static_cast<zym::IObject*>(zero)->Release();
+  }
+}
+
+TEST_F(ModuleEntries, IdZeroGivesThePrimaryInterfaceOfEveryObjectWithOneMoreReference) {
+  std::vector<std::pair<zym::intrusive_ptr<zym::IObject>, zym::iid_t>> objects;
+  for (const FactoryClass& row : kFactoryClasses) {
+    const auto factory = FactoryOf(row.classId);
+    zym::intrusive_ptr<zym::IObject> object;
+    ASSERT_EQ(factory->CreateInstance(Locator(), 0, reinterpret_cast<void**>(object.Ref())), zym::ZYM_OK);
+    objects.emplace_back(object, row.iids[0]);
+    objects.emplace_back(zym::intrusive_ptr<zym::IObject>(factory.get()), zym::IObjectFactory::kIid);
+  }
+  for (const CreatedClass& row : kCreatedClasses) objects.emplace_back(ObjectOf(row.classId), row.iids[0]);
+  for (const auto& [object, primaryIid] : objects) {
+    const std::uint32_t before = object->AddRef();
+    void* zero = nullptr;
+    ASSERT_EQ(object->QueryInterface(0, &zero), zym::ZYM_OK) << primaryIid;
+    EXPECT_EQ(object->AddRef(), before + 2) << primaryIid;
+    void* primary = nullptr;
+    ASSERT_EQ(object->QueryInterface(primaryIid, &primary), zym::ZYM_OK) << primaryIid;
+    EXPECT_EQ(zero, primary) << primaryIid;
+    EXPECT_EQ(zero, object.get()) << primaryIid;
+    for (int i = 0; i < 4; ++i) object->Release();
+  }
+}
+
+TEST_F(ModuleEntries, EachCreatedClassHasItsInterfaces) {
+  for (const CreatedClass& row : kCreatedClasses) {
+    const auto object = ObjectOf(row.classId);
+    EXPECT_EQ(object->AddRef(), 2U) << row.name;
+    object->Release();
+    for (const zym::iid_t iid : row.iids) {
+      void* found = nullptr;
+      ASSERT_EQ(object->QueryInterface(iid, &found), zym::ZYM_OK) << row.name << " " << iid;
+      static_cast<zym::IObject*>(found)->Release();
     }
   }
 }
 
-TEST(ModuleEntries, NoThreadAndNoDescriptorIsLeftAndTheModuleCanBeLoadedAgain) {
-  const auto round = [] {
-    const ModuleHost moduleHost;
-    zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
-    ASSERT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
-    if (::geteuid() != 0) return;  // the source needs CAP_NET_ADMIN; the rest of the round is the same
-    zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
-    ASSERT_EQ(zym::QueryInterface(interceptor, control.Ref()), zym::ZYM_OK);
-    ASSERT_EQ(control->EnableNonBlockingInterceptor(1), zym::ZYM_OK);
-  };
-  round();
-  const std::size_t threads = CountEntries("/proc/self/task");
-  const std::size_t descriptors = CountEntries("/proc/self/fd");
-  round();
-  EXPECT_EQ(CountEntries("/proc/self/task"), threads);
-  EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
-}
-
-TEST(ModuleEntries, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
-  const auto round = [] {
-    const ModuleHost moduleHost;
-    zym::IServiceLocator* const locator = moduleHost.host.locator.get();
-    zym::intrusive_ptr<zym::IMetaInfoProvider> registry;
-    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kTypeDescriptorStaticRegistry, locator, registry),
-              zym::ZYM_OK);
-    zym::intrusive_ptr<qor::procfs::IParser> local;
-    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kLocalProcParser, locator, local), zym::ZYM_OK);
-    zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
-    EXPECT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
-  };
-  for (int i = 0; i < 100; ++i) round();
-  const std::size_t before = ResidentKilobytes();
-  for (int i = 0; i < 1000; ++i) round();
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  EXPECT_LT(ResidentKilobytes(), before + 1024) << "a kilobyte a round would be a megabyte";
-#else
-  static_cast<void>(before);  // a sanitizer keeps what is freed
-#endif
-}
-
-// --- slots
-// ------------------------------------------------------------------------------------------------------
-
-// Calls the operation at a place of an interface's table, as a caller that knows nothing but the order would.
-template <class R, class... Args>
-R CallSlot(void* object, std::size_t slot, Args... args) {
-  auto* const table = *static_cast<void***>(object);
-  return reinterpret_cast<R (*)(void*, Args...)>(table[slot])(object, args...);
-}
-
-TEST(ModuleSlots, TheFacadesOperationsStandInTheirOrder) {
-  const ModuleHost moduleHost;
-  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
-  ASSERT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
-  void* const facade = interceptor.get();
-  EXPECT_EQ(CallSlot<std::uint32_t>(facade, 0), 2U) << "AddRef";
-  EXPECT_EQ(CallSlot<std::uint32_t>(facade, 1), 1U) << "Release";
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 3), zym::ZYM_E_NOT_IMPLEMENTED) << "GetOfflineLog";
-  const system_interceptors::interceptor_facade::FilterDescriptor create{
-      .type = system_interceptors::event_type::kCreateProcess};
-  const system_interceptors::interceptor_facade::FilterDescriptor exit{
-      .type = system_interceptors::event_type::kExitProcess};
-  std::uint32_t first = 0;
-  std::uint32_t second = 0;
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 4, &exit, true, 0U, 0U, static_cast<void*>(nullptr), &first),
-            zym::ZYM_E_NOT_SUPPORTED)
-      << "RegisterBlockingFilterAttachHandler";
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 5, &create, true, 0U, static_cast<void*>(nullptr), &second),
-            zym::ZYM_OK)
-      << "RegisterNonBlockingFilterAttachHandler";
-  EXPECT_EQ(second, first + 1) << "a refused registration leaves a gap";
-  std::uint32_t third = 0;
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 6, &exit, true, 0U, &third), zym::ZYM_OK) << "RegisterFilter";
-  bool enabled = false;
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 14, third, &enabled), zym::ZYM_OK) << "GetFilterStatus";
-  EXPECT_TRUE(enabled);
-  using Ids = system_interceptors::interceptor_facade::FilterIds;
-  const Ids ids{.first = &third, .last = &third + 1};
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 9, ids), zym::ZYM_OK) << "DisableFilters";
-  CallSlot<zym::result_t>(facade, 14, third, &enabled);
-  EXPECT_FALSE(enabled);
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 8, ids), zym::ZYM_OK) << "EnableFilters";
-  CallSlot<zym::result_t>(facade, 14, third, &enabled);
-  EXPECT_TRUE(enabled);
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 13, Ids{}, ids), zym::ZYM_OK) << "EnableDisableFilters";
-  CallSlot<zym::result_t>(facade, 14, third, &enabled);
-  EXPECT_FALSE(enabled);
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 10), zym::ZYM_OK) << "ReservedOperation";
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 11, third, static_cast<void*>(nullptr)), zym::ZYM_OK)
-      << "AttachHandler";
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 12, third), zym::ZYM_OK) << "DetachHandler";
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 7, ids), zym::ZYM_OK) << "DeleteFilters";
-  EXPECT_EQ(CallSlot<zym::result_t>(facade, 14, third, &enabled), zym::ZYM_E_NOT_FOUND);
-}
-
-TEST(ModuleSlots, TheFacadesFirstThreeIdsShareAPointerAndTheFourthHasItsOwn) {
-  const ModuleHost moduleHost;
-  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
-  ASSERT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
-  std::vector<void*> found;
-  for (const zym::iid_t iid : {0U, 0xde7726f2U, 0x49b85a1bU, 0xdae40c14U}) {
-    void* out = nullptr;
-    ASSERT_EQ(interceptor->QueryInterface(iid, &out), zym::ZYM_OK);
-    interceptor->Release();
-    found.push_back(out);
+TEST_F(ModuleEntries, AnUnknownInterfaceIsNulledByMadeObjectsAndLeftAloneByCreatedOnes) {
+  int sentinel = 0;
+  for (const FactoryClass& row : kFactoryClasses) {
+    const auto factory = FactoryOf(row.classId);
+    void* out = &sentinel;
+    EXPECT_EQ(factory->QueryInterface(0x12345678, &out), zym::ZYM_E_NO_INTERFACE) << row.name;
+    EXPECT_EQ(out, nullptr) << row.name;
+    zym::intrusive_ptr<zym::IObject> object;
+    ASSERT_EQ(factory->CreateInstance(Locator(), 0, reinterpret_cast<void**>(object.Ref())), zym::ZYM_OK);
+    out = &sentinel;
+    EXPECT_EQ(object->QueryInterface(0x12345678, &out), zym::ZYM_E_NO_INTERFACE) << row.name;
+    EXPECT_EQ(out, nullptr) << row.name;
   }
-  EXPECT_EQ(found[0], found[1]);
-  EXPECT_EQ(found[1], found[2]);
-  EXPECT_NE(found[2], found[3]);
+  for (const CreatedClass& row : kCreatedClasses) {
+    const auto object = ObjectOf(row.classId);
+    void* out = &sentinel;
+    EXPECT_EQ(object->QueryInterface(0x12345678, &out), zym::ZYM_E_NO_INTERFACE) << row.name;
+    EXPECT_EQ(out, &sentinel) << row.name;
+  }
 }
 
-TEST(ModuleSlots, OperationsOfSourcesThatDoNotExistYetSayNotSupported) {
-  const ModuleHost moduleHost;
-  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
-  ASSERT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
-  zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
-  ASSERT_EQ(zym::QueryInterface(interceptor, control.Ref()), zym::ZYM_OK);
-  for (const std::size_t slot : {3U, 4U, 7U, 8U, 9U, 10U})
-    EXPECT_EQ(CallSlot<zym::result_t>(control.get(), slot), zym::ZYM_E_NOT_SUPPORTED) << slot;
-  EXPECT_EQ(CallSlot<zym::result_t>(control.get(), 6, 0U), zym::ZYM_OK) << "DisableNonBlockingInterceptor";
-  EXPECT_EQ(CallSlot<zym::result_t>(control.get(), 5, 8U), zym::ZYM_OK)
-      << "the console bit alone starts nothing";
-}
-
-TEST(ModuleSlots, TheMetaInformationIsReachedByBothInterfaces) {
-  const FakeHost host;
+TEST(LoadedModuleAlone, AWrongInterfaceDestroysTheNewObjectAgain) {
   const LoadedModule module;
-  zym::intrusive_ptr<zym::IMetaInfoProvider> provider;
-  ASSERT_EQ(module.Make(qor::class_ids::kTypeDescriptorStaticRegistry, host.locator.get(), provider),
-            zym::ZYM_OK);
-  zym::intrusive_ptr<zym::IStructMetaInfoRegistry> registry;
-  ASSERT_EQ(zym::QueryInterface(provider, registry.Ref()), zym::ZYM_OK);
-  zym::intrusive_ptr<zym::IMetaInfoProvider> back;
-  ASSERT_EQ(zym::QueryInterface(registry, back.Ref()), zym::ZYM_OK);
-  EXPECT_EQ(back.get(), provider.get());
-  void* primary = nullptr;
-  ASSERT_EQ(registry->QueryInterface(0, &primary), zym::ZYM_OK);
-  EXPECT_EQ(primary, provider.get());
-  provider->Release();
+  FakeHost host;
+  for (const FactoryClass& row : kFactoryClasses) {
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
+    int sentinel = 0;
+    void* out = &sentinel;
+    EXPECT_EQ(static_cast<std::uint32_t>(factory->CreateInstance(host.locator.get(), 0x12345678, &out)),
+              0x80000001U)
+        << row.name;
+    EXPECT_EQ(out, nullptr) << row.name;
+    EXPECT_EQ(host.allocator->Live(), 0) << row.name;
+    factory.Reset();
+    EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK) << row.name;
+  }
+}
 
-  const zym::ISerObjDescriptor* descriptor = nullptr;
-  EXPECT_EQ(provider->GetDescriptor(0x50058721, &descriptor), zym::ZYM_OK);
-  EXPECT_STREQ(descriptor->GetName(), "InterceptorSettings");
-  EXPECT_EQ(registry->GetDescriptor(1, &descriptor), zym::ZYM_E_NOT_FOUND);
-  zym::types::vector_t<std::uint32_t> ids;
-  EXPECT_EQ(provider->GetClassIds(ids), zym::ZYM_OK);
-  EXPECT_EQ(ids.size(), 1U);
-  for (const std::size_t slot : {5U, 6U, 8U, 9U})
-    EXPECT_EQ(CallSlot<zym::result_t>(provider.get(), slot), zym::ZYM_E_NOT_IMPLEMENTED) << slot;
+TEST(LoadedModuleAlone, AMadeObjectLivesInTheHostsMemoryAndOutlivesItsFactory) {
+  const LoadedModule module;
+  FakeHost host;
+  for (const FactoryClass& row : kFactoryClasses) {
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
+    EXPECT_EQ(host.allocator->Live(), 0) << "a factory doesn't";
+    zym::intrusive_ptr<zym::IObject> object;
+    ASSERT_EQ(factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(object.Ref())),
+              zym::ZYM_OK);
+    EXPECT_EQ(host.allocator->Live(), 1) << row.name;
+    factory.Reset();
+    EXPECT_EQ(module.canUnloadModule(), zym::ZYM_FALSE);
+    object.Reset();
+    EXPECT_EQ(host.allocator->Live(), 0) << row.name;
+    EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK);
+  }
+}
+
+TEST(LoadedModuleAlone, AFactoryNeedsAnAllocator) {
+  const LoadedModule module;
+  FakeHost host;
+  host.locator->FailWith(zym::IAllocator::kIid, zym::ZYM_E_TIMEOUT);
+  for (const FactoryClass& row : kFactoryClasses) {
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
+    void* out = nullptr;
+    EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_TIMEOUT) << row.name;
+  }
+}
+
+TEST(LoadedModuleAlone, WithNoMemoryLeftAFactorySaysSo) {
+  const LoadedModule module;
+  FakeHost host;
+  for (const FactoryClass& row : kFactoryClasses) {
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
+    host.allocator->FailFrom(0);
+    void* out = nullptr;
+    EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_OUT_OF_MEMORY) << row.name;
+    EXPECT_TRUE(host.tracer->Has(300, "Exception during object construction: ")) << row.name;
+    host.allocator->NeverFail();
+    host.tracer->Clear();
+  }
+  EXPECT_EQ(host.allocator->Live(), 0);
+}
+
+TEST_F(ModuleEntries, TheSettingsSubscriptionNeedsNothingButATracer) {
+  qor::process_manager::InterceptorSettings settings;
+  settings.excluded.emplace_back("/mnt/*");
+  const SettingsCreationRecord record{
+      .base = {.locator = nullptr}, .tracer = m_host.host.tracer.get(), .settings = &settings};
+  zym::IObject* object = nullptr;
+  ASSERT_EQ(Module().createObject(qor::class_ids::kInterceptorSettingsSubscription, &record.base, &object),
+            zym::ZYM_OK);
+  const auto created = zym::intrusive_ptr<zym::IObject>::Attach(object);
+  zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsHolder> holder;
+  ASSERT_EQ(zym::QueryInterface(created, holder.Ref()), zym::ZYM_OK);
+  qor::process_manager::InterceptorSettings out;
+  EXPECT_EQ(holder->GetSettings(out), zym::ZYM_OK);
+  ASSERT_EQ(out.excluded.size(), 1U);
+  EXPECT_EQ(out.excluded[0], "/mnt/*");
+}
+
+// --- services that are missing -----------------------------------------------------------------------------
+
+struct Need {
+  std::uint32_t classId;
+  std::vector<zym::iid_t> services;
+};
+
+const std::vector<Need> kNeeds = {
+    // The tracer, the reader of /proc, the cache, the category filter, the scan statistics, the startup data,
+    // the settings.
+    {0x15aee499, {0x6ef3329b, 0xc9b36ad4, 0x79864d30, 0x2b6ab0fb, 0x97074f39, 0xa26c8413, 0x90a67124}},
+    {0xf2c28292, {0x6ef3329b}},
+    // The tracer, the category filter, the source of metrics, the registry of metrics.
+    {0x034b5e94, {0x6ef3329b, 0x2b6ab0fb, 0x34e76fa8, 0x1d40f599}},
+};
+
+TEST(LoadedModuleAlone, ARequiredServiceThatIsMissingOrFailsGivesItsCode) {
+  for (const Need& need : kNeeds) {
+    for (const zym::iid_t iid : need.services) {
+      for (const bool missing : {true, false}) {
+        const ModuleHost other;
+        if (missing)
+          other.host.locator->Remove(iid);
+        else
+          other.host.locator->FailWith(iid, zym::ZYM_E_LOCKED);
+        other.host.tracer->Clear();
+        const std::size_t threads = ThreadCount();
+        const SettingsCreationRecord record{
+            .base = {.locator = other.host.locator.get()}, .tracer = nullptr, .settings = nullptr};
+        int sentinel = 0;
+        auto* const untouched = reinterpret_cast<zym::IObject*>(&sentinel);
+        zym::IObject* object = untouched;
+        EXPECT_EQ(other.module.createObject(need.classId, &record.base, &object),
+                  missing ? zym::ZYM_E_NO_INTERFACE : zym::ZYM_E_LOCKED)
+            << std::hex << need.classId << " without " << iid;
+        EXPECT_EQ(object, untouched);
+        EXPECT_EQ(ThreadCount(), threads) << std::hex << need.classId << " without " << iid;
+        // Without a tracer nobody can be told.
+        EXPECT_EQ(other.host.tracer->Has(300, ""), iid != zym::ITracer::kIid)
+            << std::hex << need.classId << " without " << iid;
+      }
+    }
+  }
+}
+
+TEST_F(ModuleEntries, TheFacadeSaysWhichServiceItMisses) {
+  m_host.host.locator->FailWith(0x90a67124, zym::ZYM_E_NOT_FOUND);
+  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
+  EXPECT_EQ(m_host.CreateInterceptor(interceptor), zym::ZYM_E_NOT_FOUND);
+  EXPECT_TRUE(
+      m_host.host.tracer->Has(300, "Cannot get qor::process_manager::IInterceptorSettingsSubscription"));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "module/module_host.h"
+#include "support/own_process.h"
 
 namespace {
 
@@ -32,6 +33,7 @@ class ModuleEvents : public testing::Test {
       ASSERT_EQ(m_interceptor->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0,
                                                                       m_handler.get(), &id),
                 zym::ZYM_OK);
+      m_filters.push_back(id);
     }
     ASSERT_EQ(m_control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
   }
@@ -64,7 +66,10 @@ class ModuleEvents : public testing::Test {
     return life;
   }
 
+  interceptor_facade::FilterIds Filters() { return {m_filters.data(), m_filters.data() + m_filters.size()}; }
+
   ModuleHost m_host;
+  std::vector<std::uint32_t> m_filters;  // create_process, exit_process
   zym::intrusive_ptr<RecordingHandler> m_handler = zym::CreateObject<RecordingHandler>();
   zym::intrusive_ptr<interceptor_facade::IInterceptor2> m_interceptor;
   zym::intrusive_ptr<qor::process_manager::IQorInterceptor> m_control;
@@ -168,6 +173,34 @@ TEST_F(ModuleEvents, NothingComesAfterTheSourceIsDisabled) {
   Reap(child);
   ASSERT_EQ(m_control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
   EXPECT_TRUE(LifeOf(child).empty());
+}
+
+TEST_F(ModuleEvents, TheSourceRestsWithoutAnActiveFilterAndComesBackWithTheNext) {
+  ASSERT_EQ(m_interceptor->DisableFilters(Filters()), zym::ZYM_OK);
+  EXPECT_TRUE(test_support::ThreadsNamed("vornPrcMonPoll").empty());
+  const pid_t unseen = Fork([] {});
+  Reap(unseen);
+  ASSERT_EQ(m_interceptor->EnableFilters(Filters()), zym::ZYM_OK);
+  const pid_t seen = Fork([] {});
+  Reap(seen);
+  EXPECT_EQ(LifeOf(seen).size(), 2U);
+  EXPECT_TRUE(LifeOf(unseen).empty());
+}
+
+TEST_F(ModuleEvents, ASourceThatTheHostDisabledIsNotStartedByAFilter) {
+  ASSERT_EQ(m_control->DisableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+  ASSERT_EQ(m_interceptor->DisableFilters(Filters()), zym::ZYM_OK);
+  ASSERT_EQ(m_interceptor->EnableFilters(Filters()), zym::ZYM_OK);
+  EXPECT_TRUE(test_support::ThreadsNamed("vornPrcMonPoll").empty());
+}
+
+TEST_F(ModuleEvents, AFilterGetsTheEventsOfItsTypeAlone) {
+  ASSERT_EQ(m_interceptor->DisableFilters({&m_filters[0], &m_filters[0] + 1}), zym::ZYM_OK);
+  const pid_t child = Fork([] {});
+  Reap(child);
+  const std::vector<SeenEvent> life = LifeOf(child);
+  ASSERT_EQ(life.size(), 1U);
+  EXPECT_EQ(life[0].type, event_type::kExitProcess);
 }
 
 TEST_F(ModuleEvents, SequenceNumbersAndUniquePidsAreUnique) {

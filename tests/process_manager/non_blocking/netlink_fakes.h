@@ -4,20 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "process_manager/feature_techs.h"
 #include "process_manager/non_blocking/i_event_dispatcher.h"
+#include "process_manager/non_blocking/netlink_interceptor.h"
 #include "process_manager/process_cache_faces.h"
+#include "process_manager/system_events_factory.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
+#include "support/own_process.h"
 
 namespace test_support {
 
@@ -204,29 +204,6 @@ class FakeExecListenerFactory : public zym::object::Ifaces<qor::IExecListenerFac
   int calls = 0;
 };
 
-// The threads of this process by name.
-inline std::vector<pid_t> ThreadsNamed(std::string_view name) {
-  std::vector<pid_t> threads;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string comm;
-    std::getline(std::ifstream(entry.path() / "comm"), comm);
-    if (comm == name) threads.push_back(std::stoi(entry.path().filename()));
-  }
-  return threads;
-}
-
-// The open descriptors of this process with what they name.
-inline std::map<int, std::string> OpenDescriptors() {
-  std::map<int, std::string> descriptors;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code error;
-    const auto target = std::filesystem::read_symlink(entry.path(), error);
-    if (!error && target.native().find("/proc/") == std::string::npos)
-      descriptors.emplace(std::stoi(entry.path().filename()), target);
-  }
-  return descriptors;
-}
-
 // Passes records on, and lets a test act at the moment when one is written.
 class WatchedTracer : public zym::object::Ifaces<zym::ITracer> {
  public:
@@ -247,6 +224,38 @@ class WatchedTracer : public zym::object::Ifaces<zym::ITracer> {
 
  private:
   zym::intrusive_ptr<zym::ITracer> m_inner;
+};
+
+// The source in the middle of fakes.
+class NetlinkHarness {
+ protected:
+  NetlinkHarness() {
+    m_host.locator->Add(m_parser);
+    m_host.locator->Add(m_cache);
+    m_host.locator->Add(m_aggregator);
+    m_interceptor = Make();
+  }
+
+  zym::intrusive_ptr<qor::process_manager::non_blocking::NetlinkInterceptor> Make() {
+    using namespace qor::process_manager;
+    return zym::CreateObject<non_blocking::NetlinkInterceptor>(
+        m_host.locator.get(), m_dispatcher, zym::CreateObject<SystemEventsFactory>(m_host.locator.get()));
+  }
+
+  void OfferListener(zym::intrusive_ptr<qor::IExecListener> listener) {
+    m_listenerFactory->listener = std::move(listener);
+    m_host.locator->Add(m_listenerFactory);
+  }
+
+  FakeHost m_host;
+  zym::intrusive_ptr<FakeProcfsParser> m_parser = zym::CreateObject<FakeProcfsParser>();
+  zym::intrusive_ptr<RecordingEventInfoProvider> m_cache = zym::CreateObject<RecordingEventInfoProvider>();
+  zym::intrusive_ptr<FakeFeatureTechsAggregator> m_aggregator =
+      zym::CreateObject<FakeFeatureTechsAggregator>();
+  zym::intrusive_ptr<FakeEventDispatcher> m_dispatcher = zym::CreateObject<FakeEventDispatcher>();
+  zym::intrusive_ptr<FakeExecListenerFactory> m_listenerFactory =
+      zym::CreateObject<FakeExecListenerFactory>();
+  zym::intrusive_ptr<qor::process_manager::non_blocking::NetlinkInterceptor> m_interceptor;
 };
 
 }  // namespace test_support

@@ -8,7 +8,6 @@
 #include "process_manager/interceptor_facade.h"
 #include "process_manager/non_blocking/netlink_fakes.h"
 #include "process_manager/system_event.h"
-#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/proc_connector.h"
 #include "zym/module_counter.h"
@@ -28,29 +27,8 @@ constexpr std::uint32_t kFullProcessInfo = 4;
 constexpr std::uint32_t kConsoleInput = 8;
 
 // The source over fakes, with no socket.
-class NetlinkInterceptorTest : public testing::Test {
+class NetlinkInterceptorTest : public testing::Test, protected NetlinkHarness {
  protected:
-  NetlinkInterceptorTest() {
-    m_host.locator->Add(m_parser);
-    m_host.locator->Add(m_cache);
-    m_host.locator->Add(m_aggregator);
-    m_interceptor = Make();
-  }
-  ~NetlinkInterceptorTest() override {
-    m_interceptor.Reset();
-    EXPECT_TRUE(m_host.tracer->OpenRecords() == 0);
-  }
-
-  zym::intrusive_ptr<NetlinkInterceptor> Make() {
-    return zym::CreateObject<NetlinkInterceptor>(
-        m_host.locator.get(), m_dispatcher, zym::CreateObject<SystemEventsFactory>(m_host.locator.get()));
-  }
-
-  void OfferListener(zym::intrusive_ptr<qor::IExecListener> listener) {
-    m_listenerFactory->listener = std::move(listener);
-    m_host.locator->Add(m_listenerFactory);
-  }
-
   zym::result_t Process(const ProcConnectorDatagram& datagram) {
     return m_interceptor->ProcessNetlink(datagram.data(), datagram.size());
   }
@@ -60,16 +38,6 @@ class NetlinkInterceptorTest : public testing::Test {
     EXPECT_EQ(reports.size(), 1U);
     return reports.empty() ? RecordingEventInfoProvider::Report{} : reports[0];
   }
-
-  FakeHost m_host;
-  zym::intrusive_ptr<FakeProcfsParser> m_parser = zym::CreateObject<FakeProcfsParser>();
-  zym::intrusive_ptr<RecordingEventInfoProvider> m_cache = zym::CreateObject<RecordingEventInfoProvider>();
-  zym::intrusive_ptr<FakeFeatureTechsAggregator> m_aggregator =
-      zym::CreateObject<FakeFeatureTechsAggregator>();
-  zym::intrusive_ptr<FakeEventDispatcher> m_dispatcher = zym::CreateObject<FakeEventDispatcher>();
-  zym::intrusive_ptr<FakeExecListenerFactory> m_listenerFactory =
-      zym::CreateObject<FakeExecListenerFactory>();
-  zym::intrusive_ptr<NetlinkInterceptor> m_interceptor;
 };
 
 // --- construction ------------------------------------------------------------------------------------------

@@ -1,0 +1,53 @@
+// What this process has at the moment: its threads, its open descriptors, its memory.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace test_support {
+
+// The threads of this process by name.
+inline std::vector<pid_t> ThreadsNamed(std::string_view name) {
+  std::vector<pid_t> threads;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string comm;
+    std::ifstream file(entry.path() / "comm");
+    std::getline(file, comm);
+    if (comm == name) threads.push_back(std::stoi(entry.path().filename()));
+  }
+  return threads;
+}
+
+inline std::size_t ThreadCount() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+// The open descriptors of this process with what they name.
+inline std::map<int, std::string> OpenDescriptors() {
+  std::map<int, std::string> descriptors;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(entry.path(), error);
+    if (!error && target.native().find("/proc/") == std::string::npos)
+      descriptors.emplace(std::stoi(entry.path().filename()), target);
+  }
+  return descriptors;
+}
+
+// Resident memory in bytes (the second field of proc(5)'s statm).
+inline std::size_t ResidentBytes() {
+  std::size_t total = 0;
+  std::size_t resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace test_support
