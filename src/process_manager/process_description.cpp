@@ -35,6 +35,7 @@ std::string StateText(std::uint32_t state) {
   }
 }
 
+// The bar before "System" stands there also when nothing precedes it; that is meant.
 std::string FlagsText(std::uint32_t flags) {
   if (flags == 0) return "0";
   std::string text;
@@ -45,9 +46,10 @@ std::string FlagsText(std::uint32_t flags) {
 
 std::string EnvironmentText(const process_cache::ProcessInformation& info) {
   std::string text;
+  const char* separator = "";
   for (const zym::types::string_t& variable : info.environment) {
-    if (!text.empty()) text += ';';
-    text += variable;
+    text.append(separator).append(variable);
+    separator = ";";
   }
   return text;
 }
