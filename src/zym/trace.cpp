@@ -24,17 +24,14 @@ class ErrnoKeeper {
 
 }  // namespace
 
-Record::Record(ITracer* tracer, std::uint32_t level) noexcept : m_tracer(tracer) {
-  if (m_tracer == nullptr) return;
+char* Record::Open(ITracer* tracer, std::uint32_t level) noexcept {
   const ErrnoKeeper errnoKeeper;
   void* buffer = nullptr;
-  if (m_tracer->GetRecord(level, &buffer, kInitialRecordSize) != ZYM_OK) return;
-  m_buffer = static_cast<char*>(buffer);
-  m_capacity = kInitialRecordSize;
+  return tracer->GetRecord(level, &buffer, kInitialRecordSize) == ZYM_OK ? static_cast<char*>(buffer)
+                                                                         : nullptr;
 }
 
-Record::~Record() {
-  if (m_buffer == nullptr) return;
+void Record::Commit() noexcept {
   const ErrnoKeeper errnoKeeper;
   m_tracer->CommitRecord(m_buffer, m_length);
 }

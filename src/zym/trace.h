@@ -36,13 +36,18 @@ struct Width {
   char fill = ' ';
 };
 
+// The size of the buffer that a record begins with.
+inline constexpr std::uint64_t kInitialRecordSize = 512;
+
 // One record, open from construction to destruction, in the manner of an output stream. It never raises and
 // never fails what it traces: when the record can't grow it is emptied, further text is dropped, and the
 // empty record is committed. It keeps errno as it was, whatever the tracer does.
 class Record {
  public:
   // Opens a record; a null tracer, or one that refuses the level, makes an object that is false.
-  Record(ITracer* tracer, std::uint32_t level) noexcept;
+  // What a disabled statement costs stands in its caller: a null tracer a branch, a refusal one virtual call.
+  Record(ITracer* tracer, std::uint32_t level) noexcept
+      : m_tracer(tracer), m_buffer(tracer != nullptr ? Open(tracer, level) : nullptr) {}
   template <class P>
   requires requires(const P& p) { static_cast<ITracer*>(p.get()); }
   Record(const P& tracer, std::uint32_t level) noexcept
@@ -51,7 +56,9 @@ class Record {
   template <class P>
   requires requires(P& p) { static_cast<ITracer*>(p.get()); }
   Record(const P&& tracer, std::uint32_t level) = delete;
-  ~Record();
+  ~Record() {
+    if (m_buffer != nullptr) Commit();
+  }
   Record(const Record&) = delete;
   Record& operator=(const Record&) = delete;
 
@@ -89,12 +96,14 @@ class Record {
   }
 
  private:
+  static char* Open(ITracer* tracer, std::uint32_t level) noexcept;
+  void Commit() noexcept;
   void Append(std::string_view text) noexcept;
   bool Grow(std::uint64_t needed) noexcept;
 
   ITracer* m_tracer;
-  char* m_buffer = nullptr;
-  std::uint64_t m_capacity = 0;
+  char* m_buffer;  // null: nothing is traced
+  std::uint64_t m_capacity = kInitialRecordSize;
   std::uint64_t m_length = 0;
   bool m_overflowed = false;
   int m_base = 10;
@@ -102,9 +111,6 @@ class Record {
   std::uint32_t m_width = 0;
   char m_fill = ' ';
 };
-
-// The size of the buffer that a record begins with.
-inline constexpr std::uint64_t kInitialRecordSize = 512;
 
 }  // namespace zym::trace
 
