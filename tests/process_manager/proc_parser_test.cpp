@@ -129,7 +129,7 @@ TEST_F(ProcParserTest, IsAnIParser) {
   static_cast<IParser*>(found)->Release();
 }
 
-TEST(ProcfsRoot, IsProcByDefault) {
+TEST(ProcParser, TheRootIsProcByDefault) {
   InFreshProcess([] {
     ::unsetenv("VORN_HOST_PROCFS");
     EXPECT_EQ(GetProcfsRoot(), "/proc/");
@@ -139,34 +139,7 @@ TEST(ProcfsRoot, IsProcByDefault) {
   });
 }
 
-TEST(ProcfsRoot, AMissingPathLeavesTheDefault) {
-  InFreshProcess([] {
-    ::setenv("VORN_HOST_PROCFS", "/no/such/path", 1);
-    EXPECT_EQ(GetProcfsRoot(), "/proc/");
-  });
-}
-
-TEST(ProcfsRoot, AnEmptyValueLeavesTheDefault) {
-  InFreshProcess([] {
-    ::setenv("VORN_HOST_PROCFS", "", 1);
-    EXPECT_EQ(GetProcfsRoot(), "/proc/");
-  });
-}
-
-TEST(ProcfsRoot, GetsASlashAtItsEndWhenItHasNone) {
-  InFreshProcess([] {
-    const TempDirectory tree;
-    ::setenv("VORN_HOST_PROCFS", tree.Path().c_str(), 1);
-    EXPECT_EQ(GetProcfsRoot(), tree.Path() + "/");
-  });
-  InFreshProcess([] {
-    const TempDirectory tree;
-    ::setenv("VORN_HOST_PROCFS", (tree.Path() + "/").c_str(), 1);
-    EXPECT_EQ(GetProcfsRoot(), tree.Path() + "/");
-  });
-}
-
-TEST(ProcfsRoot, IsReadOnce) {
+TEST(ProcParser, TheRootIsReadOnce) {
   WithFakeRoot([](FakeRoot& root) {
     EXPECT_EQ(GetProcfsRoot(), root.tree.Path() + "/");
     ::unsetenv("VORN_HOST_PROCFS");
