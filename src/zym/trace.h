@@ -6,7 +6,8 @@
 //   plain message             ZYM_TRACE(tracer, level, __func__ << ": " << ...)
 //   failed check              the ZYM_CHECK macros, which print their own expression
 // Nothing after the level is evaluated unless the record is open: at a disabled level a statement costs one
-// virtual call.
+// virtual call. What that evaluation raises, as for want of memory, ends the text there and goes no further:
+// a trace never fails what it traces.
 #pragma once
 
 #include <charconv>
@@ -115,9 +116,12 @@ class Record {
 }  // namespace zym::trace
 
 // Traces at a level.
-#define ZYM_TRACE(tracer, level, ...)                                                \
-  do {                                                                               \
-    if (::zym::trace::Record zymRecord{(tracer), (level)}) zymRecord << __VA_ARGS__; \
+#define ZYM_TRACE(tracer, level, ...)                            \
+  do {                                                           \
+    if (::zym::trace::Record zymRecord{(tracer), (level)}) try { \
+        zymRecord << __VA_ARGS__;                                \
+      } catch (...) {                                            \
+      }                                                          \
   } while (false)
 
 // Evaluates an expression of result_t and gives its value; traces a failure at level 300 and goes on.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include "support/fake_services.h"
@@ -54,6 +55,23 @@ TEST_F(TraceTest, ARefusedRecordEvaluatesAndFormatsNothing) {
   EXPECT_EQ(evaluations, 0);
   EXPECT_EQ(m_tracer->OpenCalls(), 1U);
   EXPECT_TRUE(m_tracer->Records().empty());
+}
+
+// A text that can't be made, as for want of memory.
+struct Unspeakable {};
+void AppendTo(trace::Record&, const Unspeakable&) {
+  throw std::bad_alloc();
+}
+
+TEST_F(TraceTest, WhatATextRaisesEndsTheRecordAndDoesNotFailWhatIsTraced) {
+  EXPECT_NO_THROW(ZYM_TRACE(m_tracer, trace::kCall, "pid: " << 5 << ", " << Unspeakable() << " tail"));
+  ASSERT_EQ(m_tracer->Records().size(), 1U);
+  EXPECT_EQ(Last(), "pid: 5, ");
+  const auto checked = [this]() -> result_t {
+    ZYM_CHECK_RESULT(m_tracer, ZYM_E_NOT_FOUND, Unspeakable());
+    return ZYM_OK;
+  };
+  EXPECT_EQ(checked(), ZYM_E_NOT_FOUND) << "the check's own result";
 }
 
 TEST_F(TraceTest, WithoutATracerNothingHappens) {
