@@ -33,6 +33,20 @@ struct EventDispatcher::Queue {
 };
 
 struct EventDispatcher::Service {
+  // The group would let a thread run on that it has made and then finds no room to keep.
+  template <class Run>
+  void AddThread(Run run) {
+    auto thread = std::make_unique<boost::thread>(std::move(run));
+    try {
+      threads.add_thread(thread.get());
+      static_cast<void>(thread.release());  // the group owns it now
+    } catch (...) {
+      io.stop();
+      thread->join();
+      throw;
+    }
+  }
+
   boost::asio::io_service io;
   boost::asio::io_service::work work{io};
   boost::thread_group threads;
@@ -45,7 +59,7 @@ EventDispatcher::EventDispatcher(zym::IServiceLocator* locator, std::uint64_t pe
       m_service(std::make_unique<Service>()) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
   m_service->queues.push_back(std::make_unique<Queue>(m_service->io));
-  m_service->threads.create_thread([this] {
+  m_service->AddThread([this] {
     ::prctl(PR_SET_NAME, kThreadName);
     m_service->io.run();
   });
