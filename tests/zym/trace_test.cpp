@@ -262,6 +262,26 @@ TEST_F(TraceTest, ATracerThatFailsToGrowUnderAPrefixGetsThePrefixAlone) {
   EXPECT_EQ(Last(), "A::");
 }
 
+// A tracer that says success and gives no buffer when a record is to grow.
+class GrowthlessTracer : public RecordingTracer {
+ public:
+  result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
+    if (*buffer == nullptr) return RecordingTracer::GetRecord(level, buffer, size);
+    *buffer = nullptr;
+    return ZYM_OK;
+  }
+};
+
+TEST_F(TraceTest, ASuccessThatGivesNoLargerBufferIsNoGrowthWithOrWithoutAPrefix) {
+  const auto tracer = CreateObject<GrowthlessTracer>();
+  ZYM_TRACE(tracer, trace::kCall, std::string(3000, 'y'));
+  EXPECT_EQ(tracer->Records().back().text, "");
+  const auto prefixed = trace::WithPrefix(tracer, "A");
+  ZYM_TRACE(prefixed, trace::kCall, std::string(3000, 'y') << " tail");
+  EXPECT_EQ(tracer->Records().back().text, "A::");
+  EXPECT_EQ(tracer->OpenRecords(), 0U);
+}
+
 TEST_F(TraceTest, APrefixTracerAnswersItsThreeInterfacesAndCounts) {
   const std::int32_t before = ModuleObjectCounter::Value();
   {
