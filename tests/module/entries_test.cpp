@@ -257,18 +257,6 @@ TEST(LoadedModuleAlone, AMadeObjectLivesInTheHostsMemoryAndOutlivesItsFactory) {
   }
 }
 
-TEST(LoadedModuleAlone, AFactoryNeedsAnAllocator) {
-  const LoadedModule module;
-  FakeHost host;
-  host.locator->FailWith(zym::IAllocator::kIid, zym::ZYM_E_TIMEOUT);
-  for (const FactoryClass& row : kFactoryClasses) {
-    zym::intrusive_ptr<zym::IObjectFactory> factory;
-    ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
-    void* out = nullptr;
-    EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_TIMEOUT) << row.name;
-  }
-}
-
 TEST(LoadedModuleAlone, WithNoMemoryLeftAFactorySaysSo) {
   const LoadedModule module;
   FakeHost host;
@@ -300,51 +288,6 @@ TEST_F(ModuleEntries, TheSettingsSubscriptionNeedsNothingButATracer) {
   EXPECT_EQ(holder->GetSettings(out), zym::ZYM_OK);
   ASSERT_EQ(out.excluded.size(), 1U);
   EXPECT_EQ(out.excluded[0], "/mnt/*");
-}
-
-// --- services that are missing -----------------------------------------------------------------------------
-
-struct Need {
-  std::uint32_t classId;
-  std::vector<zym::iid_t> services;
-};
-
-const std::vector<Need> kNeeds = {
-    // The tracer, the reader of /proc, the cache, the category filter, the scan statistics, the startup data,
-    // the settings.
-    {0x15aee499, {0x6ef3329b, 0xc9b36ad4, 0x79864d30, 0x2b6ab0fb, 0x97074f39, 0xa26c8413, 0x90a67124}},
-    {0xf2c28292, {0x6ef3329b}},
-    // The tracer, the category filter, the source of metrics, the registry of metrics.
-    {0x034b5e94, {0x6ef3329b, 0x2b6ab0fb, 0x34e76fa8, 0x1d40f599}},
-};
-
-TEST(LoadedModuleAlone, ARequiredServiceThatIsMissingOrFailsGivesItsCode) {
-  for (const Need& need : kNeeds) {
-    for (const zym::iid_t iid : need.services) {
-      for (const bool missing : {true, false}) {
-        const ModuleHost other;
-        if (missing)
-          other.host.locator->Remove(iid);
-        else
-          other.host.locator->FailWith(iid, zym::ZYM_E_LOCKED);
-        other.host.tracer->Clear();
-        const std::size_t threads = ThreadCount();
-        const SettingsCreationRecord record{
-            .base = {.locator = other.host.locator.get()}, .tracer = nullptr, .settings = nullptr};
-        int sentinel = 0;
-        auto* const untouched = reinterpret_cast<zym::IObject*>(&sentinel);
-        zym::IObject* object = untouched;
-        EXPECT_EQ(other.module.createObject(need.classId, &record.base, &object),
-                  missing ? zym::ZYM_E_NO_INTERFACE : zym::ZYM_E_LOCKED)
-            << std::hex << need.classId << " without " << iid;
-        EXPECT_EQ(object, untouched);
-        EXPECT_EQ(ThreadCount(), threads) << std::hex << need.classId << " without " << iid;
-        // Without a tracer nobody can be told.
-        EXPECT_EQ(other.host.tracer->Has(300, ""), iid != zym::ITracer::kIid)
-            << std::hex << need.classId << " without " << iid;
-      }
-    }
-  }
 }
 
 TEST_F(ModuleEntries, TheFacadeSaysWhichServiceItMisses) {

@@ -65,7 +65,8 @@ std::optional<SeenEvent> RecordingHandler::WaitFor(const std::function<bool(cons
   return found;
 }
 
-ModuleHost::ModuleHost() {
+ModuleHost::ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer) {
+  if (tracer) host.locator->Add(tracer);
   zym::IServiceLocator* const locator = host.locator.get();
   EXPECT_EQ(module.Make(qor::class_ids::kProcParser, locator, parser), zym::ZYM_OK);
   host.locator->Add(parser);

@@ -55,7 +55,8 @@ class RecordingHandler
 // Everything in place but the interceptor itself.
 class ModuleHost {
  public:
-  ModuleHost();
+  // `tracer`: in place of the recording one.
+  explicit ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer = {});
 
   zym::result_t CreateInterceptor(
       zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2>& interceptor) const {
