@@ -206,7 +206,8 @@ TEST_F(TraceTest, APrefixReplacesThatOfTheComponentThatHandedTheTracer) {
 // A prefix of the host's own making.
 class HostPrefix : public object::Ifaces<ITracer, trace::IPrefixTracer> {
  public:
-  explicit HostPrefix(intrusive_ptr<ITracer> inner) : m_inner(std::move(inner)) {}
+  explicit HostPrefix(intrusive_ptr<ITracer> inner, const char* prefix = "[host]")
+      : m_inner(std::move(inner)), m_prefix(prefix) {}
   result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
     return m_inner->GetRecord(level, buffer, size);
   }
@@ -214,16 +215,38 @@ class HostPrefix : public object::Ifaces<ITracer, trace::IPrefixTracer> {
     ++commits;
     m_inner->CommitRecord(buffer, length);
   }
-  types::string_t GetPrefix() override { return types::string_t("[host]"); }
-  ITracer* GetTracer() override { return m_inner.get(); }
+  types::string_t GetPrefix() override { return types::string_t(m_prefix); }
+  ITracer* GetTracer() override { return behind != nullptr ? behind : m_inner.get(); }
   int commits = 0;
+  ITracer* behind = nullptr;  // what it says is behind it; null: what is
 
  private:
   intrusive_ptr<ITracer> m_inner;
+  const char* m_prefix;
 };
 
 TEST_F(TraceTest, APrefixWithoutColonsStaysInTheChain) {
   const auto host = CreateObject<HostPrefix>(m_tracer);
+  const auto inner = trace::WithPrefix(host, "Inner");
+  ZYM_TRACE(inner, trace::kCall, "x");
+  EXPECT_EQ(host->commits, 1);
+}
+
+TEST_F(TraceTest, OnlyAPrefixThatEndsWithBothColonsIsPassedThrough) {
+  const std::pair<const char*, bool> cases[] = {{"::", true}, {"A::", true}, {":", false},
+                                                {"", false},  {"A:", false}, {"A::B", false}};
+  for (const auto& [prefix, passed] : cases) {
+    const auto host = CreateObject<HostPrefix>(m_tracer, prefix);
+    const auto inner = trace::WithPrefix(host, "Inner");
+    ZYM_TRACE(inner, trace::kCall, "x");
+    EXPECT_EQ(host->commits, passed ? 0 : 1) << prefix;
+    EXPECT_EQ(Last(), "Inner::x") << prefix;
+  }
+}
+
+TEST_F(TraceTest, APrefixThatNamesItselfAsTheTracerBehindItStaysInTheChain) {
+  const auto host = CreateObject<HostPrefix>(m_tracer, "A::");
+  host->behind = host.get();
   const auto inner = trace::WithPrefix(host, "Inner");
   ZYM_TRACE(inner, trace::kCall, "x");
   EXPECT_EQ(host->commits, 1);
