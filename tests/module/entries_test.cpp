@@ -257,6 +257,34 @@ TEST(LoadedModuleAlone, AMadeObjectLivesInTheHostsMemoryAndOutlivesItsFactory) {
   }
 }
 
+// The memory goes back through the allocator that it came from, though the host has let go of it before.
+TEST(LoadedModuleAlone, AMadeObjectKeepsItsAllocatorUntilItsMemoryIsBack) {
+  class Allocator : public CountingAllocator {
+   public:
+    explicit Allocator(std::int64_t& atTheEnd) : m_atTheEnd(atTheEnd) {}
+    ~Allocator() { m_atTheEnd = Live(); }
+
+   private:
+    std::int64_t& m_atTheEnd;
+  };
+  const LoadedModule module;
+  for (const FactoryClass& row : kFactoryClasses) {
+    std::int64_t atTheEnd = -1;
+    zym::intrusive_ptr<zym::IObject> object;
+    {
+      FakeHost host;
+      host.locator->Add<zym::IAllocator>(zym::CreateObject<Allocator>(atTheEnd));
+      zym::intrusive_ptr<zym::IObjectFactory> factory;
+      ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
+      ASSERT_EQ(factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(object.Ref())),
+                zym::ZYM_OK);
+    }
+    EXPECT_EQ(atTheEnd, -1) << row.name;
+    object.Reset();
+    EXPECT_EQ(atTheEnd, 0) << row.name;
+  }
+}
+
 TEST(LoadedModuleAlone, WithNoMemoryLeftAFactorySaysSo) {
   const LoadedModule module;
   FakeHost host;
@@ -296,6 +324,7 @@ TEST_F(ModuleEntries, TheFacadeSaysWhichServiceItMisses) {
   EXPECT_EQ(m_host.CreateInterceptor(interceptor), zym::ZYM_E_NOT_FOUND);
   EXPECT_TRUE(
       m_host.host.tracer->Has(300, "Cannot get qor::process_manager::IInterceptorSettingsSubscription"));
+  EXPECT_FALSE(m_host.host.tracer->Has("Exception during object construction")) << "a factory says that";
 }
 
 }  // namespace
