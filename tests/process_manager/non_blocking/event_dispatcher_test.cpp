@@ -1,6 +1,7 @@
 #include "process_manager/non_blocking/event_dispatcher.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/prctl.h>
 
 #include <atomic>
@@ -137,6 +138,23 @@ TEST_F(EventDispatcherTest, ItsInterfacesAreTheDispatcherAlone) {
 TEST_F(EventDispatcherTest, WithoutATracerThereIsNoDispatcher) {
   m_host.locator->Remove(zym::ITracer::kIid);
   EXPECT_THROW(Create(), zym::GetInterfaceException);
+}
+
+TEST_F(EventDispatcherTest, WithoutAThreadThereIsNoDispatcher) {
+  pthread_attr_t usual{};
+  ASSERT_EQ(::pthread_getattr_default_np(&usual), 0);
+  pthread_attr_t huge{};
+  ASSERT_EQ(::pthread_attr_init(&huge), 0);
+  ASSERT_EQ(::pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
+  ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
+  EXPECT_THROW(Create(), std::exception);
+  ASSERT_EQ(::pthread_setattr_default_np(&usual), 0);
+  EXPECT_FALSE(m_dispatcher);
+  Create();
+  const auto event = MakeEvent(event_type::kFileCreated, 5);
+  Dispatch({event});
+  WaitUntilIdle();
+  EXPECT_EQ(event->completions, 1);
 }
 
 TEST_F(EventDispatcherTest, EntriesOfConstructionAndDestructionAreTraced) {
