@@ -7,7 +7,7 @@ namespace test_support {
 namespace {
 
 namespace event_param = system_interceptors::event_param;
-constexpr std::chrono::seconds kDeadline{60};
+constexpr std::chrono::seconds kDeadline{30};
 
 template <class T>
 T Number(qor::process_manager::ISystemEvent& event, std::uint32_t param) {

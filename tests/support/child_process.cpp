@@ -140,7 +140,7 @@ std::string ReadNext(int fd) {
   char chunk[4096];
   for (;;) {
     pollfd ready{.fd = fd, .events = POLLIN, .revents = 0};
-    if (::poll(&ready, 1, 60'000) == 0) throw std::runtime_error("nothing came within a minute");
+    if (::poll(&ready, 1, 30'000) == 0) throw std::runtime_error("nothing came within half a minute");
     const ssize_t count = ::read(fd, chunk, sizeof(chunk));
     if (count >= 0) return {chunk, static_cast<std::size_t>(count)};
     if (errno != EINTR && errno != EAGAIN) throw std::system_error(errno, std::generic_category(), "read");

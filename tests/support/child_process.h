@@ -36,9 +36,9 @@ std::string FailSystemCall(long number, int error, std::optional<Argument> argum
 // The open descriptors of this process, ascending.
 std::vector<int> OpenDescriptors();
 
-// Reads until the end; waits for it at most a minute.
+// Reads until the end; waits for it at most half a minute.
 std::string ReadToEnd(int fd);
-// What is there, waiting for it at most a minute. Throws at the end.
+// What is there, waiting for it at most half a minute. Throws at the end.
 std::string ReadSome(int fd);
 std::string ReadTextFile(const std::string& path);
 
