@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qor_common/unique_fd.h"
+#include "support/own_process.h"
 
 namespace test_support {
 
@@ -32,9 +33,6 @@ struct Argument {
   std::uint32_t value;
 };
 std::string FailSystemCall(long number, int error, std::optional<Argument> argument = std::nullopt);
-
-// The open descriptors of this process, ascending.
-std::vector<int> OpenDescriptors();
 
 // Reads until the end; waits for it at most half a minute.
 std::string ReadToEnd(int fd);
