@@ -1,87 +1,34 @@
 // Real processes through the real kernel, the loaded module and a handler.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "module/module_host.h"
-#include "support/actor.h"
-#include "support/own_process.h"
+#include "module/event_fixture.h"
+#include "support/temp_directory.h"
 
 namespace {
 
-using test_support::Actor;
-using test_support::ModuleHost;
-using test_support::RecordingHandler;
-using test_support::RunTrue;
-using test_support::SeenEvent;
+using namespace test_support;
 using namespace system_interceptors;
-namespace non_blocking_type = qor::process_manager::non_blocking_type;
+using qor::kCreated;
+using qor::kTerminated;
+using qor::process_manager::process_cache::ProcessInformation;
 
-constexpr std::uint32_t kCreate = event_type::kCreateProcess;
-constexpr std::uint32_t kExit = event_type::kExitProcess;
-// What the life of a program that was started is: the fork, the end of the forked image, the program, its
-// end.
-const std::vector<std::uint32_t> kForkAndExec = {kCreate, kExit, kCreate, kExit};
-
-std::vector<std::uint32_t> Types(const std::vector<SeenEvent>& events) {
-  std::vector<std::uint32_t> types;
-  for (const SeenEvent& event : events) types.push_back(event.type);
-  return types;
+std::u16string Widen(const std::string& ascii) {
+  return {ascii.begin(), ascii.end()};
 }
 
-bool IsExecOf(pid_t pid, const SeenEvent& event) {
-  return event.pid == static_cast<std::uint32_t>(pid) && event.type == kCreate && event.fromExec == 1;
-}
-
-class ModuleEvents : public testing::Test {
+class ModuleEvents : public EventFixture {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
-    ASSERT_EQ(m_host.CreateInterceptor(m_interceptor), zym::ZYM_OK);
-    ASSERT_EQ(zym::QueryInterface(m_interceptor, m_control.Ref()), zym::ZYM_OK);
-    for (const std::uint32_t type : {event_type::kCreateProcess, event_type::kExitProcess}) {
-      std::uint32_t id = 0;
-      ASSERT_EQ(m_interceptor->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0,
-                                                                      m_handler.get(), &id),
-                zym::ZYM_OK);
-      m_filters.push_back(id);
-    }
-    ASSERT_EQ(m_control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
-  }
-
-  // All events of a process, once its end has come.
-  std::vector<SeenEvent> LifeOf(pid_t pid) {
-    // The last exit is the one that no create follows: wait for a marker that is made after the process has
-    // ended.
-    const pid_t marker = RunTrue();
-    m_handler->WaitFor([&](const SeenEvent& event) {
-      return event.pid == static_cast<std::uint32_t>(marker) && event.type == event_type::kExitProcess;
-    });
-    std::vector<SeenEvent> life;
-    for (const SeenEvent& event : m_handler->Events())
-      if (event.pid == static_cast<std::uint32_t>(pid)) life.push_back(event);
-    return life;
-  }
-
-  // Waits for the event of a program that still waits for something: it can't be gone when it is read. The
-  // unique pid of the image.
-  std::uint64_t WaitForImage(pid_t pid, const std::string& path) {
-    const std::u16string image(path.begin(), path.end());
-    const auto event = m_handler->WaitFor(
-        [&](const SeenEvent& seen) { return IsExecOf(pid, seen) && seen.imagePath == image; });
-    EXPECT_TRUE(event) << path;
-    return event ? event->uniquePid : 0;
-  }
-  void WaitForCommand(pid_t pid, const std::u16string& commandLine) {
-    EXPECT_TRUE(m_handler->WaitFor(
-        [&](const SeenEvent& seen) { return IsExecOf(pid, seen) && seen.commandLine == commandLine; }));
-  }
-  void WaitForEnd(std::uint64_t image) {
-    EXPECT_TRUE(m_handler->WaitFor(
-        [&](const SeenEvent& seen) { return seen.uniquePid == image && seen.type == kExit; }));
+    EventFixture::SetUp();
+    if (IsSkipped()) return;
+    Enable();
   }
 
   // A program, in which another thread than the first executes another program.
@@ -93,14 +40,6 @@ class ModuleEvents : public testing::Test {
     EXPECT_EQ(life[5].creatorPid, life[5].pid);
     EXPECT_EQ(life[6].uniquePid, life[5].uniquePid);
   }
-
-  interceptor_facade::FilterIds Filters() { return {m_filters.data(), m_filters.data() + m_filters.size()}; }
-
-  ModuleHost m_host;
-  std::vector<std::uint32_t> m_filters;  // create_process, exit_process
-  zym::intrusive_ptr<RecordingHandler> m_handler = zym::CreateObject<RecordingHandler>();
-  zym::intrusive_ptr<interceptor_facade::IInterceptor2> m_interceptor;
-  zym::intrusive_ptr<qor::process_manager::IQorInterceptor> m_control;
 };
 
 TEST_F(ModuleEvents, AForkedProcessIsCreatedAndEnds) {
@@ -188,6 +127,155 @@ TEST_F(ModuleEvents, ACredentialChangeMakesNoEventAndReachesTheNextOne) {
   EXPECT_EQ(life[3].realUserId, 12345U);
 }
 
+TEST_F(ModuleEvents, ACredentialChangeIsKnownBeforeTheNextEvent) {
+  Actor actor({"wait", "group", "54321", "user", "12345", "say", "wait"});
+  WaitForImage(actor.Pid(), Actor::Path());
+  actor.GoOn();
+  actor.HearPid();
+  Drain();
+  ProcessInformation info;
+  ASSERT_TRUE(m_host.cache->Get(actor.Pid(), info));
+  EXPECT_EQ(info.realUserId, 12345U);
+  EXPECT_EQ(info.effectiveUserId, 12345U);
+  EXPECT_EQ(info.realGroupId, 54321U);
+  EXPECT_EQ(info.effectiveGroupId, 54321U);
+}
+
+// An exec keeps the real ids (it may change the effective ones).
+TEST_F(ModuleEvents, ACredentialChangeStaysWithTheNextImage) {
+  Actor actor({"wait", "user", "12345", "exec", "/bin/true", "true"});
+  WaitForImage(actor.Pid(), Actor::Path());
+  actor.GoOn();
+  ASSERT_EQ(actor.Wait(), 0);
+  const std::vector<SeenEvent> life = LifeOf(actor.Pid());
+  ASSERT_EQ(Types(life), (std::vector{kCreate, kExit, kCreate, kExit, kCreate, kExit}));
+  EXPECT_EQ(life[2].realUserId, 0U);
+  EXPECT_EQ(life[4].realUserId, 12345U);
+  EXPECT_EQ(life[5].realUserId, 12345U);
+}
+
+TEST_F(ModuleEvents, AProcessThatTakesThePidOfAnotherIsToldApart) {
+  // A pid that was just in use is the last that the kernel gives out again by itself.
+  const pid_t pid = RunTrue();
+  Drain();  // the end of a process has to be through the dispatcher before its pid is seen again
+  const std::string number = std::to_string(pid);
+  Actor first({"fork-as", number, "exec", Actor::Path(), "first", "wait"});
+  const std::uint64_t firstImage = WaitForCommand(pid, u"first wait");
+  first.GoOn();
+  ASSERT_EQ(first.Wait(), 0);
+  WaitForEnd(firstImage);
+  Actor second({"fork-as", number, "exec", Actor::Path(), "second", "wait"});
+  const std::uint64_t secondImage = WaitForCommand(pid, u"second wait");
+
+  ProcessInformation info;
+  ASSERT_TRUE(m_host.cache->Get(pid, info));
+  EXPECT_EQ(info.uniquePid, secondImage);
+  ASSERT_TRUE(m_host.cache->GetByUniquePid(secondImage, info));
+  EXPECT_EQ(info.parentPid, static_cast<std::uint32_t>(second.Pid()));
+  EXPECT_FALSE(m_host.cache->GetByUniquePid(firstImage, info)) << "the first process is gone";
+  second.GoOn();
+  ASSERT_EQ(second.Wait(), 0);
+
+  const std::vector<SeenEvent> life = LifeOf(pid);
+  std::vector<std::uint32_t> three = kForkAndExec;  // of the pid's first owner, and of both others
+  three.insert(three.end(), kForkAndExec.begin(), kForkAndExec.end());
+  three.insert(three.end(), kForkAndExec.begin(), kForkAndExec.end());
+  ASSERT_EQ(Types(life), three);
+  std::set<std::uint64_t> images;
+  for (std::size_t i = 0; i < life.size(); i += 2) {
+    EXPECT_TRUE(images.insert(life[i].uniquePid).second) << i << ": each image has its own";
+    EXPECT_EQ(life[i + 1].uniquePid, life[i].uniquePid) << i;
+  }
+  EXPECT_EQ(life[4].parentPid, static_cast<std::uint32_t>(first.Pid()));
+  EXPECT_EQ(life[7].commandLine, u"first wait");
+  EXPECT_EQ(life[8].parentPid, static_cast<std::uint32_t>(second.Pid()));
+  EXPECT_EQ(life[11].commandLine, u"second wait");
+}
+
+// A program under a name of the test's choice.
+class NamedProgram {
+ public:
+  explicit NamedProgram(const std::string& name) : m_path(m_directory.Path() + "/" + name) {
+    std::filesystem::copy_file(Actor::Path(), m_path);
+  }
+  const std::string& Path() const { return m_path; }
+
+ private:
+  TempDirectory m_directory;
+  std::string m_path;
+};
+
+// Such a name stands in the middle of the line of numbers from which a process is read.
+TEST_F(ModuleEvents, AProcessIsReadUnderANameWithBlanksAndParentheses) {
+  const NamedProgram program(") S 1 (x) 2");
+  Actor actor({"exec", program.Path(), "odd", "fork", "say", "wait"});
+  const pid_t child = actor.HearPid();
+  Drain();
+  actor.GoOn();
+  ASSERT_EQ(actor.Wait(), 0);
+  const std::vector<SeenEvent> life = LifeOf(child);
+  ASSERT_EQ(Types(life), (std::vector{kCreate, kExit}));
+  EXPECT_EQ(life[0].parentPid, static_cast<std::uint32_t>(actor.Pid()));
+  EXPECT_EQ(life[0].imagePath, Widen(program.Path()));
+  EXPECT_EQ(life[0].commandLine, u"odd fork say wait");
+  EXPECT_EQ(life[0].state, kCreated);
+}
+
+// What a reader of lines can't read: the line ends in the middle of the name. The process is told with what
+// the event knows of it, as one that was gone.
+TEST_F(ModuleEvents, AProcessWithALineEndInItsNameIsToldWithoutWhatCantBeRead) {
+  const NamedProgram program("line\nend");
+  Actor actor({"wait", "exec", program.Path(), "odd", "say", "wait"});
+  const std::uint64_t before = WaitForImage(actor.Pid(), Actor::Path());
+  actor.GoOn();
+  ASSERT_EQ(actor.HearPid(), actor.Pid());
+  Drain();
+  actor.GoOn();
+  ASSERT_EQ(actor.Wait(), 0);
+  const std::vector<SeenEvent> life = LifeOf(actor.Pid());
+  ASSERT_EQ(Types(life), (std::vector{kCreate, kExit, kCreate, kExit, kCreate, kExit}));
+  EXPECT_EQ(life[3].uniquePid, before);
+  EXPECT_EQ(life[4].fromExec, 1U);
+  EXPECT_EQ(life[4].state, kTerminated);
+  EXPECT_EQ(life[4].imagePath, u"");
+  EXPECT_EQ(life[5].uniquePid, life[4].uniquePid);
+}
+
+// Arguments are just bytes to the kernel; some that aren't UTF-8 make the process one that can't be read.
+TEST_F(ModuleEvents, AProcessWithACommandLineThatIsntUtf8IsToldWithoutWhatCantBeRead) {
+  Actor actor({"say", "wait", "name", "\xff\xc3"});
+  actor.HearPid();
+  Drain();
+  actor.GoOn();
+  ASSERT_EQ(actor.Wait(), 0);
+  const std::vector<SeenEvent> life = LifeOf(actor.Pid());
+  ASSERT_EQ(Types(life), kForkAndExec);
+  EXPECT_EQ(life[2].state, kTerminated);
+  EXPECT_EQ(life[2].commandLine, std::nullopt);
+  EXPECT_EQ(life[2].imagePath, u"");
+  EXPECT_EQ(life[3].uniquePid, life[2].uniquePid);
+  EXPECT_TRUE(m_host.host.tracer->Has("Cannot get process cmdline from procfs for pid: " +
+                                      std::to_string(actor.Pid())));
+}
+
+TEST_F(ModuleEvents, AnImageWhoseFileWasRemovedIsToldByItsFormerName) {
+  const NamedProgram program("removed");
+  Actor actor({"open", program.Path(), "unlink", program.Path(), "exec-opened", "removed", "wait"});
+  WaitForImage(actor.Pid(), program.Path());
+  ProcessInformation info;
+  ASSERT_TRUE(m_host.cache->Get(actor.Pid(), info));
+  EXPECT_EQ(info.flags, static_cast<std::uint32_t>(qor::kNoBackingImage));
+}
+
+TEST_F(ModuleEvents, AFileWhoseNameEndsLikeThatOfARemovedOneKeepsIt) {
+  const NamedProgram program("kept (deleted)");
+  Actor actor({"exec", program.Path(), "kept", "wait"});
+  WaitForImage(actor.Pid(), program.Path());
+  ProcessInformation info;
+  ASSERT_TRUE(m_host.cache->Get(actor.Pid(), info));
+  EXPECT_EQ(info.flags, 0U);
+}
+
 TEST_F(ModuleEvents, ACommandLineOf128KiBArrivesWhole) {
   // The longest that the kernel takes as one string, with its end. What stands behind an exec isn't run.
   const std::string argument(128 * 1024 - 1, 'x');
@@ -198,16 +286,91 @@ TEST_F(ModuleEvents, ACommandLineOf128KiBArrivesWhole) {
       [&](const SeenEvent& event) { return IsExecOf(pid, event) && event.commandLine == expected; }));
 }
 
+TEST_F(ModuleEvents, ACommandLineLongerThanAnyBufferArrivesWhole) {
+  const std::string argument(128 * 1024 - 1, 'y');
+  Actor actor(
+      {"exec", Actor::Path(), "long", "wait", argument, argument, argument, argument, argument, argument});
+  std::u16string expected = u"long wait";
+  for (int i = 0; i < 6; ++i) expected += u' ' + Widen(argument);
+  EXPECT_NE(WaitForCommand(actor.Pid(), expected), 0U);
+}
+
+// The kernel starts a thread of its own for each processor of such a map. Its parent is the kernel's own,
+// which the cache has never seen.
+TEST_F(ModuleEvents, AThreadOfTheKernelIsToldByItsName) {
+  Actor actor({"kernel-thread", "wait"});
+  const pid_t thread = actor.TryHearPid();
+  if (thread == 0) GTEST_SKIP() << "this kernel has no BPF_MAP_TYPE_CPUMAP";
+  const auto created = m_handler->WaitFor(
+      [&](const SeenEvent& event) { return event.pid == static_cast<std::uint32_t>(thread); });
+  ASSERT_TRUE(created);
+  EXPECT_EQ(created->type, kCreate);
+  EXPECT_EQ(created->fromExec, 0U);
+  EXPECT_EQ(created->parentPid, 2U);
+  // It begins as a copy of its parent and gets its name a moment later.
+  EXPECT_TRUE(created->imagePath == u"[kthreadd]" || created->imagePath.starts_with(u"[cpumap/0/map:"));
+  EXPECT_EQ(created->commandLine, u"");
+  EXPECT_EQ(created->state, kCreated);
+  actor.GoOn();
+  ASSERT_EQ(actor.Wait(), 0);
+  WaitForEnd(created->uniquePid);
+}
+
+// With the parent known, as the host's reads make it, it is marked as what it is.
+TEST_F(ModuleEvents, AThreadOfTheKernelIsOfTheSystemLikeItsParent) {
+  ProcessInformation kernel;
+  kernel.pid = 2;
+  kernel.parentPid = 0;
+  kernel.imagePath = u"[kthreadd]";
+  kernel.flags = qor::kSystemProcess | qor::kNoBackingImage;
+  kernel.state = kCreated;
+  m_host.cache->Update(kernel);
+  Actor actor({"kernel-thread", "wait"});
+  const pid_t thread = actor.TryHearPid();
+  if (thread == 0) GTEST_SKIP() << "this kernel has no BPF_MAP_TYPE_CPUMAP";
+  EXPECT_TRUE(m_handler->WaitFor(
+      [&](const SeenEvent& event) { return event.pid == static_cast<std::uint32_t>(thread); }));
+  ProcessInformation info;
+  ASSERT_TRUE(m_host.cache->Get(thread, info));
+  EXPECT_EQ(info.flags, kernel.flags);
+  EXPECT_EQ(info.parentUniquePid, kernel.uniquePid);
+}
+
+// A program that lies where nobody else sees it.
+TEST_F(ModuleEvents, AProcessInAnotherMountNamespaceCarriesItsImage) {
+  const auto features = zym::CreateObject<FakeFeatureLookup>();
+  features->values[qor::kOpenIOFromForeignMountNamespace] = true;
+  m_host.host.locator->Add(features);
+  const TempDirectory directory;
+  const std::string program = directory.Path() + "/program";
+  Actor actor({"mounts", "tmpfs", directory.Path(), "make", program, "bind", Actor::Path(), program, "exec",
+               program, "inside", "wait"});
+  WaitForImage(actor.Pid(), program);
+  struct stat own {};
+  struct stat foreign {};
+  ASSERT_EQ(::stat("/proc/self/ns/mnt", &own), 0);
+  ASSERT_EQ(::stat(("/proc/" + std::to_string(actor.Pid()) + "/ns/mnt").c_str(), &foreign), 0);
+  ASSERT_NE(own.st_ino, foreign.st_ino);
+  EXPECT_FALSE(std::filesystem::exists(program));
+  const auto event = m_handler->WaitFor(
+      [&](const SeenEvent& seen) { return IsExecOf(actor.Pid(), seen) && seen.imagePath == Widen(program); });
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->mountNamespace, foreign.st_ino);
+  EXPECT_EQ(event->image,
+            "\x7f"
+            "ELF");
+}
+
 TEST_F(ModuleEvents, NothingComesAfterTheSourceIsDisabled) {
-  ASSERT_EQ(m_control->DisableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+  ASSERT_EQ(Disable(), zym::ZYM_OK);
   const pid_t child = RunTrue();
-  ASSERT_EQ(m_control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+  Enable();
   EXPECT_TRUE(LifeOf(child).empty());
 }
 
 TEST_F(ModuleEvents, TheSourceRestsWithoutAnActiveFilterAndComesBackWithTheNext) {
   ASSERT_EQ(m_interceptor->DisableFilters(Filters()), zym::ZYM_OK);
-  EXPECT_TRUE(test_support::ThreadsNamed("vornPrcMonPoll").empty());
+  EXPECT_TRUE(PollThreadIsGone());
   const pid_t unseen = RunTrue();
   ASSERT_EQ(m_interceptor->EnableFilters(Filters()), zym::ZYM_OK);
   const pid_t seen = RunTrue();
@@ -216,10 +379,10 @@ TEST_F(ModuleEvents, TheSourceRestsWithoutAnActiveFilterAndComesBackWithTheNext)
 }
 
 TEST_F(ModuleEvents, ASourceThatTheHostDisabledIsNotStartedByAFilter) {
-  ASSERT_EQ(m_control->DisableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+  ASSERT_EQ(Disable(), zym::ZYM_OK);
   ASSERT_EQ(m_interceptor->DisableFilters(Filters()), zym::ZYM_OK);
   ASSERT_EQ(m_interceptor->EnableFilters(Filters()), zym::ZYM_OK);
-  EXPECT_TRUE(test_support::ThreadsNamed("vornPrcMonPoll").empty());
+  EXPECT_TRUE(PollThreadIsGone());
 }
 
 TEST_F(ModuleEvents, AFilterGetsTheEventsOfItsTypeAlone) {

@@ -3,7 +3,9 @@
 // with threads may do no more than the async-signal-safe calls: whoever held a lock of the C library or of a
 // sanitizer at that moment doesn't exist in the child. A step that fails ends the program with status 1 and a
 // sentence on standard error; behind the last step it ends with 0.
+#include <dirent.h>
 #include <fcntl.h>
+#include <linux/bpf.h>
 #include <linux/sched.h>
 #include <pthread.h>
 #include <sched.h>
@@ -54,6 +56,10 @@ pthread_t StartThread(void* (*run)(void*)) {
   return thread;
 }
 
+void Say(pid_t pid) {
+  Check(std::printf("%d\n", pid) > 0 && std::fflush(stdout) == 0, "write");
+}
+
 // The child goes on with the steps; its parent waits for it, and ends as it did.
 void Fork(pid_t wanted) {
   clone_args arguments{};
@@ -71,13 +77,72 @@ void Fork(pid_t wanted) {
   ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
+// The process of that name, the kernel's own included; 0: none. A kernel before 5.17 cuts the names.
+pid_t FindByName(const char* name) {
+  DIR* const processes = ::opendir("/proc");
+  Check(processes != nullptr, "opendir(/proc)");
+  pid_t found = 0;
+  while (const dirent* const entry = ::readdir(processes)) {
+    char path[300];
+    std::snprintf(path, sizeof(path), "/proc/%s/comm", entry->d_name);
+    char comm[64] = {};
+    const int file = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0) continue;
+    const ssize_t length = ::read(file, comm, sizeof(comm) - 1);
+    ::close(file);
+    if (length <= 1) continue;
+    comm[length - 1] = 0;
+    const bool cut = length - 1 == 15 && std::strncmp(comm, name, 15) == 0;
+    if (cut || std::strcmp(comm, name) == 0) found = std::atoi(entry->d_name);
+  }
+  ::closedir(processes);
+  return found;
+}
+
+// A thread of the kernel that lives as long as this process: one serves each processor of such a map.
+void StartKernelThread() {
+  bpf_attr create{};
+  create.map_type = BPF_MAP_TYPE_CPUMAP;
+  create.key_size = sizeof(std::uint32_t);
+  create.value_size = sizeof(std::uint32_t);
+  create.max_entries = 1;
+  const int map = static_cast<int>(::syscall(SYS_bpf, BPF_MAP_CREATE, &create, sizeof(create)));
+  Check(map >= 0, "bpf(BPF_MAP_CREATE)");
+  std::uint32_t processor = 0;
+  std::uint32_t queueLength = 64;
+  bpf_attr update{};
+  update.map_fd = static_cast<std::uint32_t>(map);
+  update.key = reinterpret_cast<std::uint64_t>(&processor);
+  update.value = reinterpret_cast<std::uint64_t>(&queueLength);
+  Check(::syscall(SYS_bpf, BPF_MAP_UPDATE_ELEM, &update, sizeof(update)) == 0, "bpf(BPF_MAP_UPDATE_ELEM)");
+  bpf_map_info info{};
+  bpf_attr query{};
+  query.info.bpf_fd = static_cast<std::uint32_t>(map);
+  query.info.info_len = sizeof(info);
+  query.info.info = reinterpret_cast<std::uint64_t>(&info);
+  Check(::syscall(SYS_bpf, BPF_OBJ_GET_INFO_BY_FD, &query, sizeof(query)) == 0,
+        "bpf(BPF_OBJ_GET_INFO_BY_FD)");
+  char name[64];
+  std::snprintf(name, sizeof(name), "cpumap/0/map:%u", info.id);
+  Say(FindByName(name));
+}
+
+// Children that end at once, one after the other; without end for 0.
+void Storm(std::uint32_t count) {
+  for (std::uint32_t i = 0; count == 0 || i < count; ++i) {
+    const pid_t child = ::fork();
+    Check(child >= 0, "fork");
+    if (child == 0) ::_exit(0);
+    Check(::waitpid(child, nullptr, 0) == child, "waitpid");
+  }
+}
+
 std::uint32_t Number(const char* text) {
   return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
 }
 
 const Step kSteps[] = {
-    {"say", 0, "print the own pid as a line",
-     [](char**) { Check(std::printf("%d\n", ::getpid()) > 0 && std::fflush(stdout) == 0, "write"); }},
+    {"say", 0, "print the own pid as a line", [](char**) { Say(::getpid()); }},
     {"wait", 0, "read one byte of standard input",
      [](char**) {
        char byte = 0;
@@ -95,6 +160,10 @@ const Step kSteps[] = {
     {"fork", 0, "the steps that follow run in a child", [](char**) { Fork(0); }},
     {"fork-as", 1, "the same in a child of that pid",
      [](char** argument) { Fork(static_cast<pid_t>(Number(*argument))); }},
+    {"storm", 1, "so many children that end at once, one after the other; without end for 0",
+     [](char** argument) { Storm(Number(*argument)); }},
+    {"kernel-thread", 0, "start a thread of the kernel that lives as long as this process; print its pid",
+     [](char**) { StartKernelThread(); }},
     {"user", 1, "all three user ids",
      [](char** argument) {
        const uid_t id = Number(*argument);

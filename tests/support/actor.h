@@ -33,6 +33,8 @@ class Actor {
   [[nodiscard]] pid_t Pid() const { return m_pid; }
   // The pid that the next step "say" prints: of the process that has come there. Throws when the output ends.
   pid_t HearPid();
+  // The same; 0 when the output ends.
+  pid_t TryHearPid();
   // Lets the next step "wait" end.
   void GoOn() const;
   // Waits for the end; the exit status, or 128 and the signal.
