@@ -146,7 +146,7 @@ const Step kSteps[] = {
     {"wait", 0, "read one byte of standard input",
      [](char**) {
        char byte = 0;
-       Check(::read(STDIN_FILENO, &byte, 1) == 1, "nobody lets this go on");
+       if (::read(STDIN_FILENO, &byte, 1) != 1) ::_exit(1);  // whom it should wait for is gone
      }},
     {"thread", 0, "start a thread and wait for its end",
      [](char**) { ::pthread_join(StartThread([](void*) -> void* { return nullptr; }), nullptr); }},
