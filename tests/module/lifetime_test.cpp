@@ -1,6 +1,5 @@
 // What becomes of the module's objects, threads, descriptors and memory.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -12,6 +11,7 @@
 
 #include "module/module_host.h"
 #include "process_manager/meta_info.h"
+#include "support/actor.h"
 #include "support/own_process.h"
 
 namespace {
@@ -115,7 +115,7 @@ TEST(ModuleLifetime, AnEventThatAHandlerKeepsPinsTheModule) {
     }
     zym::intrusive_ptr<qor::process_manager::ISystemEvent> Take() {
       std::unique_lock lock(m_mutex);
-      EXPECT_TRUE(m_arrived.wait_for(lock, std::chrono::seconds(60), [this] { return bool(m_event); }));
+      EXPECT_TRUE(m_arrived.wait_for(lock, std::chrono::seconds(30), [this] { return bool(m_event); }));
       return std::move(m_event);
     }
 
@@ -135,10 +135,8 @@ TEST(ModuleLifetime, AnEventThatAHandlerKeepsPinsTheModule) {
                 {.type = system_interceptors::event_type::kExitProcess}, true, 0, keeper.get(), &id),
             zym::ZYM_OK);
   ASSERT_EQ(control->EnableNonBlockingInterceptor(1), zym::ZYM_OK);
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
+  RunTrue();
   const zym::intrusive_ptr<qor::process_manager::ISystemEvent> kept = keeper->Take();
-  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   ASSERT_EQ(interceptor->DeleteFilters({&id, &id + 1}), zym::ZYM_OK);
   interceptor.Reset();
   control.Reset();

@@ -33,6 +33,8 @@ struct SeenEvent {
   std::u16string imagePath;
   std::optional<std::u16string> commandLine;
   std::optional<std::uint32_t> realUserId;
+  std::uint64_t mountNamespace = 0;
+  std::string image;  // the beginning of the executable, when the event carries it
 };
 
 // Records events, and lets a test wait for one.

@@ -17,7 +17,7 @@
 
 namespace test_support {
 
-inline constexpr std::chrono::seconds kDeadline{60};
+inline constexpr std::chrono::seconds kDeadline{30};
 
 // A door that opens once. A wait that the deadline ends is a failure of the test.
 class Gate {
