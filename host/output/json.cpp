@@ -1,5 +1,6 @@
 #include "host/output/json.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <type_traits>
@@ -18,102 +19,130 @@ constexpr unsigned Unit(char byte) {
   return 0xdc00U + static_cast<unsigned char>(byte);
 }
 
-// `text` as the inside of a JSON string.
 template <class C>
-void AppendEscaped(std::string& out, std::basic_string_view<C> text) {
-  const auto appendUnit = [&out](unsigned unit) {
-    char escape[8];
-    std::snprintf(escape, sizeof(escape), "\\u%04x", unit);
-    out += escape;
-  };
-  while (!text.empty()) {
-    const C unit = text.front();
-    const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
-    if (unit == '"' || unit == '\\') {
-      out += '\\';
-      out += static_cast<char>(unit);
-      text.remove_prefix(1);
-    } else if (code < 0x20 || code == 0x7f) {
-      appendUnit(code);
-      text.remove_prefix(1);
-    } else if (code < 0x80) {
-      out += static_cast<char>(unit);
-      text.remove_prefix(1);
-    } else if (const std::optional<char32_t> point = zym::TakeCodePoint(text)) {
-      char bytes[4];
-      out.append(bytes, zym::EncodeUtf8(*point, bytes));
-    } else {
-      appendUnit(Unit(unit));
-    }
+constexpr unsigned CodeOf(C unit) {
+  return static_cast<std::make_unsigned_t<C>>(unit);
+}
+
+template <class C>
+constexpr bool StandsForItself(C unit) {
+  const unsigned code = CodeOf(unit);
+  return code >= 0x20 && code < 0x7f && code != '"' && code != '\\';
+}
+
+void AppendUnit(std::string& out, unsigned unit) {
+  char escape[8];
+  std::snprintf(escape, sizeof(escape), "\\u%04x", unit);
+  out += escape;
+}
+
+// The first character of `text`, which doesn't stand for itself, as the inside of a JSON string.
+template <class C>
+void AppendEscaped(std::string& out, std::basic_string_view<C>& text) {
+  const C unit = text.front();
+  const unsigned code = CodeOf(unit);
+  if (code < 0x80) {
+    text.remove_prefix(1);
+    if (unit != '"' && unit != '\\') return AppendUnit(out, code);
+    out += '\\';
+    out += static_cast<char>(unit);
+  } else if (const std::optional<char32_t> point = zym::TakeCodePoint(text)) {
+    char bytes[4];
+    out.append(bytes, zym::EncodeUtf8(*point, bytes));
+  } else {
+    AppendUnit(out, Unit(unit));
   }
 }
 
 }  // namespace
 
-void JsonLine::Begin() {
-  m_buffer.Clear();
-  m_writer.Reset(m_buffer);
-  m_writer.StartObject();
-}
-
 std::string_view JsonLine::End() {
-  m_writer.EndObject();
-  return {m_buffer.GetString(), m_buffer.GetSize()};
+  m_text += '}';
+  return m_text;
 }
 
+// A comma behind a value; nothing behind what opens an object or a list.
+void JsonLine::Separate() {
+  if (m_text.back() != '{' && m_text.back() != '[') m_text += ',';
+}
+
+void JsonLine::Name(std::string_view name) {
+  Separate();
+  m_text += '"';
+  m_text += name;
+  m_text += "\":";
+}
+
+// Most text is a run of characters that stand for themselves.
 template <class C>
 void JsonLine::String(std::basic_string_view<C> text) {
-  m_scratch.assign(1, '"');
-  AppendEscaped(m_scratch, text);
-  m_scratch += '"';
-  m_writer.RawValue(m_scratch.data(), m_scratch.size(), rapidjson::kStringType);
+  m_text += '"';
+  while (!text.empty()) {
+    std::size_t plain = 0;
+    while (plain < text.size() && StandsForItself(text[plain])) ++plain;
+    const std::size_t length = m_text.size();
+    m_text.resize(length + plain);
+    std::transform(text.data(), text.data() + plain, m_text.data() + length,
+                   [](C unit) { return static_cast<char>(unit); });
+    text.remove_prefix(plain);
+    if (!text.empty()) AppendEscaped(m_text, text);
+  }
+  m_text += '"';
 }
 
-void JsonLine::Text(const char* name, std::string_view value) {
-  m_writer.Key(name);
+template <class N>
+void JsonLine::Digits(N value) {
+  char digits[24];
+  m_text.append(digits, std::to_chars(digits, digits + sizeof(digits), value).ptr);
+}
+
+void JsonLine::Text(std::string_view name, std::string_view value) {
+  Name(name);
   String(value);
 }
 
-void JsonLine::Text(const char* name, std::optional<std::u16string_view> value) {
+void JsonLine::Text(std::string_view name, std::optional<std::u16string_view> value) {
   if (!value) return Null(name);
-  m_writer.Key(name);
+  Name(name);
   String(*value);
 }
 
-void JsonLine::Number(const char* name, std::optional<std::uint32_t> value) {
+void JsonLine::Number(std::string_view name, std::optional<std::uint32_t> value) {
   if (!value) return Null(name);
-  m_writer.Key(name);
-  m_writer.Uint(*value);
+  Name(name);
+  Digits(*value);
 }
 
-void JsonLine::LongNumber(const char* name, std::optional<std::uint64_t> value) {
+void JsonLine::LongNumber(std::string_view name, std::optional<std::uint64_t> value) {
   if (!value) return Null(name);
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof(digits), *value).ptr;
-  Text(name, std::string_view(digits, static_cast<std::size_t>(end - digits)));
+  Name(name);
+  m_text += '"';
+  Digits(*value);
+  m_text += '"';
 }
 
-void JsonLine::Boolean(const char* name, bool value) {
-  m_writer.Key(name);
-  m_writer.Bool(value);
+void JsonLine::Boolean(std::string_view name, bool value) {
+  Name(name);
+  m_text += value ? "true" : "false";
 }
 
-void JsonLine::Null(const char* name) {
-  m_writer.Key(name);
-  m_writer.Null();
+void JsonLine::Null(std::string_view name) {
+  Name(name);
+  m_text += "null";
 }
 
-void JsonLine::BeginList(const char* name) {
-  m_writer.Key(name);
-  m_writer.StartArray();
+void JsonLine::BeginList(std::string_view name) {
+  Name(name);
+  m_text += '[';
 }
 
 void JsonLine::Item(std::string_view value) {
+  Separate();
   String(value);
 }
 
 void JsonLine::EndList() {
-  m_writer.EndArray();
+  m_text += ']';
 }
 
 }  // namespace pmhost

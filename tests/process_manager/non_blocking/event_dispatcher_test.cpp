@@ -268,6 +268,24 @@ TEST_F(EventDispatcherTest, EventsOfSeveralThreadsAllArriveAndThoseOfEachThreadI
   EXPECT_EQ(m_dispatcher->GetProcessingPidsCount(), 0U);
 }
 
+// After the last event the worker rests for a moment. One event at a time finds it waiting, resting, or on
+// its way from the one to the other.
+TEST_F(EventDispatcherTest, EventsThatComeWhileTheWorkerRestsAreHandledInTheirOrder) {
+  Create();
+  std::vector<std::uint64_t> seen;
+  m_dispatcher->SetCreateProcessHandler([&](const Event& event) { seen.push_back(NumberOf(event)); });
+  std::vector<std::uint64_t> expected;
+  for (std::uint64_t i = 0; i < 300; i += 3) {
+    Dispatch({MakeEvent(event_type::kCreateProcess, 5, 0, i)});
+    WaitUntilIdle();
+    Dispatch({MakeEvent(event_type::kCreateProcess, 6, 0, i + 1)});
+    Dispatch({MakeEvent(event_type::kCreateProcess, 5, 0, i + 2)});
+    expected.insert(expected.end(), {i, i + 1, i + 2});
+  }
+  WaitUntilIdle();
+  EXPECT_EQ(seen, expected);
+}
+
 // --- The limit. -------------------------------------------------------------------------------------------
 
 TEST_F(EventDispatcherTest, TheEventThatFindsTheTotalAtTheLimitIsAcceptedAndBeyondOnlyExitProcess) {
@@ -427,6 +445,19 @@ TEST_F(EventDispatcherTest, AHandlerMayDispatch) {
 }
 
 // --- The end. ---------------------------------------------------------------------------------------------
+
+TEST_F(EventDispatcherTest, ADispatcherWhoseWorkerRestsEndsAtOnceAndLeavesNothing) {
+  for (int i = 0; i < 20; ++i) {
+    Create();
+    const auto event = MakeEvent(event_type::kCreateProcess, 5);
+    Dispatch({event});
+    WaitUntilIdle();
+    m_dispatcher = {};
+    EXPECT_EQ(event->completions, 1);
+    EXPECT_EQ(event->AddRef(), 2U) << "nobody else holds it";
+    event->Release();
+  }
+}
 
 TEST_F(EventDispatcherTest, DestructionReleasesQueuedEventsAndCallsNoHandler) {
   Create();
