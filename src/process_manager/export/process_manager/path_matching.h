@@ -23,8 +23,8 @@ struct IPathMatcher : zym::IObject {
 };
 
 // Makes matchers, which are fixed from then on. Any thread. The module calls CreateMountMatcher and
-// CreatePathMatcher. ZYM_E_INVALID_ARGUMENT: a pattern is none of the host's language; `matcher` is left alone
-// then. An empty list makes a matcher that matches nothing.
+// CreatePathMatcher. ZYM_E_INVALID_ARGUMENT, with `matcher` left alone: a pattern is none of the host's
+// language. An empty list makes a matcher that matches nothing.
 struct IPathMatcherFactory : zym::IObject {
   static constexpr zym::iid_t kIid = 0x38514cf7;
 
