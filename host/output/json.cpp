@@ -20,13 +20,8 @@ constexpr unsigned Unit(char byte) {
 }
 
 template <class C>
-constexpr unsigned CodeOf(C unit) {
-  return static_cast<std::make_unsigned_t<C>>(unit);
-}
-
-template <class C>
 constexpr bool StandsForItself(C unit) {
-  const unsigned code = CodeOf(unit);
+  const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
   return code >= 0x20 && code < 0x7f && code != '"' && code != '\\';
 }
 
@@ -36,11 +31,11 @@ void AppendUnit(std::string& out, unsigned unit) {
   out += escape;
 }
 
-// The first character of `text`, which doesn't stand for itself, as the inside of a JSON string.
+// Takes the first character of `text`, which doesn't stand for itself.
 template <class C>
 void AppendEscaped(std::string& out, std::basic_string_view<C>& text) {
   const C unit = text.front();
-  const unsigned code = CodeOf(unit);
+  const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
   if (code < 0x80) {
     text.remove_prefix(1);
     if (unit != '"' && unit != '\\') return AppendUnit(out, code);
@@ -54,95 +49,83 @@ void AppendEscaped(std::string& out, std::basic_string_view<C>& text) {
   }
 }
 
+// `text` as the inside of a JSON string. Most text is a run of characters that stand for themselves.
+template <class C>
+void Append(std::string& out, std::basic_string_view<C> text) {
+  while (!text.empty()) {
+    const auto* const plain = std::find_if_not(text.begin(), text.end(), StandsForItself<C>);
+    out.append(text.begin(), plain);
+    text.remove_prefix(static_cast<std::size_t>(plain - text.begin()));
+    if (!text.empty()) AppendEscaped(out, text);
+  }
+}
+
 }  // namespace
 
+void JsonLine::Begin() {
+  m_buffer.Clear();
+  m_writer.Reset(m_buffer);
+  m_writer.StartObject();
+}
+
 std::string_view JsonLine::End() {
-  m_text += '}';
-  return m_text;
+  m_writer.EndObject();
+  return {m_buffer.GetString(), m_buffer.GetSize()};
 }
 
-// A comma behind a value; nothing behind what opens an object or a list.
-void JsonLine::Separate() {
-  if (m_text.back() != '{' && m_text.back() != '[') m_text += ',';
-}
-
-void JsonLine::Name(std::string_view name) {
-  Separate();
-  m_text += '"';
-  m_text += name;
-  m_text += "\":";
-}
-
-// Most text is a run of characters that stand for themselves.
 template <class C>
 void JsonLine::String(std::basic_string_view<C> text) {
-  m_text += '"';
-  while (!text.empty()) {
-    std::size_t plain = 0;
-    while (plain < text.size() && StandsForItself(text[plain])) ++plain;
-    const std::size_t length = m_text.size();
-    m_text.resize(length + plain);
-    std::transform(text.data(), text.data() + plain, m_text.data() + length,
-                   [](C unit) { return static_cast<char>(unit); });
-    text.remove_prefix(plain);
-    if (!text.empty()) AppendEscaped(m_text, text);
-  }
-  m_text += '"';
+  m_scratch.assign(1, '"');
+  Append(m_scratch, text);
+  m_scratch += '"';
+  m_writer.RawValue(m_scratch.data(), m_scratch.size(), rapidjson::kStringType);
 }
 
-template <class N>
-void JsonLine::Digits(N value) {
-  char digits[24];
-  m_text.append(digits, std::to_chars(digits, digits + sizeof(digits), value).ptr);
-}
-
-void JsonLine::Text(std::string_view name, std::string_view value) {
-  Name(name);
+void JsonLine::Text(const char* name, std::string_view value) {
+  m_writer.Key(name);
   String(value);
 }
 
-void JsonLine::Text(std::string_view name, std::optional<std::u16string_view> value) {
+void JsonLine::Text(const char* name, std::optional<std::u16string_view> value) {
   if (!value) return Null(name);
-  Name(name);
+  m_writer.Key(name);
   String(*value);
 }
 
-void JsonLine::Number(std::string_view name, std::optional<std::uint32_t> value) {
+void JsonLine::Number(const char* name, std::optional<std::uint32_t> value) {
   if (!value) return Null(name);
-  Name(name);
-  Digits(*value);
+  m_writer.Key(name);
+  m_writer.Uint(*value);
 }
 
-void JsonLine::LongNumber(std::string_view name, std::optional<std::uint64_t> value) {
+void JsonLine::LongNumber(const char* name, std::optional<std::uint64_t> value) {
   if (!value) return Null(name);
-  Name(name);
-  m_text += '"';
-  Digits(*value);
-  m_text += '"';
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof(digits), *value).ptr;
+  Text(name, std::string_view(digits, static_cast<std::size_t>(end - digits)));
 }
 
-void JsonLine::Boolean(std::string_view name, bool value) {
-  Name(name);
-  m_text += value ? "true" : "false";
+void JsonLine::Boolean(const char* name, bool value) {
+  m_writer.Key(name);
+  m_writer.Bool(value);
 }
 
-void JsonLine::Null(std::string_view name) {
-  Name(name);
-  m_text += "null";
+void JsonLine::Null(const char* name) {
+  m_writer.Key(name);
+  m_writer.Null();
 }
 
-void JsonLine::BeginList(std::string_view name) {
-  Name(name);
-  m_text += '[';
+void JsonLine::BeginList(const char* name) {
+  m_writer.Key(name);
+  m_writer.StartArray();
 }
 
 void JsonLine::Item(std::string_view value) {
-  Separate();
   String(value);
 }
 
 void JsonLine::EndList() {
-  m_text += ']';
+  m_writer.EndArray();
 }
 
 }  // namespace pmhost

@@ -24,7 +24,10 @@ struct FactoryClass {
 
 // The classes of zymGetObjectFactory with the interfaces that they have beside 0.
 const std::vector<FactoryClass> kFactoryClasses = {
+    {"ApplicationManager", 0x2f9b276b, {0x9a38dcf8}},
+    {"FileNameMapper", 0x590aee12, {0xefc822f9, 0x32dda863, 0xde5b3c97}},
     {"TypeDescriptorStaticRegistry", 0x272f5652, {0xa53230cb, 0xfe7da4e6}},
+    {"ProcessUserLocalizationProvider", 0xe9e2637f, {0x2b415845}},
     {"ProcParser", 0x9faa28c0, {0xc9b36ad4}},
     {"LocalProcParser", 0xfc6a6123, {0xc9b36ad4}},
 };

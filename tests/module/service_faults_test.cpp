@@ -97,6 +97,11 @@ struct Need {
 
 TEST(ServiceFaults, AClassOfAFactoryThatLacksAServiceGivesItsResultAndItsMemoryBack) {
   const Need kNeeds[] = {
+      {"ApplicationManager", class_ids::kApplicationManager, {zym::IAllocator::kIid, zym::ITracer::kIid}},
+      {"FileNameMapper", class_ids::kFileNameMapper, {zym::IAllocator::kIid, zym::ITracer::kIid}},
+      {"ProcessUserLocalizationProvider",
+       class_ids::kProcessUserLocalizationProvider,
+       {zym::IAllocator::kIid, zym::ITracer::kIid, qor::IStartupDataProvider::kIid}},
       {"TypeDescriptorStaticRegistry", class_ids::kTypeDescriptorStaticRegistry, {zym::IAllocator::kIid}},
       {"ProcParser", class_ids::kProcParser, {zym::IAllocator::kIid, zym::ITracer::kIid}},
       {"LocalProcParser", class_ids::kLocalProcParser, {zym::IAllocator::kIid, zym::ITracer::kIid}},
