@@ -1,7 +1,10 @@
 #include "host/host.h"
 
+#include <utility>
+
 #include "host/failure.h"
 #include "host/services/metrics.h"
+#include "host/services/path_matching.h"
 #include "host/services/services.h"
 #include "host/services/tracer.h"
 #include "process_manager/procfs.h"
@@ -19,6 +22,10 @@ void AddServices(ServiceLocator& locator, const GlobalOptions& options) {
   locator.Add<zym::IAllocator>(zym::CreateObject<Allocator>());
   locator.Add<zym::ITracerCategoryFilter>(zym::CreateObject<CategoryFilter>(options.showPrivate));
   locator.Add<qor::IStartupDataProvider>(zym::CreateObject<StartupDataProvider>());
+  locator.Add<qor::IPathMatcherFactory>(zym::CreateObject<PathMatcherFactory>(tracer));
+  qor::AppSettings settings;
+  settings.excludedProcesses.assign(options.excludedProcesses.begin(), options.excludedProcesses.end());
+  locator.Add<qor::IAppSettingsProvider>(zym::CreateObject<AppSettingsProvider>(std::move(settings)));
   locator.Add<qor::IScanStatisticsCollector>(zym::CreateObject<ScanStatistics>());
   locator.Add<qor::IFeatureLookup>(zym::CreateObject<FeatureLookup>(options.features));
   locator.Add<qor::IProductValues>(zym::CreateObject<ProductValues>());

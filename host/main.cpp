@@ -5,18 +5,31 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <stdexcept>
+#include <string>
 
 #include "host/commands/features.h"
 #include "host/commands/os.h"
 #include "host/commands/watch.h"
 #include "host/options.h"
 #include "host/run_limits.h"
+#include "host/services/path_pattern.h"
 
 namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kBadUsage = 2;
+
+// What is wrong with a pattern; nothing if it is one.
+std::string CheckPattern(const std::string& text) {
+  try {
+    static_cast<void>(pmhost::PathPattern(text));
+    return {};
+  } catch (const std::invalid_argument& e) {
+    return "'" + text + "' is no pattern: " + e.what();
+  }
+}
 
 void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector<std::string>& features) {
   app.set_version_flag("--version", "pmhost " PMHOST_VERSION);
@@ -31,6 +44,10 @@ void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector
       ->type_name("FILE");
   app.add_option("--feature", features, "Turn a named switch of the module on; may be repeated")
       ->type_name("NAME");
+  app.add_option("--exclude-process", options.excludedProcesses,
+                 "Interception leaves processes alone whose image matches GLOB; may be repeated")
+      ->type_name("GLOB")
+      ->check(CheckPattern);
   app.add_flag("--show-private", options.showPrivate, "Let command lines and console text into the trace");
   app.add_flag("--json", options.json, "Print one JSON object a line");
   app.fallthrough();

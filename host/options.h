@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace pmhost {
 
@@ -13,7 +14,8 @@ struct GlobalOptions {
   std::string traceFile;         // empty: standard error
   bool showPrivate = false;
   bool json = false;
-  std::map<std::string, bool> features;  // named switches
+  std::map<std::string, bool> features;        // named switches
+  std::vector<std::string> excludedProcesses;  // patterns of images that interception is to leave alone
 };
 
 }  // namespace pmhost

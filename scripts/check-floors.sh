@@ -17,11 +17,12 @@ contract  process_manager/export/*
 3         process_manager/non_blocking/i_event_dispatcher
 3         process_manager/interceptor_settings* process_manager/meta_info* process_manager/non_blocking/event_dispatcher*
 4         process_manager/non_blocking/* process_manager/blocking/*
-5         process_manager/interceptor process_manager/application_manager* process_manager/*dump_writer*
+5         process_manager/interceptor process_manager/application* process_manager/*dump_writer*
 2         process_manager/process_dumper/* process_manager/process_dumper*
 2         process_manager/proc_* process_manager/procfs_* process_manager/kernel_setting* process_manager/process_description*
 2         process_manager/tools* process_manager/interpreter* process_manager/elf_file*
 2         process_manager/process_cache* process_manager/process_information* process_manager/process_control*
+2         process_manager/user_localization* process_manager/file_name_*
 2         process_manager/process_manager* process_manager/process_memory* process_manager/module_manager*
 '
 

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 
+#include <cstdlib>
 #include <new>
+#include <string>
 #include <utility>
 
+#include "qor_common/language.h"
 #include "qor_common/unique_fd.h"
 
 namespace pmhost {
@@ -16,9 +19,33 @@ bool IsFanotifyAvailable() {
       qor::UniqueFd(::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_CLOEXEC)));
 }
 
+zym::types::string16_t OwnLanguage() {
+  const char* const lang = std::getenv("LANG");
+  std::string language;
+  if (lang == nullptr || !ZYM_SUCCEEDED(qor::tools::ParseLanguage(lang, language)) || language.empty())
+    return u"en";
+  return {language.begin(), language.end()};  // ASCII
+}
+
+zym::result_t Copy(const qor::AppSettings& from, qor::AppSettings& to) try {
+  to = from;
+  return zym::ZYM_OK;
+} catch (const std::bad_alloc&) {
+  return zym::ZYM_E_OUT_OF_MEMORY;
+}
+
 }  // namespace
 
-StartupDataProvider::StartupDataProvider() : m_data{.fanotifyAvailable = IsFanotifyAvailable()} {}
+StartupDataProvider::StartupDataProvider()
+    : m_data{.fanotifyAvailable = IsFanotifyAvailable(), .localization = OwnLanguage()} {}
+
+zym::result_t AppSettingsProvider::GetDefaultSettings(qor::AppSettings& settings) {
+  return Copy({}, settings);
+}
+
+zym::result_t AppSettingsProvider::GetSettings(qor::AppSettings& settings) {
+  return Copy(m_settings, settings);
+}
 
 zym::result_t ScanStatistics::RegisterScannedProcessFilePath(zym::types::string16_t&& path) try {
   const std::scoped_lock lock(m_mutex);

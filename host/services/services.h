@@ -6,7 +6,9 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 
+#include "process_manager/app_settings.h"
 #include "process_manager/host_services.h"
 #include "zym/object.h"
 #include "zym/tracer.h"
@@ -33,7 +35,8 @@ class CategoryFilter : public zym::object::Ifaces<zym::ITracerCategoryFilter> {
   const bool m_showPrivate;
 };
 
-// What was found out about the machine at start.
+// What was found out about the machine at start, and the language of who started the host: English if its
+// LANG names none.
 class StartupDataProvider : public zym::object::Ifaces<qor::IStartupDataProvider> {
  public:
   StartupDataProvider();
@@ -41,6 +44,17 @@ class StartupDataProvider : public zym::object::Ifaces<qor::IStartupDataProvider
 
  private:
   qor::StartupData m_data;
+};
+
+// What the command line and the configuration file set.
+class AppSettingsProvider : public zym::object::Ifaces<qor::IAppSettingsProvider> {
+ public:
+  explicit AppSettingsProvider(qor::AppSettings settings) : m_settings(std::move(settings)) {}
+  zym::result_t GetDefaultSettings(qor::AppSettings& settings) override;
+  zym::result_t GetSettings(qor::AppSettings& settings) override;
+
+ private:
+  const qor::AppSettings m_settings;
 };
 
 // Keeps the distinct images that ran.

@@ -2,12 +2,15 @@
 #include <array>
 #include <exception>
 
+#include "process_manager/application_manager.h"
 #include "process_manager/entry.h"
+#include "process_manager/file_name_mapper.h"
 #include "process_manager/interceptor.h"
 #include "process_manager/interceptor_settings_subscription.h"
 #include "process_manager/meta_info_registry.h"
 #include "process_manager/proc_parser.h"
 #include "process_manager/process_cache.h"
+#include "process_manager/user_localization.h"
 #include "zym/generic_object_factory.h"
 #include "zym/module_counter.h"
 
@@ -33,8 +36,11 @@ struct FactoryRow {
 
 // In the order of the search.
 constexpr auto kFactories = std::to_array<FactoryRow>({
+    {class_ids::kApplicationManager, &MakeFactory<ApplicationManager>},
+    {class_ids::kFileNameMapper, &MakeFactory<FileNameMapper>},
     {class_ids::kTypeDescriptorStaticRegistry,
      &MakeFactory<MetaInfoDescriptorsNamespace::TypeDescriptorStaticRegistry>},
+    {class_ids::kProcessUserLocalizationProvider, &MakeFactory<ProcessUserLocalizationProvider>},
     {class_ids::kProcParser, &MakeFactory<qor::procfs::ProcParser>},
     {class_ids::kLocalProcParser, &MakeFactory<qor::procfs::LocalProcParser>},
 });

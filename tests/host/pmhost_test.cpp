@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "host/run_pmhost.h"
+#include "support/temp_directory.h"
 
 extern char** environ;
 
@@ -64,11 +65,32 @@ TEST(Pmhost, BadUsageExitsWithTwo) {
                                                     {"no-such-command"},
                                                     {"watch", "--for", "soon"},
                                                     {"--trace", "1"},
-                                                    {"watch", "--count", "0"}}) {
+                                                    {"watch", "--count", "0"},
+                                                    {"--exclude-process", "bin/sh", "os"},
+                                                    {"--exclude-process", "", "os"}}) {
     Pmhost pmhost(arguments);
     EXPECT_EQ(pmhost.Wait(), 2) << arguments.front();
     EXPECT_NE(pmhost.Errors(), "");
   }
+}
+
+TEST(Pmhost, APatternOfProcessesThatIsNoneIsSaid) {
+  Pmhost pmhost({"--exclude-process", "/usr/[ab", "os"});
+  EXPECT_EQ(pmhost.Wait(), 2);
+  EXPECT_NE(pmhost.Errors().find("'/usr/[ab' is no pattern: a '[' without its ']'"), std::string::npos);
+}
+
+TEST(Pmhost, PatternsOfProcessesMayBeGivenTwiceAndInAFile) {
+  Pmhost pmhost({"--exclude-process", "/usr/**", "--exclude-process", "ssh*", "os", "--json"});
+  EXPECT_EQ(pmhost.Wait(), 0);
+  const test_support::TempDirectory directory;
+  const std::string file = directory.Write("pmhost.ini", "exclude-process = [\"/usr/**\", \"ssh*\"]\n");
+  Pmhost configured({"--config", file, "os", "--json"});
+  EXPECT_EQ(configured.Wait(), 0);
+  const std::string wrong = directory.Write("wrong.ini", "exclude-process = [\"/usr/**\", \"ssh[\"]\n");
+  Pmhost refused({"--config", wrong, "os"});
+  EXPECT_EQ(refused.Wait(), 2);
+  EXPECT_NE(refused.Errors().find("'ssh[' is no pattern"), std::string::npos);
 }
 
 TEST(Pmhost, HelpAndVersionSucceed) {

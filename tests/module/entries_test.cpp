@@ -24,7 +24,10 @@ struct FactoryClass {
 
 // The classes of zymGetObjectFactory with the interfaces that they have beside 0.
 const std::vector<FactoryClass> kFactoryClasses = {
+    {"ApplicationManager", 0x2f9b276b, {0x9a38dcf8}},
+    {"FileNameMapper", 0x590aee12, {0xefc822f9, 0x32dda863, 0xde5b3c97}},
     {"TypeDescriptorStaticRegistry", 0x272f5652, {0xa53230cb, 0xfe7da4e6}},
+    {"ProcessUserLocalizationProvider", 0xe9e2637f, {0x2b415845}},
     {"ProcParser", 0x9faa28c0, {0xc9b36ad4}},
     {"LocalProcParser", 0xfc6a6123, {0xc9b36ad4}},
 };
@@ -317,6 +320,32 @@ const std::vector<Need> kNeeds = {
     // The tracer, the category filter, the source of metrics, the registry of metrics.
     {0x034b5e94, {0x6ef3329b, 0x2b6ab0fb, 0x34e76fa8, 0x1d40f599}},
 };
+
+// What the constructors of the factories' classes ask for, beside the allocator, and what FinalConstruct
+// does.
+const std::vector<Need> kNeedsOfMadeObjects = {
+    {0x2f9b276b, {0x6ef3329b}}, {0x590aee12, {0x6ef3329b}}, {0xe9e2637f, {0x6ef3329b, 0xa26c8413}},
+    {0x9faa28c0, {0x6ef3329b}}, {0xfc6a6123, {0x6ef3329b}},
+};
+
+TEST(LoadedModuleAlone, AServiceThatAMadeObjectLacksGivesItsCode) {
+  const LoadedModule module;
+  for (const Need& need : kNeedsOfMadeObjects) {
+    for (const zym::iid_t iid : need.services) {
+      FakeHost host;
+      host.locator->FailWith(iid, zym::ZYM_E_LOCKED);
+      zym::intrusive_ptr<zym::IObjectFactory> factory;
+      ASSERT_EQ(module.getObjectFactory(host.locator.get(), need.classId, factory.Ref()), zym::ZYM_OK);
+      void* out = nullptr;
+      EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_LOCKED)
+          << std::hex << need.classId << " without " << iid;
+      EXPECT_EQ(out, nullptr);
+      EXPECT_EQ(host.allocator->Live(), 0);
+      factory.Reset();
+      EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK) << std::hex << need.classId << " without " << iid;
+    }
+  }
+}
 
 TEST(LoadedModuleAlone, ARequiredServiceThatIsMissingOrFailsGivesItsCode) {
   for (const Need& need : kNeeds) {

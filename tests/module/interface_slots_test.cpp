@@ -10,10 +10,14 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "module/module_host.h"
+#include "process_manager/application_manager_facade.h"
+#include "process_manager/file_name_mapping.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/user_language.h"
 
 namespace {
 
@@ -228,6 +232,76 @@ TEST_F(InterfaceSlots, OfTheMetaInformation) {
   EXPECT_TRUE(source.excluded.empty());
   CallSlot<void>(raw, 2, created);
   m_host.host.allocator->Free(created);
+}
+
+TEST_F(InterfaceSlots, OfTheApplications) {
+  namespace applications = system_interceptors::application_manager_facade;
+  zym::intrusive_ptr<applications::IApplicationManager> manager;
+  ASSERT_EQ(m_host.module.Make(qor::class_ids::kApplicationManager, m_host.host.locator.get(), manager),
+            zym::ZYM_OK);
+  void* const object = manager.get();
+  const std::uint32_t id = 42;
+  void* application = nullptr;
+  EXPECT_EQ(CallSlot<Result>(object, 3, &id, std::uint32_t{1}, &application), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("CreateApplication() id: 42, priority: 1"));
+  void* opened = nullptr;
+  EXPECT_EQ(CallSlot<Result>(object, 5, &id, &opened), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("OpenApplication() id: 42"));
+  EXPECT_EQ(opened, application);
+  CallSlot<std::uint32_t>(opened, 1);
+  EXPECT_EQ(CallSlot<Result>(object, 4, &id), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("DeleteApplication() id: 42"));
+
+  void* none = nullptr;
+  EXPECT_EQ(CallSlot<Result>(application, 3, &none), zym::ZYM_E_NO_INTERFACE) << "none is registered";
+  EXPECT_TRUE(TracedAnew("Cannot get si_if::IInterceptor interface"));
+  EXPECT_EQ(CallSlot<std::uint32_t>(application, 1), 0U) << "the manager has let it go";
+}
+
+TEST_F(InterfaceSlots, OfTheMapperOfFileNames) {
+  zym::intrusive_ptr<system_interceptors::file_name_mapper::IFileNameMapper> mapper;
+  ASSERT_EQ(m_host.module.Make(qor::class_ids::kFileNameMapper, m_host.host.locator.get(), mapper),
+            zym::ZYM_OK);
+  void* const first = mapper.get();
+  void* const second = Query(mapper.get(), 0x32dda863);
+  void* const third = Query(mapper.get(), 0xde5b3c97);
+  const char16_t* const name = u"/a/../b";
+  const zym::types::string16_t text = name;
+  zym::types::string16_t out;
+  const auto taken = [&out] { return std::exchange(out, {}); };
+
+  EXPECT_EQ(CallSlot<Result>(first, 3, &text, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), name);
+  EXPECT_EQ(CallSlot<Result>(first, 4, name, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), name);
+  EXPECT_EQ(CallSlot<Result>(first, 5, name, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), u"/b") << "5 normalises";
+
+  const std::u16string_view range(name, 5);
+  EXPECT_EQ(CallSlot<Result>(second, 3, range, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), u"/a/..");
+  EXPECT_EQ(CallSlot<Result>(second, 4, range, &out, std::uint32_t{0}), zym::ZYM_OK);
+  EXPECT_EQ(taken(), u"/a/..");
+  EXPECT_EQ(CallSlot<Result>(second, 4, range, &out, std::uint32_t{1}), zym::ZYM_OK);
+  EXPECT_EQ(taken(), u"/") << "mode 1 normalises";
+
+  EXPECT_EQ(CallSlot<Result>(third, 3, name, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), name);
+  EXPECT_EQ(CallSlot<Result>(third, 4, std::uint64_t{7}, name, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), name);
+  EXPECT_EQ(CallSlot<Result>(third, 5, name, &out), zym::ZYM_OK);
+  EXPECT_EQ(taken(), name);
+}
+
+TEST_F(InterfaceSlots, OfTheUsersLanguage) {
+  m_host.host.startupData->data.localization = u"tlh";
+  zym::intrusive_ptr<qor::process_manager::IProcessUserLocalizationProvider> languages;
+  ASSERT_EQ(m_host.module.Make(qor::class_ids::kProcessUserLocalizationProvider, m_host.host.locator.get(),
+                               languages),
+            zym::ZYM_OK);
+  zym::types::string16_t localization;
+  EXPECT_EQ(CallSlot<Result>(languages.get(), 3, qor::PidType{4'194'305}, &localization), zym::ZYM_OK);
+  EXPECT_EQ(localization, u"tlh") << "nobody has this pid";
 }
 
 TEST_F(InterfaceSlots, OfTheReaderOfProc) {

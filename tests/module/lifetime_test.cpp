@@ -11,12 +11,16 @@
 #include <vector>
 
 #include "module/module_host.h"
+#include "process_manager/application_manager_facade.h"
+#include "process_manager/file_name_mapping.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/user_language.h"
 #include "support/own_process.h"
 
 namespace {
 
 using namespace test_support;
+using system_interceptors::application_manager_facade::IApplicationManager;
 
 TEST(ModuleLifetime, NoThreadAndNoDescriptorIsLeftAndTheModuleCanBeLoadedAgain) {
   const auto round = [] {
@@ -45,6 +49,16 @@ TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
               zym::ZYM_OK);
     zym::intrusive_ptr<qor::procfs::IParser> local;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kLocalProcParser, locator, local), zym::ZYM_OK);
+    zym::intrusive_ptr<IApplicationManager> applications;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kApplicationManager, locator, applications),
+              zym::ZYM_OK);
+    zym::intrusive_ptr<system_interceptors::application_manager_facade::IApplication> application;
+    EXPECT_EQ(applications->CreateApplication(1, {}, application.Ref()), zym::ZYM_OK);
+    zym::intrusive_ptr<dorp::IFileNameMapper> mapper;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kFileNameMapper, locator, mapper), zym::ZYM_OK);
+    zym::intrusive_ptr<qor::process_manager::IProcessUserLocalizationProvider> languages;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessUserLocalizationProvider, locator, languages),
+              zym::ZYM_OK);
     zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
     EXPECT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
   };
@@ -63,8 +77,10 @@ TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
 TEST(ModuleLifetime, AnAllocatorThatFailsAtAnyCallLeavesNothing) {
   const LoadedModule module;
   const FakeHost host;
-  for (const std::uint32_t classId : {qor::class_ids::kTypeDescriptorStaticRegistry,
-                                      qor::class_ids::kProcParser, qor::class_ids::kLocalProcParser}) {
+  for (const std::uint32_t classId :
+       {qor::class_ids::kApplicationManager, qor::class_ids::kFileNameMapper,
+        qor::class_ids::kTypeDescriptorStaticRegistry, qor::class_ids::kProcessUserLocalizationProvider,
+        qor::class_ids::kProcParser, qor::class_ids::kLocalProcParser}) {
     bool made = false;
     for (std::uint64_t call = 0; !made; ++call) {
       ASSERT_LT(call, 100U);

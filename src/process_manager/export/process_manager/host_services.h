@@ -18,6 +18,8 @@ struct StartupData {
   std::uint32_t environCapturing = 1;  // the value that turns environment capturing on in the exec listener
   std::uint8_t fanotifyAvailable = 0;  // the kernel lets this process watch with fanotify
   std::uint8_t startedByWatchdog = 0;  // the parent of this process is the product's watchdog
+  // The language of the product, as ProcessUserLocalizationProvider names one: "en", "zh-hans".
+  zym::types::string16_t localization;
 };
 
 struct IStartupDataProvider : zym::IObject {

@@ -1,0 +1,56 @@
+// Patterns of paths: what the module asks the host to test. The language of the patterns is the host's own;
+// the module passes them on unchanged.
+#pragma once
+
+#include "process_manager/types.h"
+#include "zym/containers.h"
+#include "zym/iobject.h"
+
+namespace qor {
+
+using PathList = zym::types::vector_t<NativePath>;
+
+// Any thread. A text may be any bytes. Both tests: ZYM_OK, the text matches; ZYM_FALSE, it does not.
+struct IPathMatcher : zym::IObject {
+  // A whole path: the image of a process; for a mount matcher, a mount point.
+  virtual zym::result_t Match(const NativePath& path) = 0;
+  // A name that is no path, tested with the patterns of names alone: the name of a file; for a mount matcher,
+  // the type of a file system.
+  virtual zym::result_t MatchName(const NativePath& name) = 0;
+
+ protected:
+  ~IPathMatcher() = default;
+};
+
+// Makes matchers, which are fixed from then on. Any thread. The module calls CreateMountMatcher and
+// CreatePathMatcher. ZYM_E_INVALID_ARGUMENT, with `matcher` left alone: a pattern is none of the host's
+// language. An empty list makes a matcher that matches nothing.
+struct IPathMatcherFactory : zym::IObject {
+  static constexpr zym::iid_t kIid = 0x38514cf7;
+
+  // ZYM_OK: a pattern that every operation below takes.
+  virtual zym::result_t CheckPattern(const NativePath& pattern) = 0;
+  // Texts that stand for themselves, whatever characters they hold.
+  virtual zym::result_t CreateExactMatcher(const PathList& texts, IPathMatcher** matcher) = 0;
+  // Directories, which stand for themselves and for all that lies below them. No pattern has a meaning in
+  // them.
+  virtual zym::result_t CreateTreeMatcher(const PathList& directories, IPathMatcher** matcher) = 0;
+  // As CreatePathMatcher, and nothing that `exceptions` match.
+  virtual zym::result_t CreateExceptingMatcher(const PathList& patterns, const PathList& exceptions,
+                                               IPathMatcher** matcher) = 0;
+  // Match takes a mount point, MatchName the type of a file system. A pattern of paths has a say in the first
+  // alone, a pattern of names in the second alone. What `exceptions` match doesn't match.
+  virtual zym::result_t CreateMountMatcher(const PathList& excluded, const PathList& exceptions,
+                                           IPathMatcher** matcher) = 0;
+  // Patterns of names alone; Match tests the last component of the path.
+  virtual zym::result_t CreateNameMatcher(const PathList& patterns, IPathMatcher** matcher) = 0;
+  // One pattern, as CreatePathMatcher.
+  virtual zym::result_t CreatePatternMatcher(const NativePath& pattern, IPathMatcher** matcher) = 0;
+  // Match tests the whole path with the patterns of paths, and its last component with the patterns of names.
+  virtual zym::result_t CreatePathMatcher(const PathList& patterns, IPathMatcher** matcher) = 0;
+
+ protected:
+  ~IPathMatcherFactory() = default;
+};
+
+}  // namespace qor
