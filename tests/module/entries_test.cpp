@@ -25,6 +25,8 @@ struct FactoryClass {
 // The classes of zymGetObjectFactory with the interfaces that they have beside 0.
 const std::vector<FactoryClass> kFactoryClasses = {
     {"TypeDescriptorStaticRegistry", 0x272f5652, {0xa53230cb, 0xfe7da4e6}},
+    {"ProcessModuleManager", 0xebdc6c5d, {0x177e50a8}},
+    {"ProcessMemoryFactory", 0x210cc261, {0x7203ba23}},
     {"ProcParser", 0x9faa28c0, {0xc9b36ad4}},
     {"LocalProcParser", 0xfc6a6123, {0xc9b36ad4}},
 };

@@ -12,6 +12,8 @@
 
 #include "module/module_host.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/process_memory.h"
+#include "process_manager/process_modules.h"
 #include "support/own_process.h"
 
 namespace {
@@ -43,6 +45,10 @@ TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
     zym::intrusive_ptr<zym::IMetaInfoProvider> registry;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kTypeDescriptorStaticRegistry, locator, registry),
               zym::ZYM_OK);
+    zym::intrusive_ptr<system_interceptors::process_manager::IProcessModuleManager> modules;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessModuleManager, locator, modules), zym::ZYM_OK);
+    zym::intrusive_ptr<system_interceptors::process_memory_manager::IProcessMemoryFactory> memories;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessMemoryFactory, locator, memories), zym::ZYM_OK);
     zym::intrusive_ptr<qor::procfs::IParser> local;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kLocalProcParser, locator, local), zym::ZYM_OK);
     zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
@@ -63,8 +69,10 @@ TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
 TEST(ModuleLifetime, AnAllocatorThatFailsAtAnyCallLeavesNothing) {
   const LoadedModule module;
   const FakeHost host;
-  for (const std::uint32_t classId : {qor::class_ids::kTypeDescriptorStaticRegistry,
-                                      qor::class_ids::kProcParser, qor::class_ids::kLocalProcParser}) {
+  for (const std::uint32_t classId :
+       {qor::class_ids::kTypeDescriptorStaticRegistry, qor::class_ids::kProcessModuleManager,
+        qor::class_ids::kProcessMemoryFactory, qor::class_ids::kProcParser,
+        qor::class_ids::kLocalProcParser}) {
     bool made = false;
     for (std::uint64_t call = 0; !made; ++call) {
       ASSERT_LT(call, 100U);

@@ -1,7 +1,10 @@
 // A process whose memory is known: it maps what a test wants to see, tells where that is and what is in it,
 // and stays until its standard input ends.
 //
-//   memory_actor FILE [LARGE]     FILE: of at least two pages; LARGE: bytes of one more mapping
+//   memory_actor FILE [LARGE DISTANCE]
+//
+// FILE: of at least two pages; LARGE: bytes of one more mapping, which has its own offset (u64) written at
+// each multiple of DISTANCE, and is never touched elsewhere.
 //
 // One line for each mapping: its name, address and length in hexadecimal, and its bytes as hexadecimal
 // digits, or "-" where the actor itself can't tell them. The last line is "ready".
@@ -22,7 +25,6 @@ namespace {
 
 constexpr std::size_t kPage = 4096;
 constexpr std::uintptr_t kBelowFourGiB = 0x20000000;
-constexpr std::size_t kStampDistance = 1 << 20;
 
 [[noreturn]] void Fail(const char* what) {
   std::perror(what);
@@ -111,9 +113,9 @@ void TellKernelMappings() {
   std::fclose(maps);
 }
 
-void MapLarge(std::size_t size) {
+void MapLarge(std::size_t size, std::size_t distance) {
   std::uint8_t* const large = Map(size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE);
-  for (std::uint64_t offset = 0; offset < size; offset += kStampDistance)
+  for (std::uint64_t offset = 0; offset < size; offset += distance)
     std::memcpy(large + offset, &offset, sizeof(offset));
   Tell("large", large, size, nullptr);
 }
@@ -137,7 +139,7 @@ int main(int argc, char** argv) {
   MapData(file);
   MapCode(file);
   TellKernelMappings();
-  if (argc > 2) MapLarge(std::strtoull(argv[2], nullptr, 0));
+  if (argc > 3) MapLarge(std::strtoull(argv[2], nullptr, 0), std::strtoull(argv[3], nullptr, 0));
   MapEdge();
   std::printf("ready\n");
   std::fflush(stdout);

@@ -37,12 +37,15 @@ std::string FileContent() {
 
 }  // namespace
 
-MemoryActor::MemoryActor(std::uint64_t large) : m_file(m_directory.Write("mapped file.so", FileContent())) {
+MemoryActor::MemoryActor(std::uint64_t large, std::uint64_t distance)
+    : m_file(m_directory.Write("mapped file.so", FileContent())) {
   auto [inputRead, inputWrite] = MakePipe();
   auto [outputRead, outputWrite] = MakePipe();
   std::string program = MEMORY_ACTOR_PROGRAM;
   std::string size = std::to_string(large);
-  char* const arguments[] = {program.data(), m_file.data(), large != 0 ? size.data() : nullptr, nullptr};
+  std::string step = std::to_string(distance);
+  char* const arguments[] = {program.data(), m_file.data(), large != 0 ? size.data() : nullptr, step.data(),
+                             nullptr};
   m_pid = ::fork();
   if (m_pid < 0) throw std::runtime_error("cannot fork");
   if (m_pid == 0) {

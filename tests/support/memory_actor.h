@@ -24,9 +24,9 @@ class MemoryActor {
     std::optional<std::vector<std::uint8_t>> bytes;  // absent: the actor can't tell
   };
 
-  // `large`: bytes of the mapping "large", which has its own offset (u64) at each MiB; 0: there is none.
-  // Throws std::runtime_error when the actor doesn't get ready.
-  explicit MemoryActor(std::uint64_t large = 0);
+  // `large`: bytes of the mapping "large", which has its own offset (u64) at each multiple of `distance`, and
+  // is untouched elsewhere; 0: there is none. Throws std::runtime_error when the actor doesn't get ready.
+  explicit MemoryActor(std::uint64_t large = 0, std::uint64_t distance = 1 << 20);
   ~MemoryActor();
   MemoryActor(const MemoryActor&) = delete;
   MemoryActor& operator=(const MemoryActor&) = delete;

@@ -14,6 +14,8 @@ namespace qor::class_ids {
 
 // For zymGetObjectFactory.
 inline constexpr std::uint32_t kTypeDescriptorStaticRegistry = 0x272f5652;  // IMetaInfoProvider
+inline constexpr std::uint32_t kProcessModuleManager = 0xebdc6c5d;          // IProcessModuleManager
+inline constexpr std::uint32_t kProcessMemoryFactory = 0x210cc261;          // IProcessMemoryFactory
 inline constexpr std::uint32_t kProcParser = 0x9faa28c0;                    // procfs::IParser
 inline constexpr std::uint32_t kLocalProcParser = 0xfc6a6123;               // procfs::IParser
 
