@@ -5,6 +5,7 @@
 #include "host/failure.h"
 #include "host/services/metrics.h"
 #include "host/services/path_matching.h"
+#include "host/services/process_suspender.h"
 #include "host/services/services.h"
 #include "host/services/tracer.h"
 #include "process_manager/procfs.h"
@@ -30,6 +31,7 @@ void AddServices(ServiceLocator& locator, const GlobalOptions& options) {
   locator.Add<qor::IFeatureLookup>(zym::CreateObject<FeatureLookup>(options.features));
   locator.Add<qor::IProductValues>(zym::CreateObject<ProductValues>());
   locator.Add<qor::IQorTaskManager>(zym::CreateObject<TaskManager>());
+  locator.Add<qor::IQorProcessSuspender>(zym::CreateObject<ProcessSuspender>());
   const auto metrics = zym::CreateObject<Metrics>();
   locator.Add<zym::telemetry::IMetricSource>(metrics);
   locator.Add<zym::telemetry::IMetricsRegistry>(metrics);

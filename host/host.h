@@ -22,6 +22,12 @@ class Host {
   // The facade of all event sources; made at the first call.
   zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> GetInterceptor();
 
+  // A further object of one of the module's factories. Throws Failure.
+  template <class I>
+  zym::intrusive_ptr<I> Make(std::uint32_t classId, const char* what) const {
+    return m_module.Make<I>(classId, m_locator.get(), what);
+  }
+
   [[nodiscard]] const zym::intrusive_ptr<qor::IFeatureTechsAggregator>& GetFeatures() const {
     return m_features;
   }

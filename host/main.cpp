@@ -9,6 +9,8 @@
 #include <string>
 
 #include "host/commands/features.h"
+#include "host/commands/memory.h"
+#include "host/commands/modules.h"
 #include "host/commands/os.h"
 #include "host/commands/watch.h"
 #include "host/options.h"
@@ -53,6 +55,38 @@ void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector
   app.fallthrough();
 }
 
+void AddPid(CLI::App& command, std::uint32_t& pid) {
+  command.add_option("PID", pid, "The process")->required()->check(CLI::Range(1U, 0x7fffffffU));
+}
+
+// `numbers` keeps the texts of ADDRESS and LENGTH.
+CLI::App& AddMemory(CLI::App& app, pmhost::MemoryOptions& options, std::vector<std::string>& numbers) {
+  CLI::App& command =
+      *app.add_subcommand("memory", "Tell the regions of a process's memory, or what is in it");
+  AddPid(command, options.pid);
+  const CLI::Validator number(
+      [](const std::string& text) {
+        return pmhost::ParseMemoryNumber(text) ? std::string() : text + " is no number: 4096, or 0x1000";
+      },
+      "");
+  CLI::Option* const read = command.add_option("--read", numbers, "Print LENGTH bytes at ADDRESS")
+                                ->type_name("ADDRESS LENGTH")
+                                ->expected(2)
+                                ->check(number);
+  command.add_flag("--raw", options.raw, "Print the bytes as they are, and not as a hex dump")->needs(read);
+  return command;
+}
+
+// Throws CLI::ValidationError.
+void TakeRange(pmhost::MemoryOptions& options, const std::vector<std::string>& numbers) {
+  if (numbers.size() != 2) return;
+  const pmhost::MemoryRange range{.address = pmhost::ParseMemoryNumber(numbers[0]).value(),
+                                  .length = pmhost::ParseMemoryNumber(numbers[1]).value()};
+  if (range.address + range.length < range.address)
+    throw CLI::ValidationError("--read", "the range goes beyond the last address");
+  options.read = range;
+}
+
 int Run(int argc, char** argv) {
   pmhost::GlobalOptions global;
   pmhost::WatchOptions watch;
@@ -73,6 +107,17 @@ int Run(int argc, char** argv) {
   watchCommand.add_option("--count", watch.count, "End after so many events")
       ->type_name("N")
       ->check(CLI::PositiveNumber);
+  pmhost::MemoryOptions memory;
+  std::vector<std::string> numbers;
+  AddMemory(app, memory, numbers).callback([&] {
+    TakeRange(memory, numbers);
+    if (memory.raw && global.json) throw CLI::ValidationError("--raw", "excludes --json");
+    command = [&] { pmhost::ShowMemory(global, memory); };
+  });
+  std::uint32_t modulesPid = 0;
+  CLI::App& modulesCommand = *app.add_subcommand("modules", "Tell the code that is loaded in a process");
+  AddPid(modulesCommand, modulesPid);
+  modulesCommand.callback([&] { command = [&] { pmhost::ShowModules(global, modulesPid); }; });
   app.add_subcommand("os", "Tell what the module thinks it runs on")->callback([&] {
     command = [&] { pmhost::ShowOs(global); };
   });

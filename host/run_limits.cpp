@@ -51,13 +51,21 @@ RunLimits::RunLimits(std::optional<double> seconds) {
 }
 
 void RunLimits::Wait() {
+  static_cast<void>(Poll(-1));
+}
+
+// False: nothing came in so many milliseconds.
+bool RunLimits::Poll(int timeout) const {
   pollfd descriptors[] = {
       {.fd = m_finished.GetDescriptor(), .events = POLLIN, .revents = 0},
       {.fd = m_signals.Get(), .events = POLLIN, .revents = 0},
       {.fd = m_timer.Get(), .events = POLLIN, .revents = 0},  // -1 is passed over by poll
   };
-  while (::poll(descriptors, std::size(descriptors), -1) < 0 && errno == EINTR) {
-  }
+  int ready = 0;
+  do {
+    ready = ::poll(descriptors, std::size(descriptors), timeout);
+  } while (ready < 0 && errno == EINTR);
+  return ready != 0;
 }
 
 }  // namespace pmhost

@@ -24,8 +24,12 @@ class RunLimits {
 
   // Returns when the command is to end.
   void Wait();
+  // The command is to end now.
+  [[nodiscard]] bool AreReached() const { return Poll(0); }
 
  private:
+  bool Poll(int timeout) const;
+
   qor::DescriptorNotifier m_finished;
   qor::UniqueFd m_signals;
   qor::UniqueFd m_timer;  // empty: no limit

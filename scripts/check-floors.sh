@@ -23,7 +23,7 @@ contract  process_manager/export/*
 2         process_manager/tools* process_manager/interpreter* process_manager/elf_file*
 2         process_manager/process_cache* process_manager/process_information* process_manager/process_control*
 2         process_manager/user_localization* process_manager/file_name_*
-2         process_manager/process_manager* process_manager/process_memory* process_manager/module_manager*
+2         process_manager/process_manager* process_manager/process_memory* process_manager/process_module*
 '
 
 # Outside src/: trees that stand where a host stands. They include the SDK, the headers that the libraries export, and

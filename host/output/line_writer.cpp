@@ -1,6 +1,5 @@
 #include "host/output/line_writer.h"
 
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -10,29 +9,13 @@
 #include <cstring>
 
 #include "host/failure.h"
+#include "host/output/write_all.h"
 
 namespace pmhost {
 namespace {
 
 constexpr std::size_t kLargeEnough = 64 * 1024;
 constexpr std::chrono::milliseconds kOldEnough{50};
-
-// Waits for a slow reader where the descriptor would not. 0, or the errno.
-int WriteAll(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(fd, text.data(), text.size());
-    const int error = count < 0 ? errno : 0;
-    if (error == EAGAIN) {
-      pollfd writable{.fd = fd, .events = POLLOUT, .revents = 0};
-      ::poll(&writable, 1, -1);
-    } else if (error != 0 && error != EINTR) {
-      return error;
-    } else if (error == 0) {
-      text.remove_prefix(static_cast<std::size_t>(count));
-    }
-  }
-  return 0;
-}
 
 }  // namespace
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "zym/utf.h"
+#include "host/output/shown_text.h"
 
 namespace pmhost {
 namespace {
@@ -68,28 +68,13 @@ class JsonPrinter final : public ProcessEventPrinter {
   TimeText m_time;
 };
 
-// Text for a terminal: what would move the cursor is shown as an escape, and what is no text by a mark.
-void AppendShown(std::string& out, std::u16string_view text) {
-  while (!text.empty()) {
-    const char32_t point = zym::TakeCodePoint(text).value_or(U'\uFFFD');
-    if (point < 0x20 || (point >= 0x7f && point < 0xa0)) {
-      char escape[8];
-      std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned>(point));
-      out += escape;
-    } else {
-      char bytes[4];
-      out.append(bytes, zym::EncodeUtf8(point, bytes));
-    }
-  }
-}
-
 class ColumnPrinter final : public ProcessEventPrinter {
  public:
   explicit ColumnPrinter(std::size_t width) : m_width(width) {}
 
   std::string_view Heading() override {
     m_text = "TIME             EVENT      PID    PPID    USER  UNIQUE PID            PATH: COMMAND LINE";
-    Cut();
+    CutToWidth(m_text, m_width);
     return m_text;
   }
 
@@ -108,7 +93,7 @@ class ColumnPrinter final : public ProcessEventPrinter {
       m_text += ": ";
       AppendShown(m_text, *event.commandLine);
     }
-    Cut();
+    CutToWidth(m_text, m_width);
     return m_text;
   }
 
@@ -120,16 +105,6 @@ class ColumnPrinter final : public ProcessEventPrinter {
 
   static std::string Shown(std::optional<std::uint64_t> number) {
     return number ? std::to_string(*number) : "?";
-  }
-
-  // To so many characters, not bytes.
-  void Cut() {
-    if (m_width == 0) return;
-    std::size_t characters = 0;
-    for (std::size_t i = 0; i < m_text.size(); ++i) {
-      const bool begins = (static_cast<unsigned char>(m_text[i]) & 0xc0U) != 0x80;
-      if (begins && ++characters > m_width) return m_text.resize(i);
-    }
   }
 
   const std::size_t m_width;

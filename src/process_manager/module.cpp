@@ -10,6 +10,8 @@
 #include "process_manager/meta_info_registry.h"
 #include "process_manager/proc_parser.h"
 #include "process_manager/process_cache.h"
+#include "process_manager/process_memory_factory.h"
+#include "process_manager/process_module_manager.h"
 #include "process_manager/user_localization.h"
 #include "zym/generic_object_factory.h"
 #include "zym/module_counter.h"
@@ -40,7 +42,9 @@ constexpr auto kFactories = std::to_array<FactoryRow>({
     {class_ids::kFileNameMapper, &MakeFactory<FileNameMapper>},
     {class_ids::kTypeDescriptorStaticRegistry,
      &MakeFactory<MetaInfoDescriptorsNamespace::TypeDescriptorStaticRegistry>},
+    {class_ids::kProcessModuleManager, &MakeFactory<ProcessModuleManager>},
     {class_ids::kProcessUserLocalizationProvider, &MakeFactory<ProcessUserLocalizationProvider>},
+    {class_ids::kProcessMemoryFactory, &MakeFactory<qor::process_memory_manager::ProcessMemoryFactory>},
     {class_ids::kProcParser, &MakeFactory<qor::procfs::ProcParser>},
     {class_ids::kLocalProcParser, &MakeFactory<qor::procfs::LocalProcParser>},
 });

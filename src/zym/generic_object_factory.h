@@ -20,20 +20,41 @@ inline result_t ConstructionExceptionToResult(IServiceLocator* locator, std::str
   return ExceptionToResult(tracer.get(), prefix);
 }
 
+namespace detail {
+
+template <class T, class Instance, class... Args>
+result_t CreateInstance(IServiceLocator* locator, intrusive_ptr<T>& out, Args&&... args) try {
+  intrusive_ptr<IAllocator> allocator;
+  if (const result_t result = GetInterface(locator, allocator.Ref()); !ZYM_SUCCEEDED(result)) return result;
+  auto object = intrusive_ptr<T>::Attach(new (allocator.get())
+                                             Instance(locator, allocator.get(), std::forward<Args>(args)...));
+  if constexpr (HasFinalConstruct<T>) {
+    if (const result_t result = object->FinalConstruct(); !ZYM_SUCCEEDED(result)) return result;
+  }
+  out = std::move(object);
+  return ZYM_OK;
+} catch (...) {
+  return ConstructionExceptionToResult(locator, kConstructionPrefix);
+}
+
+}  // namespace detail
+
+// Makes a host-allocated object of T, as a factory does, for an owner within the module that knows what T is
+// made of beside the locator. On failure, which is traced, `out` is as it was.
+template <class T, class... Args>
+result_t CreateHostAllocated(IServiceLocator* locator, intrusive_ptr<T>& out, Args&&... args) {
+  return detail::CreateInstance<T, Object<T, LocatorObjectFactory>>(locator, out,
+                                                                    std::forward<Args>(args)...);
+}
+
 template <class T, class Instance>
 class GenericObjectFactory : public ObjectRootEx<NoServiceStrategy>, public object::Ifaces<IObjectFactory> {
  public:
-  result_t CreateInstance(IServiceLocator* locator, iid_t iid, void** out) override try {
-    intrusive_ptr<IAllocator> allocator;
-    if (const result_t result = GetInterface(locator, allocator.Ref()); !ZYM_SUCCEEDED(result)) return result;
-    auto* const object = new (allocator.get()) Instance(locator, allocator.get());
-    const auto creationReference = intrusive_ptr<Instance>::Attach(object);
-    if constexpr (detail::HasFinalConstruct<T>) {
-      if (const result_t result = object->FinalConstruct(); !ZYM_SUCCEEDED(result)) return result;
-    }
+  result_t CreateInstance(IServiceLocator* locator, iid_t iid, void** out) override {
+    intrusive_ptr<T> object;
+    if (const result_t result = detail::CreateInstance<T, Instance>(locator, object); !ZYM_SUCCEEDED(result))
+      return result;
     return object->QueryInterface(iid, out);
-  } catch (...) {
-    return ConstructionExceptionToResult(locator, kConstructionPrefix);
   }
 };
 

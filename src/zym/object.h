@@ -145,13 +145,16 @@ class ObjectImpl final : private ObjectModuleAutoLockTyped<T>, public T, private
 template <class T, class Strategy>
 class Object;
 
-// Made by a factory. Keeps the allocator, so that it can free itself after its own destructor has run.
+// Made from a locator and what else T asks for. Keeps the allocator, so that it can free itself after its own
+// destructor has run.
 template <class T>
 class Object<T, LocatorObjectFactory> final : private ObjectModuleAutoLockTyped<T>,
                                               public T,
                                               private detail::RefCounter {
  public:
-  Object(IServiceLocator* locator, IAllocator* allocator) : T(locator), m_allocator(allocator) {}
+  template <class... Args>
+  Object(IServiceLocator* locator, IAllocator* allocator, Args&&... args)
+      : T(locator, std::forward<Args>(args)...), m_allocator(allocator) {}
 
   std::uint32_t AddRef() noexcept override { return Increment(); }
 

@@ -17,7 +17,10 @@
 #include "process_manager/application_manager_facade.h"
 #include "process_manager/file_name_mapping.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/process_memory.h"
+#include "process_manager/process_modules.h"
 #include "process_manager/user_language.h"
+#include "support/fake_process_control.h"
 
 namespace {
 
@@ -374,6 +377,92 @@ TEST_F(InterfaceSlots, OfTheReaderOfProc) {
   std::uint64_t mountNamespace = 0;
   EXPECT_EQ(CallSlot<Result>(object, 21, self, &mountNamespace), zym::ZYM_OK);
   EXPECT_NE(mountNamespace, 0U);
+}
+
+TEST_F(InterfaceSlots, OfTheMemoryOfAProcess) {
+  namespace memory = system_interceptors::process_memory_manager;
+  zym::intrusive_ptr<memory::IProcessMemoryFactory> factory;
+  ASSERT_EQ(m_host.module.Make(qor::class_ids::kProcessMemoryFactory, m_host.host.locator.get(), factory),
+            zym::ZYM_OK);
+  const auto control = zym::CreateObject<FakeProcessControl>(static_cast<qor::PidType>(::getpid()));
+  void* const rawControl = static_cast<system_interceptors::process_manager::IProcessControl*>(control.get());
+  void* object = nullptr;
+  ASSERT_EQ(CallSlot<Result>(factory.get(), 3, rawControl, &object), zym::ZYM_OK);
+  const auto owner = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(object));
+  EXPECT_EQ(Query(owner.get(), 0xb3f8c301), object);
+
+  memory::ProcessMemoryRegionInformation region;
+  EXPECT_EQ(CallSlot<Result>(object, 4, std::uint64_t{0}, &region), zym::ZYM_OK);
+  EXPECT_NE(region.baseAddress, 0U);
+  zym::types::string16_t path;
+  EXPECT_EQ(CallSlot<Result>(object, 5, region.baseAddress, &path), zym::ZYM_OK);
+  const std::uint64_t value = 0x1122334455667788;
+  std::uint64_t copy = 0;
+  const zym::types::blob_range_t to{reinterpret_cast<std::uint8_t*>(&copy),
+                                    reinterpret_cast<std::uint8_t*>(&copy + 1)};
+  EXPECT_EQ(CallSlot<Result>(object, 6, reinterpret_cast<std::uint64_t>(&value), &to), zym::ZYM_OK);
+  EXPECT_EQ(copy, value);
+  EXPECT_EQ(CallSlot<Result>(object, 7, reinterpret_cast<std::uint64_t>(&value), &to),
+            zym::ZYM_E_NOT_IMPLEMENTED);
+
+  void* enumerator = nullptr;
+  ASSERT_EQ(CallSlot<Result>(object, 3, &enumerator), zym::ZYM_OK);
+  const auto enumeratorOwner =
+      zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(enumerator));
+  EXPECT_EQ(Query(enumeratorOwner.get(), 0x24d84ebc), enumerator);
+  memory::ProcessMemoryRegionInformation first;
+  memory::ProcessMemoryRegionInformation second;
+  EXPECT_EQ(CallSlot<Result>(enumerator, 3, &first), zym::ZYM_OK);
+  EXPECT_EQ(first.baseAddress, region.baseAddress);
+  EXPECT_EQ(CallSlot<Result>(enumerator, 3, &second), zym::ZYM_OK);
+  EXPECT_GT(second.baseAddress, first.baseAddress);
+  EXPECT_EQ(CallSlot<Result>(enumerator, 4), zym::ZYM_OK);
+  EXPECT_EQ(CallSlot<Result>(enumerator, 3, &second), zym::ZYM_OK);
+  EXPECT_EQ(second.baseAddress, first.baseAddress);
+}
+
+TEST_F(InterfaceSlots, OfTheModulesOfAProcess) {
+  namespace process = system_interceptors::process_manager;
+  zym::intrusive_ptr<process::IProcessModuleManager> manager;
+  ASSERT_EQ(m_host.module.Make(qor::class_ids::kProcessModuleManager, m_host.host.locator.get(), manager),
+            zym::ZYM_OK);
+  const auto self = static_cast<qor::PidType>(::getpid());
+  void* enumerator = nullptr;
+  ASSERT_EQ(CallSlot<Result>(manager.get(), 3, self, &enumerator), zym::ZYM_OK);
+  const auto enumeratorOwner =
+      zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(enumerator));
+  EXPECT_EQ(Query(enumeratorOwner.get(), 0xdd01a982), enumerator);
+  void* listed = nullptr;
+  ASSERT_EQ(CallSlot<Result>(enumerator, 3, &listed), zym::ZYM_OK);
+  const auto listedOwner = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(listed));
+  EXPECT_EQ(Query(listedOwner.get(), 0x3557339b), listed);
+  zym::types::string16_t path;
+  EXPECT_EQ(CallSlot<Result>(listed, 3, &path), zym::ZYM_OK);
+  EXPECT_NE(path.find(u"module_tests"), zym::types::string16_t::npos);
+  std::uint64_t base = 0;
+  EXPECT_EQ(CallSlot<Result>(listed, 4, &base), zym::ZYM_OK);
+  std::uint64_t size = 0;
+  EXPECT_EQ(CallSlot<Result>(listed, 5, &size), zym::ZYM_OK);
+  EXPECT_NE(size, base);
+  process::ProcessModuleInformation information;
+  EXPECT_EQ(CallSlot<Result>(listed, 6, &information), zym::ZYM_OK);
+  EXPECT_EQ(information.imagePath, path);
+  EXPECT_EQ(information.baseAddress, base);
+  EXPECT_EQ(information.size, size);
+
+  EXPECT_EQ(CallSlot<Result>(enumerator, 4), zym::ZYM_OK);
+  void* again = nullptr;
+  ASSERT_EQ(CallSlot<Result>(enumerator, 3, &again), zym::ZYM_OK);
+  const auto againOwner = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(again));
+  void* byAddress = nullptr;
+  ASSERT_EQ(CallSlot<Result>(manager.get(), 4, self, static_cast<const std::uint64_t*>(&base), &byAddress),
+            zym::ZYM_OK);
+  const auto byAddressOwner = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(byAddress));
+  for (void* const module : {again, byAddress}) {
+    std::uint64_t other = 0;
+    EXPECT_EQ(CallSlot<Result>(module, 4, &other), zym::ZYM_OK);
+    EXPECT_EQ(other, base);
+  }
 }
 
 TEST_F(InterfaceSlots, OfTheCache) {

@@ -13,6 +13,8 @@
 #include "process_manager/application_manager_facade.h"
 #include "process_manager/file_name_mapping.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/process_memory.h"
+#include "process_manager/process_modules.h"
 #include "support/actor.h"
 #include "process_manager/user_language.h"
 #include "support/own_process.h"
@@ -47,6 +49,10 @@ TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
     zym::intrusive_ptr<zym::IMetaInfoProvider> registry;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kTypeDescriptorStaticRegistry, locator, registry),
               zym::ZYM_OK);
+    zym::intrusive_ptr<system_interceptors::process_manager::IProcessModuleManager> modules;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessModuleManager, locator, modules), zym::ZYM_OK);
+    zym::intrusive_ptr<system_interceptors::process_memory_manager::IProcessMemoryFactory> memories;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessMemoryFactory, locator, memories), zym::ZYM_OK);
     zym::intrusive_ptr<qor::procfs::IParser> local;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kLocalProcParser, locator, local), zym::ZYM_OK);
     zym::intrusive_ptr<IApplicationManager> applications;
@@ -79,7 +85,8 @@ TEST(ModuleLifetime, AnAllocatorThatFailsAtAnyCallLeavesNothing) {
   const FakeHost host;
   for (const std::uint32_t classId :
        {qor::class_ids::kApplicationManager, qor::class_ids::kFileNameMapper,
-        qor::class_ids::kTypeDescriptorStaticRegistry, qor::class_ids::kProcessUserLocalizationProvider,
+        qor::class_ids::kTypeDescriptorStaticRegistry, qor::class_ids::kProcessModuleManager,
+        qor::class_ids::kProcessUserLocalizationProvider, qor::class_ids::kProcessMemoryFactory,
         qor::class_ids::kProcParser, qor::class_ids::kLocalProcParser}) {
     bool made = false;
     for (std::uint64_t call = 0; !made; ++call) {

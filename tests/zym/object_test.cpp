@@ -61,6 +61,16 @@ class NeedsTracer : public object::Ifaces<>, public ServiceProvider<IServiceLoca
   explicit NeedsTracer(IServiceLocator* locator) : ServiceProvider(locator) {}
 };
 
+// Made by an owner that knows what it is made of beside the locator.
+class Numbered : public Thing {
+ public:
+  Numbered(IServiceLocator* locator, int number) : Thing(locator), m_number(number) {}
+  int Other() override { return m_number; }
+
+ private:
+  const int m_number;
+};
+
 class ObjectTest : public testing::Test {
  protected:
   ObjectTest() { g_script = {}; }
@@ -198,6 +208,33 @@ TEST_F(ObjectTest, AConstructorThatNeedsAMissingServiceGivesTheLocatorsCode) {
   m_host.locator->FailWith(ITracer::kIid, ZYM_E_LOCKED);
   void* out = nullptr;
   EXPECT_EQ(factory->CreateInstance(m_host.locator.get(), 0, &out), ZYM_E_LOCKED);
+}
+
+TEST_F(ObjectTest, AnOwnerWithinTheModuleMakesAHostAllocatedObjectWithArgumentsOfItsOwn) {
+  intrusive_ptr<Numbered> numbered;
+  ASSERT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_OK);
+  EXPECT_EQ(numbered->Other(), 42);
+  EXPECT_EQ(m_host.allocator->Live(), 1);
+  EXPECT_EQ(numbered->AddRef(), 2U) << "one reference, and this one";
+  numbered->Release();
+  numbered.Reset();
+  EXPECT_EQ(g_script.finalReleases, 1);
+  EXPECT_EQ(m_host.allocator->Live(), 0);
+}
+
+TEST_F(ObjectTest, AHostAllocatedObjectThatCannotBeMadeLeavesTheOutParameterAlone) {
+  auto numbered = intrusive_ptr<Numbered>(CreateObject<Numbered>(nullptr, 7));
+  const std::int32_t before = Objects();
+  g_script.finalConstruct = ZYM_E_INVALID_STATE;
+  EXPECT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_E_INVALID_STATE);
+  EXPECT_EQ(g_script.finalReleases, 1);
+  g_script.throwInConstructor = true;
+  EXPECT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_E_INVALID_ARGUMENT);
+  EXPECT_TRUE(m_host.tracer->Has(trace::kFailure, "Exception during object construction: as the test asked"));
+  m_host.allocator->FailFrom(0);
+  EXPECT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_E_OUT_OF_MEMORY);
+  EXPECT_EQ(numbered->Other(), 7);
+  EXPECT_EQ(Objects(), before);
 }
 
 TEST(IntrusivePtr, CountsCopiesAndMovesNothingTwice) {

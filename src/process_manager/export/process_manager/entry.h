@@ -16,10 +16,12 @@ namespace qor::class_ids {
 inline constexpr std::uint32_t kApplicationManager = 0x2f9b276b;            // IApplicationManager
 inline constexpr std::uint32_t kFileNameMapper = 0x590aee12;                // IFileNameMapper
 inline constexpr std::uint32_t kTypeDescriptorStaticRegistry = 0x272f5652;  // IMetaInfoProvider
+inline constexpr std::uint32_t kProcessModuleManager = 0xebdc6c5d;          // IProcessModuleManager
 inline constexpr std::uint32_t kProcessUserLocalizationProvider =
-    0xe9e2637f;                                                // IProcessUserLocalizationProvider
-inline constexpr std::uint32_t kProcParser = 0x9faa28c0;       // procfs::IParser
-inline constexpr std::uint32_t kLocalProcParser = 0xfc6a6123;  // procfs::IParser
+    0xe9e2637f;                                                     // IProcessUserLocalizationProvider
+inline constexpr std::uint32_t kProcessMemoryFactory = 0x210cc261;  // IProcessMemoryFactory
+inline constexpr std::uint32_t kProcParser = 0x9faa28c0;            // procfs::IParser
+inline constexpr std::uint32_t kLocalProcParser = 0xfc6a6123;       // procfs::IParser
 
 // For zymCreateObject.
 inline constexpr std::uint32_t kInterceptor = 0x15aee499;                      // CreationRecord

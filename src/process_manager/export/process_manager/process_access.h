@@ -18,7 +18,17 @@ struct IProcessInformation : zym::IObject {
 };
 
 struct IProcessInformationEnumerator;
-struct IProcessControl;
+
+// Acts on one process. Any thread.
+struct IProcessControl : zym::IObject {
+  static constexpr zym::iid_t kIid = zym::IidOf("system_interceptors::process_manager::IProcessControl");
+
+  // What was known of the process when the object was made.
+  virtual zym::result_t GetInformation(IProcessInformation** information) = 0;
+
+ protected:
+  ~IProcessControl() = default;
+};
 
 // Any thread.
 struct IProcessManager : zym::IObject {

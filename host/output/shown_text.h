@@ -1,0 +1,17 @@
+// Text for a terminal.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace pmhost {
+
+// What would move the cursor is shown as an escape, and what is no text by a mark.
+void AppendShown(std::string& out, std::u16string_view text);
+void AppendShown(std::string& out, std::string_view utf8);
+
+// To so many characters, not bytes; 0: as it is.
+void CutToWidth(std::string& line, std::size_t width);
+
+}  // namespace pmhost
