@@ -66,6 +66,10 @@ bool HeapFaults::Fired() const {
   return g_fired;
 }
 
+bool HeapFaults::SeesAll() {
+  return TEST_HEAP_IS_A_SANITIZERS == 0;
+}
+
 std::int64_t HeapFaults::Live() {
   return g_live;
 }

@@ -30,6 +30,9 @@ class HeapFaults {
   // Some allocation found no memory.
   [[nodiscard]] bool Fired() const;
 
+  // Every allocation passes here, not operator new alone.
+  static bool SeesAll();
+
   // Allocations of the whole process that are not freed. Always 0 under a sanitizer, which looks for leaks
   // itself.
   static std::int64_t Live();

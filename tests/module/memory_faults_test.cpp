@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <set>
 #include <string>
@@ -19,6 +20,7 @@
 
 #include "module/fault_host.h"
 #include "qor_common/unique_fd.h"
+#include "support/child.h"
 #include "support/own_process.h"
 #include "support/threads.h"
 
@@ -47,13 +49,16 @@ struct Shortage {
 // No operation here needs nearly so many.
 constexpr std::uint64_t kTooMany = 3000;
 
-// Calls `round` with each shortage that there can be; it gives whether an allocation failed.
-void AtEachAllocation(const std::function<bool(Shortage)>& round) {
+// Calls `round` with each shortage that there can be, or with every `stride`th; it gives whether an
+// allocation failed.
+void AtEachAllocation(const std::function<bool(Shortage)>& round, std::uint64_t stride = 1) {
   for (const Failing failing : {Failing::kOnce, Failing::kFromThenOn}) {
     std::uint64_t call = 0;
-    while (call < kTooMany && round({failing, call}) && !testing::Test::HasFatalFailure()) ++call;
+    while (call < kTooMany && round({failing, call}) && !testing::Test::HasFailure()) call += stride;
     EXPECT_LT(call, kTooMany) << "it never ended";
-    EXPECT_GT(call, 0U) << "nothing was ever allocated: the test has no hold on it";
+    if (HeapFaults::SeesAll()) {
+      EXPECT_GT(call, 0U) << "nothing was ever allocated: the test has no hold on it";
+    }
   }
 }
 
@@ -315,8 +320,8 @@ TEST(MemoryFaults, EachOperationOfADescriptorDoesItsWorkOrSaysThatItCant) {
 TEST(MemoryFaults, EachReadOfProcGivesAResultAndLetsNothingOut) {
   const FaultHost faultHost;
   qor::procfs::IParser& parser = *faultHost.parser;
-  const auto pid = static_cast<qor::PidType>(::getpid());
-  std::vector<unsigned int> numbers;
+  const Child shell = Child::Shell("/bin/sh");  // a sanitized process has mappings by the thousand
+  const qor::PidType pid = shell.Pid();
   const std::pair<const char*, std::function<zym::result_t()>> operations[] = {
       {"GetProcLink",
        [&] {
@@ -682,9 +687,12 @@ class EventMemoryFaults : public NetlinkMemoryFaults {
   std::size_t EventsOf(pid_t pid) const { return m_handler->EventsOf(pid); }
   bool HasEnded(pid_t pid) const { return m_handler->HasEnded(pid); }
 
+  // On a busy machine the kernel may drop events before they are read: that round tells nothing.
+  bool Dropped() const { return m_facade.host.host.tracer->Has(300, "Error on recv() from netlink socket"); }
+
   // The whole life of one child; gives its pid.
   pid_t Live(const HeapFaults* faults = nullptr) const {
-    const auto fired = [faults] { return faults != nullptr && faults->Fired(); };
+    const auto fired = [&] { return Dropped() || (faults != nullptr && faults->Fired()); };
     SteppedChild child;
     const pid_t pid = child.Pid();
     EXPECT_TRUE(Eventually([&] { return m_facade.host.children->HasForked(pid) || fired(); }));
@@ -696,8 +704,30 @@ class EventMemoryFaults : public NetlinkMemoryFaults {
   // The same with memory enough: all four events of it come.
   void ExpectAHealthyLife() const {
     const pid_t pid = Live();
-    EXPECT_TRUE(Eventually([&] { return HasEnded(pid); }));
-    EXPECT_EQ(EventsOf(pid), 4U);
+    EXPECT_TRUE(Eventually([&] { return HasEnded(pid) || Dropped(); }));
+    if (!Dropped()) {
+      EXPECT_EQ(EventsOf(pid), 4U);
+    }
+  }
+
+  // Whether an allocation failed; null: it isn't known, as events were dropped.
+  std::optional<bool> LiveThrough(Shortage shortage) const {
+    RecordingTracer& tracer = *m_facade.host.host.tracer;
+    tracer.Clear();
+    HeapFaults faults(Threads::kOthers, shortage.failing, shortage.call);
+    const pid_t pid = Live(&faults);
+    // The last event may be on its way still: the failure has come, or comes no more.
+    EXPECT_TRUE(Eventually([&] { return HasEnded(pid) || faults.Fired() || Dropped(); }));
+    faults.End();
+    ExpectAHealthyLife();
+    if (Dropped()) return std::nullopt;
+    if (!faults.Fired()) {
+      EXPECT_EQ(EventsOf(pid), 4U);
+    } else if (EventsOf(pid) < 4) {
+      EXPECT_TRUE(tracer.Has(300, "std::bad_alloc") || tracer.Has(300, "Out of memory"))
+          << "an event was lost without a word";
+    }
+    return faults.Fired();
   }
 
   Facade m_facade;
@@ -710,24 +740,18 @@ class EventMemoryFaults : public NetlinkMemoryFaults {
 // the next process is told whole.
 TEST_F(EventMemoryFaults, AnEventComesOrIsLostWithATraceWhateverAllocationFails) {
   ExpectAHealthyLife();
-  AtEachAllocation([&](Shortage shortage) {
-    SCOPED_TRACE(shortage);
-    m_facade.host.host.tracer->Clear();
-    HeapFaults faults(Threads::kOthers, shortage.failing, shortage.call);
-    const pid_t pid = Live(&faults);
-    // The last event may be on its way still: the failure has come, or comes no more.
-    EXPECT_TRUE(Eventually([&] { return HasEnded(pid) || faults.Fired(); }));
-    faults.End();
-    ExpectAHealthyLife();
-    if (!faults.Fired()) {
-      EXPECT_EQ(EventsOf(pid), 4U);
-    } else if (EventsOf(pid) < 4) {
-      EXPECT_TRUE(m_facade.host.host.tracer->Has(300, "std::bad_alloc") ||
-                  m_facade.host.host.tracer->Has(300, "Out of memory"))
-          << "an event was lost without a word";
-    }
-    return faults.Fired() && !HasFailure();
-  });
+  // A sanitized process is slow to fork.
+  const std::uint64_t stride = HeapFaults::SeesAll() ? 1 : 9;
+  AtEachAllocation(
+      [&](Shortage shortage) {
+        SCOPED_TRACE(shortage);
+        std::optional<bool> fired;
+        for (int attempt = 0; !fired && attempt < 100 && !HasFailure(); ++attempt)
+          fired = LiveThrough(shortage);
+        EXPECT_TRUE(fired.has_value()) << "events were dropped each time";
+        return fired.value_or(false);
+      },
+      stride);
 }
 
 TEST(MemoryFaults, AWholeRunWithFailuresInItKeepsNothing) {
@@ -742,7 +766,8 @@ TEST(MemoryFaults, AWholeRunWithFailuresInItKeepsNothing) {
                                                                          true, 0, handler.get(), &id),
               zym::ZYM_OK);
     ASSERT_EQ(control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
-    for (std::uint64_t call = 0; call < 20; ++call) {
+    const std::uint64_t stride = HeapFaults::SeesAll() ? 1 : 9;
+    for (std::uint64_t call = 0; call < 20; call += stride) {
       const HeapFaults faults(Threads::kOthers, Failing::kOnce, call);
       SteppedChild child;
       EXPECT_TRUE(Eventually([&] { return facade.host.children->Has(child.Pid()); }));
