@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,11 @@ class EventFixture : public testing::Test {
                 zym::ZYM_OK);
       m_filters.push_back(id);
     }
+  }
+
+  void TearDown() override {
+    if (HasFailure() && m_host.host.tracer->Has("Error on recv() from netlink socket: No buffer space"))
+      std::puts("The kernel dropped events meanwhile: something beside this test makes very many processes.");
   }
 
   void Enable() {
