@@ -80,7 +80,7 @@ class Counting {
   // Neither does, for as long as it takes to look many times.
   [[nodiscard]] bool IsStill() const {
     const std::uint64_t before[] = {m_counters->of[0], m_counters->of[1]};
-    for (int i = 0; i < 10'000; ++i) {
+    for (int i = 0; i < 200; ++i) {
       if (m_counters->of[0] != before[0] || m_counters->of[1] != before[1]) return false;
       std::this_thread::yield();
     }
