@@ -19,6 +19,7 @@
 namespace qor::procfs {
 namespace {
 
+using namespace std::string_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -494,7 +495,7 @@ TEST(ParseMaps, ALineCutAnywhereIsTakenAsThePatternTakesIt) {
 }
 
 TEST(ParseMaps, AMutatedLineIsTakenAsThePatternTakesIt) {
-  Mutator mutate(std::string("0123456789abcdefABCDEF-:rwxps \t\r\v\f\n/()x\x80g\0", 44));
+  Mutator mutate("0123456789abcdefABCDEF-:rwxps \t\r\v\f\n/()x\x80g\0"s);
   for (int i = 0; i < kMutants; ++i) {
     const std::string line = mutate(kMapping);
     ASSERT_TRUE(procfs_patterns::Equal(MapsOf(line), procfs_patterns::ParseMaps(line))) << line;
