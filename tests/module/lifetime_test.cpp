@@ -15,8 +15,8 @@
 #include "process_manager/meta_info.h"
 #include "process_manager/process_memory.h"
 #include "process_manager/process_modules.h"
-#include "support/actor.h"
 #include "process_manager/user_language.h"
+#include "support/actor.h"
 #include "support/own_process.h"
 
 namespace {
