@@ -9,6 +9,7 @@
 
 #include <fstream>
 #include <map>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -133,6 +134,8 @@ struct Case {
   const char* name;
   bool isSocket;
   Break how;
+
+  friend std::ostream& operator<<(std::ostream& out, const Case& value) { return out << value.name; }
 };
 
 class ModuleRestartByABrokenDescriptor : public ModuleRestart, public testing::WithParamInterface<Case> {};
