@@ -98,7 +98,10 @@ class EventFixture : public testing::Test {
         [&](const SeenEvent& seen) { return seen.uniquePid == image && seen.type == kExit; }));
   }
 
-  static bool PollThreadIsGone() { return ThreadsNamed(kPollThread).empty(); }
+  // It is, or it comes to its end by itself.
+  static bool PollThreadIsGone() {
+    return Eventually([] { return ThreadsNamed(kPollThread).empty(); });
+  }
 
   system_interceptors::interceptor_facade::FilterIds Filters() {
     return {m_filters.data(), m_filters.data() + m_filters.size()};

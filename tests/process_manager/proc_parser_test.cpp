@@ -216,11 +216,14 @@ TEST_F(ProcParserTest, ReadsTheStatOfARealProcess) {
   EXPECT_EQ(stat.pgrp, static_cast<PidType>(::getpgrp()));
   EXPECT_EQ(stat.session, static_cast<PidType>(::getsid(0)));
   EXPECT_EQ(stat.comm, "short name");
-  EXPECT_EQ(stat.num_threads, 1);
   EXPECT_EQ(stat.uid, ::getuid());
   struct stat directory {};
   ASSERT_EQ(::stat(("/proc/" + std::to_string(child.Pid())).c_str(), &directory), 0);
   EXPECT_EQ(stat.directoryChangeTime, directory.st_ctim.tv_sec);
+
+  const Child shell = Child::Shell("/bin/sh");  // a program into which no sanitizer has put a thread
+  ASSERT_EQ(parser->GetStat(shell.Pid(), stat), zym::ZYM_OK);
+  EXPECT_EQ(stat.num_threads, 1);
 }
 
 TEST_F(ProcParserTest, ANameWithBlanksAndParenthesesIsWholeAndShiftsNothing) {

@@ -24,8 +24,9 @@ void RecordingTracer::CommitRecord(void* buffer, std::uint64_t length) {
   auto* const header = static_cast<Header*>(buffer) - 1;
   {
     const std::scoped_lock lock(m_mutex);
-    m_records.push_back(
-        {static_cast<std::uint32_t>(header->level), {static_cast<const char*>(buffer), length}});
+    m_records.push_back({static_cast<std::uint32_t>(header->level),
+                         {static_cast<const char*>(buffer), length},
+                         std::this_thread::get_id()});
   }
   std::free(header);
   --m_openRecords;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "process_manager/host_services.h"
@@ -21,6 +22,7 @@ namespace test_support {
 struct TraceRecord {
   std::uint32_t level;
   std::string text;
+  std::thread::id thread;
 };
 
 // Keeps what is traced. Begins with a ceiling of 1000.
