@@ -65,6 +65,12 @@ class Counting {
 
   [[nodiscard]] std::uint32_t Pid() const { return static_cast<std::uint32_t>(m_pid); }
   void Kill(int signal) const { ::kill(m_pid, signal); }
+  // Returns when both threads have stopped.
+  void Stop() const {
+    Kill(SIGSTOP);
+    siginfo_t info;
+    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(m_pid), &info, WSTOPPED), 0);
+  }
   void End() {
     if (m_pid <= 0) return;
     ::kill(m_pid, SIGKILL);
@@ -277,8 +283,7 @@ TEST_F(Suspender, AProcessThatDoesNotStopInTimeIsLeftAsItWas) {
 
 TEST_F(Suspender, AProcessThatSomebodyElseHasStoppedStaysSo) {
   Counting child;
-  child.Kill(SIGSTOP);
-  ASSERT_TRUE(Eventually([&] { return child.IsStill(); }));
+  child.Stop();
   ASSERT_EQ(m_suspender->Start(), zym::ZYM_OK);
   ASSERT_EQ(m_suspender->SuspendProcess(child.Pid(), kTimeout), zym::ZYM_OK);
   ASSERT_EQ(m_suspender->ReleaseProcess(child.Pid()), zym::ZYM_OK);
