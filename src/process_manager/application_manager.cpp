@@ -16,7 +16,7 @@ using zym::trace::kFailure;
 zym::result_t ApplicationManager::CreateApplication(const ApplicationId& id, Priority priority,
                                                     IApplication** application) try {
   ZYM_TRACE(GetTracer(), kCall,
-            __func__ << "() id: " << id << ", priority: " << static_cast<std::uint32_t>(priority));
+            __PRETTY_FUNCTION__ << " id: " << id << ", priority: " << static_cast<std::uint32_t>(priority));
   auto created = zym::CreateObject<Application>(GetServiceLocator());
   {
     const std::scoped_lock lock(m_mutex);
@@ -29,14 +29,14 @@ zym::result_t ApplicationManager::CreateApplication(const ApplicationId& id, Pri
 }
 
 zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) try {
-  ZYM_TRACE(GetTracer(), kCall, __func__ << "() id: " << id);
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " id: " << id);
   decltype(m_applications)::node_type deleted;
   {
     const std::scoped_lock lock(m_mutex);
     deleted = m_applications.extract(id);
   }
   if (deleted.empty()) {
-    ZYM_TRACE(GetTracer(), kFailure, __func__ << "() id: " << id);
+    ZYM_TRACE(GetTracer(), kFailure, __PRETTY_FUNCTION__ << " id: " << id);
     return zym::ZYM_E_NOT_FOUND;
   }
   return zym::ZYM_OK;
@@ -45,7 +45,7 @@ zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) try
 }
 
 zym::result_t ApplicationManager::OpenApplication(const ApplicationId& id, IApplication** application) try {
-  ZYM_TRACE(GetTracer(), kCall, __func__ << "() id: " << id);
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " id: " << id);
   const std::scoped_lock lock(m_mutex);
   const auto found = m_applications.find(id);
   if (found == m_applications.end()) return zym::ZYM_E_NOT_FOUND;

@@ -43,7 +43,7 @@ void ProcessUserLocalizationProvider::FinalRelease() {
 
 zym::result_t ProcessUserLocalizationProvider::GetProcessUserLocalization(
     process_id_t pid, zym::types::string16_t& localization) try {
-  ZYM_TRACE(GetTracer(), kCall, __func__ << "() pid: " << pid);
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " pid: " << pid);
   zym::intrusive_ptr<procfs::IParser> procfsParser;
   ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(GetServiceLocator(), procfsParser.Ref()));
   const std::string language = LanguageOf(*procfsParser, pid);

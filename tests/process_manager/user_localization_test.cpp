@@ -134,9 +134,9 @@ TEST_F(ProcessUserLocalizationProviderTest, TheDefaultIsTakenWhenTheObjectIsMade
 
 TEST_F(ProcessUserLocalizationProviderTest, TheTraceTellsTheCallAndTheLanguage) {
   Of("zh_TW");
-  EXPECT_EQ(m_host.tracer->Find("GetProcessUserLocalization() "), "GetProcessUserLocalization() pid: 77");
   EXPECT_EQ(m_host.tracer->Find("localization: "), "GetProcessUserLocalization() <- localization: zh-hant");
-  EXPECT_TRUE(m_host.tracer->Has(800, "GetProcessUserLocalization() pid: 77"));
+  EXPECT_TRUE(m_host.tracer->Has(800, "::ProcessUserLocalizationProvider::GetProcessUserLocalization("));
+  EXPECT_TRUE(m_host.tracer->Has(800, ") pid: 77"));
   EXPECT_TRUE(m_host.tracer->Has(800, "localization: zh-hant"));
   EXPECT_FALSE(m_host.tracer->Has("use default"));
 }
