@@ -1,7 +1,7 @@
 // Datagrams of any length and content.
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 #include "process_manager/non_blocking/netlink_parser.h"
 
@@ -9,11 +9,12 @@ using namespace qor::process_manager::non_blocking;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const NetlinkParser parser(nullptr);
-  // A buffer of the datagram's own size: a read beyond it is found. Aligned as the poll thread's buffer is.
-  std::vector<std::uint32_t> buffer((size + sizeof(std::uint32_t) - 1) / sizeof(std::uint32_t));
-  if (size != 0) std::memcpy(buffer.data(), data, size);
+  // A buffer of the datagram's own size: a read beyond it is found. The heap aligns it as the poll thread's
+  // is.
+  const auto buffer = std::make_unique<std::uint8_t[]>(size);
+  if (size != 0) std::memcpy(buffer.get(), data, size);
   EventRecord record;
-  const zym::result_t result = parser.Parse(reinterpret_cast<const Message*>(buffer.data()), size, &record);
+  const zym::result_t result = parser.Parse(reinterpret_cast<const Message*>(buffer.get()), size, &record);
   // What is rejected leaves a record of no event.
   if (result != zym::ZYM_OK && record.type != EventRecord::kNone) __builtin_trap();
   if (result == zym::ZYM_OK && size < sizeof(Message)) __builtin_trap();

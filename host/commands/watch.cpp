@@ -32,7 +32,7 @@ class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHa
  public:
   Handler(zym::intrusive_ptr<IProcessInfoProvider> cache, std::unique_ptr<ProcessEventPrinter> printer,
           LineWriter& writer, std::optional<std::uint64_t> count, RunLimits& limits)
-      : m_cache(std::move(cache)),
+      : m_reader(std::move(cache)),
         m_printer(std::move(printer)),
         m_writer(writer),
         m_left(count),
@@ -41,7 +41,7 @@ class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHa
   void OnEvent(ISystemEvent* event, std::uint32_t) override {
     ++m_seen;
     if (IsOfTheMarker(*event) || m_left == 0U) return;
-    const bool written = m_writer.WriteLine(m_printer->Line(ReadProcessEvent(*event, *m_cache)));
+    const bool written = m_writer.WriteLine(m_printer->Line(m_reader.Read(*event)));
     if (m_left) --*m_left;
     if (!written || m_left == 0U) m_limits.Finish();
   }
@@ -79,7 +79,7 @@ class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHa
     return true;
   }
 
-  const zym::intrusive_ptr<IProcessInfoProvider> m_cache;
+  ProcessEventReader m_reader;
   const std::unique_ptr<ProcessEventPrinter> m_printer;
   LineWriter& m_writer;
   std::optional<std::uint64_t> m_left;

@@ -1,5 +1,6 @@
 #include "host/output/json.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <type_traits>
@@ -18,33 +19,44 @@ constexpr unsigned Unit(char byte) {
   return 0xdc00U + static_cast<unsigned char>(byte);
 }
 
-// `text` as the inside of a JSON string.
 template <class C>
-void AppendEscaped(std::string& out, std::basic_string_view<C> text) {
-  const auto appendUnit = [&out](unsigned unit) {
-    char escape[8];
-    std::snprintf(escape, sizeof(escape), "\\u%04x", unit);
-    out += escape;
-  };
+constexpr bool StandsForItself(C unit) {
+  const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
+  return code >= 0x20 && code < 0x7f && code != '"' && code != '\\';
+}
+
+void AppendUnit(std::string& out, unsigned unit) {
+  char escape[8];
+  std::snprintf(escape, sizeof(escape), "\\u%04x", unit);
+  out += escape;
+}
+
+// Takes the first character of `text`, which doesn't stand for itself.
+template <class C>
+void AppendEscaped(std::string& out, std::basic_string_view<C>& text) {
+  const C unit = text.front();
+  const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
+  if (code < 0x80) {
+    text.remove_prefix(1);
+    if (unit != '"' && unit != '\\') return AppendUnit(out, code);
+    out += '\\';
+    out += static_cast<char>(unit);
+  } else if (const std::optional<char32_t> point = zym::TakeCodePoint(text)) {
+    char bytes[4];
+    out.append(bytes, zym::EncodeUtf8(*point, bytes));
+  } else {
+    AppendUnit(out, Unit(unit));
+  }
+}
+
+// `text` as the inside of a JSON string. Most text is a run of characters that stand for themselves.
+template <class C>
+void Append(std::string& out, std::basic_string_view<C> text) {
   while (!text.empty()) {
-    const C unit = text.front();
-    const unsigned code = static_cast<std::make_unsigned_t<C>>(unit);
-    if (unit == '"' || unit == '\\') {
-      out += '\\';
-      out += static_cast<char>(unit);
-      text.remove_prefix(1);
-    } else if (code < 0x20 || code == 0x7f) {
-      appendUnit(code);
-      text.remove_prefix(1);
-    } else if (code < 0x80) {
-      out += static_cast<char>(unit);
-      text.remove_prefix(1);
-    } else if (const std::optional<char32_t> point = zym::TakeCodePoint(text)) {
-      char bytes[4];
-      out.append(bytes, zym::EncodeUtf8(*point, bytes));
-    } else {
-      appendUnit(Unit(unit));
-    }
+    const auto* const plain = std::find_if_not(text.begin(), text.end(), StandsForItself<C>);
+    out.append(text.begin(), plain);
+    text.remove_prefix(static_cast<std::size_t>(plain - text.begin()));
+    if (!text.empty()) AppendEscaped(out, text);
   }
 }
 
@@ -64,7 +76,7 @@ std::string_view JsonLine::End() {
 template <class C>
 void JsonLine::String(std::basic_string_view<C> text) {
   m_scratch.assign(1, '"');
-  AppendEscaped(m_scratch, text);
+  Append(m_scratch, text);
   m_scratch += '"';
   m_writer.RawValue(m_scratch.data(), m_scratch.size(), rapidjson::kStringType);
 }

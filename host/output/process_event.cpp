@@ -43,22 +43,22 @@ std::optional<zym::datetime_t> UnlessZero(zym::datetime_t time) {
   return time != 0 ? std::optional(time) : std::nullopt;
 }
 
-// The end of a process has moved it to the finished ones, which are found by pid; any other image by its
-// unique pid.
-bool Find(IProcessInfoProvider& cache, const ProcessEvent& event, process_cache::ProcessInformation& info) {
-  if (event.type == event_type::kExitProcess && cache.Get(static_cast<pid_t>(event.pid), info) &&
-      info.uniquePid == event.uniquePid)
-    return true;
-  return event.uniquePid && cache.GetByUniquePid(*event.uniquePid, info);
-}
-
 }  // namespace
 
 const char* EventName(std::uint32_t type) {
   return type == event_type::kCreateProcess ? "create_process" : "exit_process";
 }
 
-ProcessEvent ReadProcessEvent(ISystemEvent& event, IProcessInfoProvider& cache) {
+// The end of a process has moved it to the finished ones, which are found by pid; any other image by its
+// unique pid.
+bool ProcessEventReader::FindInCache(const ProcessEvent& event) {
+  if (event.type == event_type::kExitProcess && m_cache->Get(static_cast<pid_t>(event.pid), m_found) &&
+      m_found.uniquePid == event.uniquePid)
+    return true;
+  return event.uniquePid && m_cache->GetByUniquePid(*event.uniquePid, m_found);
+}
+
+ProcessEvent ProcessEventReader::Read(ISystemEvent& event) {
   const Parameters parameters(event);
   const std::uint64_t* sequence = nullptr;
   event.GetEventId(&sequence);
@@ -81,14 +81,13 @@ ProcessEvent ReadProcessEvent(ISystemEvent& event, IProcessInfoProvider& cache) 
   };
   if (result.type == event_type::kCreateProcess)
     result.creatorPid = UnlessAllOnes(std::optional(event.GetCpid()));
-  process_cache::ProcessInformation info;
-  result.inCache = Find(cache, result, info);
+  result.inCache = FindInCache(result);
   if (result.inCache) {
-    result.creatorPid = UnlessAllOnes(std::optional(info.creatorPid));
-    result.uniqueCreatorPid = UnlessAllOnes(std::optional(info.creatorUniquePid));
-    result.startTime = UnlessZero(info.startTime);
-    result.exitTime = result.type == event_type::kExitProcess ? UnlessZero(info.exitTime) : std::nullopt;
-    result.flags = info.flags;
+    result.creatorPid = UnlessAllOnes(std::optional(m_found.creatorPid));
+    result.uniqueCreatorPid = UnlessAllOnes(std::optional(m_found.creatorUniquePid));
+    result.startTime = UnlessZero(m_found.startTime);
+    result.exitTime = result.type == event_type::kExitProcess ? UnlessZero(m_found.exitTime) : std::nullopt;
+    result.flags = m_found.flags;
   }
   // Only the kernel's own threads have no session: any other 0 was never read.
   if (result.sessionId == 0U && (result.flags & qor::kSystemProcess) == 0) result.sessionId.reset();

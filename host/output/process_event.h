@@ -5,9 +5,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "process_manager/process_cache_faces.h"
 #include "process_manager/system_event.h"
+#include "zym/intrusive_ptr.h"
 
 namespace pmhost {
 
@@ -38,10 +40,22 @@ struct ProcessEvent {
   std::uint32_t flags = 0;
 };
 
-// `cache` may be asked for what the event doesn't carry; an image that it has forgotten leaves those facts
-// absent.
-ProcessEvent ReadProcessEvent(qor::process_manager::ISystemEvent& event,
-                              qor::process_manager::IProcessInfoProvider& cache);
+// Asks the cache for what an event doesn't carry; an image that it has forgotten leaves those facts absent.
+// Called by one thread at a time.
+class ProcessEventReader {
+ public:
+  explicit ProcessEventReader(zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> cache)
+      : m_cache(std::move(cache)) {}
+
+  ProcessEvent Read(qor::process_manager::ISystemEvent& event);
+
+ private:
+  bool FindInCache(const ProcessEvent& event);
+
+  const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> m_cache;
+  // What the cache said last: the next answer takes its memory.
+  qor::process_manager::process_cache::ProcessInformation m_found;
+};
 
 // "create_process" or "exit_process".
 const char* EventName(std::uint32_t type);

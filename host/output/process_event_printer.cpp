@@ -81,7 +81,7 @@ class ColumnPrinter final : public ProcessEventPrinter {
   std::string_view Line(const ProcessEvent& event) override {
     char columns[128];
     std::snprintf(columns, sizeof(columns), "%-15.15s  %-5s  %7u %7s %7s  %-20s  ",
-                  event.timestamp ? m_time.FromMonotonic(*event.timestamp).c_str() + 11 : "?", What(event),
+                  event.timestamp ? m_time.FromMonotonic(*event.timestamp).data() + 11 : "?", What(event),
                   event.pid, Shown(event.parentPid).c_str(), Shown(event.userId).c_str(),
                   Shown(event.uniquePid).c_str());
     m_text = columns;

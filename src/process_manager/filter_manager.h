@@ -73,12 +73,13 @@ class FilterManager : public zym::TracerProvider {
   }
 
   // Of ids that this table doesn't hold too: a table that is idle then calls Stop. That is meant, and
-  // harmless.
+  // harmless. Throws std::bad_alloc with every filter as it was.
   zym::result_t DeleteFilters(FilterIds ids) {
     ZYM_TRACE(GetTracer(), zym::trace::kCall, __func__ << "() ");
     std::vector<zym::intrusive_ptr<Handler>> dropped;  // released with no lock held
     {
       std::unique_lock lock(m_mutex);
+      dropped.reserve(m_filters.size());
       for (Filter& filter : m_filters)
         if (IsListed(filter, ids)) dropped.push_back(std::move(filter.handler));
       WaitUntilUnused(lock, ids);

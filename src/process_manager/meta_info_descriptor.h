@@ -63,9 +63,10 @@ class SerObjDescriptorImpl final : public SerObjDescriptorHelper {
     return ZYM_E_OUT_OF_MEMORY;
   }
 
-  // The target's old content goes; the source is left in its default state.
+  // As T itself moves; the target's old content goes. A member vector gives up its memory and its allocator.
   result_t Move(void* source, void* target) const override {
-    *static_cast<T*>(target) = std::exchange(*static_cast<T*>(source), T());
+    T moved(std::move(*static_cast<T*>(source)));  // so that an object may be moved to itself
+    *static_cast<T*>(target) = std::move(moved);
     return ZYM_OK;
   }
 
@@ -94,7 +95,8 @@ class SerVectorHelperImpl final : public ISerVectorHelper {
 
 namespace qor {
 
-// Two records of one shape: an id and a value. A move takes both and leaves the source with an empty value.
+// Two records of one shape: an id and a value. A move copies the id and takes the value; the source keeps its
+// id and has an empty value then.
 struct RuntimeField {
   std::uint32_t id = 0xffffffff;
   zym::types::variant_t value;

@@ -35,6 +35,7 @@ using zym::trace::kFailure;
 using zym::trace::kNotice;
 using zym::trace::kWarning;
 
+constexpr const char* kOwnMountNamespace = "/proc/self/ns/mnt";
 constexpr std::uint64_t kUnknownNamespace = kNoMountNamespace;
 constexpr const char* kWillRaise =
     "will try to read with kptr_restrict set to 0 and perf_event_paranoid set to 1";
@@ -58,7 +59,7 @@ std::uint64_t OwnMountNamespaceId() {
   static std::atomic<std::uint64_t> cached{kUnknownNamespace};
   if (const std::uint64_t id = cached; id != kUnknownNamespace) return id;
   struct stat status {};
-  if (::stat("/proc/self/ns/mnt", &status) == 0)
+  if (::stat(kOwnMountNamespace, &status) == 0)
     cached = status.st_ino;
   else if (errno == ENOENT)
     cached = 0;
@@ -85,6 +86,9 @@ std::uint32_t FileTypeOf(mode_t mode) {
 }
 
 }  // namespace
+
+ProcParser::ProcParser(zym::IServiceLocator* locator)
+    : ServiceProvider(locator), m_ownMountNamespace(::open(kOwnMountNamespace, O_RDONLY | O_CLOEXEC)) {}
 
 const NativePath& ProcParser::GetProcRoot() const {
   static const NativePath root = GetProcfsRoot();

@@ -29,8 +29,11 @@ std::optional<result_t> CodeByProperties(const exception& e) {
   return std::nullopt;
 }
 
-void Append(trace::Record& record, const Exception& e) {
+// Without memory for its description there is still what the exception says of itself.
+void Append(trace::Record& record, const Exception& e) try {
   record << std::u16string_view(e.Description());
+} catch (...) {
+  record << e.what();
 }
 void Append(trace::Record& record, const std::exception& e) {
   record << e.what();

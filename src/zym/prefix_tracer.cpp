@@ -58,8 +58,10 @@ result_t PrefixTracer::GetRecord(std::uint32_t level, void** buffer, std::uint64
   if (!m_tracer) return ZYM_E_NOT_MATCHED;
   void* record = opening ? nullptr : static_cast<char*>(*buffer) - m_prefix.size();
   const result_t result = m_tracer->GetRecord(level, &record, size + m_prefix.size());
-  if (result != ZYM_OK || record == nullptr) return result;
-  *buffer = static_cast<char*>(record) + m_prefix.size();
+  if (result != ZYM_OK) return result;
+  // A success without a buffer is told on as such: the caller must not take the old one for one that has
+  // grown.
+  *buffer = record != nullptr ? static_cast<char*>(record) + m_prefix.size() : nullptr;
   return ZYM_OK;
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -75,8 +76,9 @@ template <class Interface>
 class PropertyBagImpl : public Interface {
  public:
   result_t Get(propid_t id, types::variant_t* value) const override try {
-    const auto found = m_properties.find(id);
-    if (found == m_properties.end()) return ZYM_E_PROPERTY_NOT_FOUND;
+    if (!m_properties) return ZYM_E_PROPERTY_NOT_FOUND;
+    const auto found = m_properties->find(id);
+    if (found == m_properties->end()) return ZYM_E_PROPERTY_NOT_FOUND;
     *value = found->second;
     return ZYM_OK;
   } catch (const std::bad_alloc&) {
@@ -85,7 +87,8 @@ class PropertyBagImpl : public Interface {
 
   result_t Put(propid_t id, const types::variant_t* value) override try {
     types::variant_t copy = *value;
-    m_properties[id] = std::move(copy);
+    if (!m_properties) m_properties = std::make_unique<Properties>();
+    (*m_properties)[id] = std::move(copy);
     return ZYM_OK;
   } catch (const std::bad_alloc&) {
     return ZYM_E_OUT_OF_MEMORY;
@@ -93,8 +96,8 @@ class PropertyBagImpl : public Interface {
 
   result_t Enumerate(IEnumProperties** properties) const override try {
     std::vector<propid_t> ids;
-    ids.reserve(m_properties.size());
-    for (const auto& property : m_properties) ids.push_back(property.first);
+    if (m_properties)
+      for (const auto& property : *m_properties) ids.push_back(property.first);
     *properties = CreateObject<detail::PropertyEnumerator>(std::move(ids)).Detach();
     return ZYM_OK;
   } catch (const std::bad_alloc&) {
@@ -105,7 +108,9 @@ class PropertyBagImpl : public Interface {
   ~PropertyBagImpl() = default;
 
  private:
-  std::map<propid_t, types::variant_t> m_properties;
+  using Properties = std::map<propid_t, types::variant_t>;
+
+  std::unique_ptr<Properties> m_properties;  // null until the first value: most bags stay empty
 };
 
 }  // namespace zym

@@ -24,7 +24,7 @@ class ErrnoKeeper {
 
 }  // namespace
 
-char* Record::Open(ITracer* tracer, std::uint32_t level) noexcept {
+char* Record::OpenBuffer(ITracer* tracer, std::uint32_t level) noexcept {
   const ErrnoKeeper errnoKeeper;
   void* buffer = nullptr;
   return tracer->GetRecord(level, &buffer, kInitialRecordSize) == ZYM_OK ? static_cast<char*>(buffer)

@@ -6,7 +6,8 @@
 //   plain message             ZYM_TRACE(tracer, level, __func__ << ": " << ...)
 //   failed check              the ZYM_CHECK macros, which print their own expression
 // Nothing after the level is evaluated unless the record is open: at a disabled level a statement costs one
-// virtual call.
+// virtual call. What that evaluation raises, as for want of memory, ends the text there and goes no further:
+// a trace never fails what it traces.
 #pragma once
 
 #include <charconv>
@@ -44,18 +45,31 @@ inline constexpr std::uint64_t kInitialRecordSize = 512;
 // empty record is committed. It keeps errno as it was, whatever the tracer does.
 class Record {
  public:
-  // Opens a record; a null tracer, or one that refuses the level, makes an object that is false.
-  // What a disabled statement costs stands in its caller: a null tracer a branch, a refusal one virtual call.
-  Record(ITracer* tracer, std::uint32_t level) noexcept
-      : m_tracer(tracer), m_buffer(tracer != nullptr ? Open(tracer, level) : nullptr) {}
+  // A record that a tracer has opened for whoever makes the object of it; false: nothing is traced.
+  struct Opened {
+    ITracer* tracer = nullptr;
+    char* buffer = nullptr;
+
+    explicit operator bool() const noexcept { return buffer != nullptr; }
+  };
+
+  // Opens a record, unless the tracer is null or refuses the level. What a disabled statement costs stands in
+  // its caller: a null tracer a branch, a refusal one virtual call.
+  static Opened Open(ITracer* tracer, std::uint32_t level) noexcept {
+    return {tracer, tracer != nullptr ? OpenBuffer(tracer, level) : nullptr};
+  }
   template <class P>
   requires requires(const P& p) { static_cast<ITracer*>(p.get()); }
-  Record(const P& tracer, std::uint32_t level) noexcept
-      : Record(static_cast<ITracer*>(tracer.get()), level) {}
+  static Opened Open(const P& tracer, std::uint32_t level) noexcept {
+    return Open(static_cast<ITracer*>(tracer.get()), level);
+  }
   // The record does not keep the tracer alive: a temporary pointer would leave it without one.
   template <class P>
   requires requires(P& p) { static_cast<ITracer*>(p.get()); }
-  Record(const P&& tracer, std::uint32_t level) = delete;
+  static Opened Open(const P&& tracer, std::uint32_t level) = delete;
+
+  explicit Record(Opened opened) noexcept : m_tracer(opened.tracer), m_buffer(opened.buffer) {}
+  Record(ITracer* tracer, std::uint32_t level) noexcept : Record(Open(tracer, level)) {}
   ~Record() {
     if (m_buffer != nullptr) Commit();
   }
@@ -96,7 +110,7 @@ class Record {
   }
 
  private:
-  static char* Open(ITracer* tracer, std::uint32_t level) noexcept;
+  static char* OpenBuffer(ITracer* tracer, std::uint32_t level) noexcept;
   void Commit() noexcept;
   void Append(std::string_view text) noexcept;
   bool Grow(std::uint64_t needed) noexcept;
@@ -114,10 +128,15 @@ class Record {
 
 }  // namespace zym::trace
 
-// Traces at a level.
-#define ZYM_TRACE(tracer, level, ...)                                                \
-  do {                                                                               \
-    if (::zym::trace::Record zymRecord{(tracer), (level)}) zymRecord << __VA_ARGS__; \
+// Traces at a level. The object is made behind the branch: most statements are disabled.
+#define ZYM_TRACE(tracer, level, ...)                                                      \
+  do {                                                                                     \
+    if (const auto zymOpened = ::zym::trace::Record::Open((tracer), (level))) [[unlikely]] \
+      try {                                                                                \
+        ::zym::trace::Record zymRecord{zymOpened};                                         \
+        zymRecord << __VA_ARGS__;                                                          \
+      } catch (...) {                                                                      \
+      }                                                                                    \
   } while (false)
 
 // Evaluates an expression of result_t and gives its value; traces a failure at level 300 and goes on.

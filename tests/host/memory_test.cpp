@@ -209,7 +209,7 @@ TEST(PmhostMemory, ProgressGoesToATerminalOnStandardErrorOnly) {
   EXPECT_EQ(::lseek(output.Get(), 0, SEEK_END), off_t{1} << 26) << "nothing but the bytes";
   char shown[4096] = {};
   ASSERT_GT(::read(terminal.Get(), shown, sizeof(shown) - 1), 0);
-  EXPECT_EQ(std::string(shown).substr(0, 22), "\rpmhost: 1 of 64 MiB\r") << shown;
+  EXPECT_TRUE(std::string(shown).starts_with("\rpmhost: 1 of 64 MiB\r")) << shown;
   EXPECT_NE(std::string(shown).find("\rpmhost: 64 of 64 MiB\r\n"), std::string::npos) << shown;
 }
 

@@ -2,8 +2,10 @@
 #include "host/services/process_suspender.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,7 +80,7 @@ class Counting {
   // Neither does, for as long as it takes to look many times.
   [[nodiscard]] bool IsStill() const {
     const std::uint64_t before[] = {m_counters->of[0], m_counters->of[1]};
-    for (int i = 0; i < 10'000; ++i) {
+    for (int i = 0; i < 200; ++i) {
       if (m_counters->of[0] != before[0] || m_counters->of[1] != before[1]) return false;
       std::this_thread::yield();
     }
@@ -250,7 +252,8 @@ TEST_F(Suspender, AProcessThatDoesNotStopInTimeIsLeftAsItWas) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::close(ends[1]);
     char byte = 0;
-    const pid_t grandchild = ::vfork();
+    // With memory of its own: a sanitizer's vfork(2) would not wait.
+    const auto grandchild = static_cast<pid_t>(::syscall(SYS_clone, CLONE_VFORK | SIGCHLD, 0, 0, 0, 0));
     if (grandchild == 0) {
       static_cast<void>(!::read(ends[0], &byte, 1));  // until the test closes its end
       ::_exit(0);

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
 #include <rapidjson/document.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <functional>
 #include <stdexcept>
@@ -14,7 +17,17 @@
 
 #include "qor_common/unique_fd.h"
 
+#define PMHOST_NEEDS_ROOT() \
+  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root"
+
 namespace host_tests {
+
+// A member that is text; "" for null. (The operators of the JSON library call themselves when compiled as
+// C++20.)
+inline std::string TextOf(const rapidjson::Value& object, const char* name) {
+  const rapidjson::Value& value = object[name];
+  return value.IsString() ? std::string(value.GetString(), value.GetStringLength()) : std::string();
+}
 
 // Started at construction; ended, at the latest, at destruction.
 class Pmhost {
@@ -53,7 +66,7 @@ class Pmhost {
   void Kill(int signal) const { ::kill(m_pid, signal); }
   void CloseOutput() { m_out.Reset(); }
 
-  // The next line of standard output; empty at its end.
+  // The next line of standard output; empty at its end. Throws when none comes.
   std::string ReadLine() {
     for (;;) {
       if (const std::size_t end = m_pending.find('\n', m_begin); end != std::string::npos) {
@@ -62,25 +75,28 @@ class Pmhost {
         if (m_begin > (1U << 20)) m_pending.erase(0, std::exchange(m_begin, 0));
         return line;
       }
-      char buffer[65536];
-      const ssize_t count = ::read(m_out.Get(), buffer, sizeof(buffer));
-      if (count <= 0) return {};
-      m_pending.append(buffer, static_cast<std::size_t>(count));
+      if (!ReadMore()) return {};
     }
   }
 
-  // Reads lines until one fits; false at the end of the output.
+  // Reads lines until one fits; false at the end of the output, or when none has come for long.
   bool ReadUntil(const std::function<bool(const rapidjson::Document&)>& fits) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(kDeadline);
     for (std::string line = ReadLine(); !line.empty(); line = ReadLine()) {
-      rapidjson::Document event;
-      if (event.Parse(line.c_str()).HasParseError()) throw std::runtime_error("not JSON: " + line);
-      if (fits(event)) return true;
+      if (fits(Parse(line))) return true;
+      if (std::chrono::steady_clock::now() > end) return false;
     }
     return false;
   }
+  // Reads all lines that are left.
+  void ReadAll(const std::function<void(const rapidjson::Document&)>& read) {
+    for (std::string line = ReadLine(); !line.empty(); line = ReadLine()) read(Parse(line));
+  }
 
-  // Waits for the end: the exit status, or 128 and the signal.
+  // Waits for the end, and takes what is written until then; the exit status, or 128 and the signal.
   int Wait() {
+    while (m_out && ReadMore()) {
+    }
     int status = 0;
     ::waitpid(m_pid, &status, 0);
     m_pid = 0;
@@ -88,11 +104,30 @@ class Pmhost {
   }
 
   // All that is left of standard error, and of standard output.
-  std::string Errors() const { return ReadAll(m_err.Get()); }
-  std::string Output() { return m_pending.substr(std::exchange(m_begin, 0)) + ReadAll(m_out.Get()); }
+  std::string Errors() const { return ReadRest(m_err.Get()); }
+  std::string Output() { return m_pending.substr(std::exchange(m_begin, 0)) + ReadRest(m_out.Get()); }
 
  private:
-  static std::string ReadAll(int fd) {
+  static constexpr int kDeadline = 30;  // seconds
+
+  // False: the output has ended. Throws when nothing comes.
+  bool ReadMore() {
+    pollfd readable{.fd = m_out.Get(), .events = POLLIN, .revents = 0};
+    if (::poll(&readable, 1, kDeadline * 1000) == 0) throw std::runtime_error("pmhost is silent");
+    char buffer[65536];
+    const ssize_t count = ::read(m_out.Get(), buffer, sizeof(buffer));
+    if (count <= 0) return false;
+    m_pending.append(buffer, static_cast<std::size_t>(count));
+    return true;
+  }
+
+  static rapidjson::Document Parse(const std::string& line) {
+    rapidjson::Document event;
+    if (event.Parse(line.c_str()).HasParseError()) throw std::runtime_error("not JSON: " + line);
+    return event;
+  }
+
+  static std::string ReadRest(int fd) {
     std::string text;
     char buffer[4096];
     for (ssize_t count = 0; (count = ::read(fd, buffer, sizeof(buffer))) > 0;)

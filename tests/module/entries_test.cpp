@@ -262,15 +262,31 @@ TEST(LoadedModuleAlone, AMadeObjectLivesInTheHostsMemoryAndOutlivesItsFactory) {
   }
 }
 
-TEST(LoadedModuleAlone, AFactoryNeedsAnAllocator) {
+// The memory goes back through the allocator that it came from, though the host has let go of it before.
+TEST(LoadedModuleAlone, AMadeObjectKeepsItsAllocatorUntilItsMemoryIsBack) {
+  class Allocator : public CountingAllocator {
+   public:
+    explicit Allocator(std::int64_t& atTheEnd) : m_atTheEnd(atTheEnd) {}
+    ~Allocator() { m_atTheEnd = Live(); }
+
+   private:
+    std::int64_t& m_atTheEnd;
+  };
   const LoadedModule module;
-  FakeHost host;
-  host.locator->FailWith(zym::IAllocator::kIid, zym::ZYM_E_TIMEOUT);
   for (const FactoryClass& row : kFactoryClasses) {
-    zym::intrusive_ptr<zym::IObjectFactory> factory;
-    ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
-    void* out = nullptr;
-    EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_TIMEOUT) << row.name;
+    std::int64_t atTheEnd = -1;
+    zym::intrusive_ptr<zym::IObject> object;
+    {
+      FakeHost host;
+      host.locator->Add<zym::IAllocator>(zym::CreateObject<Allocator>(atTheEnd));
+      zym::intrusive_ptr<zym::IObjectFactory> factory;
+      ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
+      ASSERT_EQ(factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(object.Ref())),
+                zym::ZYM_OK);
+    }
+    EXPECT_EQ(atTheEnd, -1) << row.name;
+    object.Reset();
+    EXPECT_EQ(atTheEnd, 0) << row.name;
   }
 }
 
@@ -307,83 +323,13 @@ TEST_F(ModuleEntries, TheSettingsSubscriptionNeedsNothingButATracer) {
   EXPECT_EQ(out.excluded[0], "/mnt/*");
 }
 
-// --- services that are missing -----------------------------------------------------------------------------
-
-struct Need {
-  std::uint32_t classId;
-  std::vector<zym::iid_t> services;
-};
-
-const std::vector<Need> kNeeds = {
-    // The tracer, the reader of /proc, the cache, the category filter, the scan statistics, the startup data,
-    // the settings.
-    {0x15aee499, {0x6ef3329b, 0xc9b36ad4, 0x79864d30, 0x2b6ab0fb, 0x97074f39, 0xa26c8413, 0x90a67124}},
-    {0xf2c28292, {0x6ef3329b}},
-    // The tracer, the category filter, the source of metrics, the registry of metrics.
-    {0x034b5e94, {0x6ef3329b, 0x2b6ab0fb, 0x34e76fa8, 0x1d40f599}},
-};
-
-// What the constructors of the factories' classes ask for, beside the allocator, and what FinalConstruct
-// does.
-const std::vector<Need> kNeedsOfMadeObjects = {
-    {0x2f9b276b, {0x6ef3329b}}, {0x590aee12, {0x6ef3329b}}, {0xe9e2637f, {0x6ef3329b, 0xa26c8413}},
-    {0x9faa28c0, {0x6ef3329b}}, {0xfc6a6123, {0x6ef3329b}},
-};
-
-TEST(LoadedModuleAlone, AServiceThatAMadeObjectLacksGivesItsCode) {
-  const LoadedModule module;
-  for (const Need& need : kNeedsOfMadeObjects) {
-    for (const zym::iid_t iid : need.services) {
-      FakeHost host;
-      host.locator->FailWith(iid, zym::ZYM_E_LOCKED);
-      zym::intrusive_ptr<zym::IObjectFactory> factory;
-      ASSERT_EQ(module.getObjectFactory(host.locator.get(), need.classId, factory.Ref()), zym::ZYM_OK);
-      void* out = nullptr;
-      EXPECT_EQ(factory->CreateInstance(host.locator.get(), 0, &out), zym::ZYM_E_LOCKED)
-          << std::hex << need.classId << " without " << iid;
-      EXPECT_EQ(out, nullptr);
-      EXPECT_EQ(host.allocator->Live(), 0);
-      factory.Reset();
-      EXPECT_EQ(module.canUnloadModule(), zym::ZYM_OK) << std::hex << need.classId << " without " << iid;
-    }
-  }
-}
-
-TEST(LoadedModuleAlone, ARequiredServiceThatIsMissingOrFailsGivesItsCode) {
-  for (const Need& need : kNeeds) {
-    for (const zym::iid_t iid : need.services) {
-      for (const bool missing : {true, false}) {
-        const ModuleHost other;
-        if (missing)
-          other.host.locator->Remove(iid);
-        else
-          other.host.locator->FailWith(iid, zym::ZYM_E_LOCKED);
-        other.host.tracer->Clear();
-        const std::size_t threads = ThreadCount();
-        const SettingsCreationRecord record{
-            .base = {.locator = other.host.locator.get()}, .tracer = nullptr, .settings = nullptr};
-        int sentinel = 0;
-        auto* const untouched = reinterpret_cast<zym::IObject*>(&sentinel);
-        zym::IObject* object = untouched;
-        EXPECT_EQ(other.module.createObject(need.classId, &record.base, &object),
-                  missing ? zym::ZYM_E_NO_INTERFACE : zym::ZYM_E_LOCKED)
-            << std::hex << need.classId << " without " << iid;
-        EXPECT_EQ(object, untouched);
-        EXPECT_EQ(ThreadCount(), threads) << std::hex << need.classId << " without " << iid;
-        // Without a tracer nobody can be told.
-        EXPECT_EQ(other.host.tracer->Has(300, ""), iid != zym::ITracer::kIid)
-            << std::hex << need.classId << " without " << iid;
-      }
-    }
-  }
-}
-
 TEST_F(ModuleEntries, TheFacadeSaysWhichServiceItMisses) {
   m_host.host.locator->FailWith(0x90a67124, zym::ZYM_E_NOT_FOUND);
   zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
   EXPECT_EQ(m_host.CreateInterceptor(interceptor), zym::ZYM_E_NOT_FOUND);
   EXPECT_TRUE(
       m_host.host.tracer->Has(300, "Cannot get qor::process_manager::IInterceptorSettingsSubscription"));
+  EXPECT_FALSE(m_host.host.tracer->Has("Exception during object construction")) << "a factory says that";
 }
 
 }  // namespace

@@ -556,7 +556,7 @@ class KeepingHandler
   EventPtr Wait(pid_t pid) {
     std::unique_lock lock(m_mutex);
     EventPtr found;
-    m_arrived.wait_for(lock, std::chrono::seconds(60), [&] {
+    m_arrived.wait_for(lock, std::chrono::seconds(30), [&] {
       for (const EventPtr& event : m_events)
         if (event->GetPid() == static_cast<qor::PidType>(pid)) found = event;
       return static_cast<bool>(found);

@@ -1,6 +1,5 @@
 // What becomes of the module's objects, threads, descriptors and memory.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +16,7 @@
 #include "process_manager/process_memory.h"
 #include "process_manager/process_modules.h"
 #include "process_manager/user_language.h"
+#include "support/actor.h"
 #include "support/own_process.h"
 
 namespace {
@@ -138,7 +138,7 @@ TEST(ModuleLifetime, AnEventThatAHandlerKeepsPinsTheModule) {
     }
     zym::intrusive_ptr<qor::process_manager::ISystemEvent> Take() {
       std::unique_lock lock(m_mutex);
-      EXPECT_TRUE(m_arrived.wait_for(lock, std::chrono::seconds(60), [this] { return bool(m_event); }));
+      EXPECT_TRUE(m_arrived.wait_for(lock, std::chrono::seconds(30), [this] { return bool(m_event); }));
       return std::move(m_event);
     }
 
@@ -158,10 +158,8 @@ TEST(ModuleLifetime, AnEventThatAHandlerKeepsPinsTheModule) {
                 {.type = system_interceptors::event_type::kExitProcess}, true, 0, keeper.get(), &id),
             zym::ZYM_OK);
   ASSERT_EQ(control->EnableNonBlockingInterceptor(1), zym::ZYM_OK);
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
+  RunTrue();
   const zym::intrusive_ptr<qor::process_manager::ISystemEvent> kept = keeper->Take();
-  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   ASSERT_EQ(interceptor->DeleteFilters({&id, &id + 1}), zym::ZYM_OK);
   interceptor.Reset();
   control.Reset();

@@ -4,19 +4,27 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <map>
+#include <stdexcept>
 #include <string>
 
 #include "process_manager/entry.h"
+#include "support/own_process.h"
+#include "support/threads.h"
 #include "zym/intrusive_ptr.h"
 
 namespace test_support {
 
-// Loaded from construction to destruction, which checks that it says it may be unloaded, and that it is gone
-// then.
+// Loaded from construction to destruction, which checks that it says it may be unloaded, that it is gone then
+// with every thread and every descriptor that came with it, and that it can be loaded again.
 class LoadedModule {
  public:
   explicit LoadedModule(const char* path = PROCESS_MANAGER_MODULE)
-      : m_path(path), m_handle(::dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+      : m_path(path),
+        m_threads(ThreadCount()),
+        m_descriptors(OpenDescriptors()),
+        m_handle(::dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
     if (m_handle == nullptr) throw std::runtime_error(::dlerror());
     getObjectFactory = Find<decltype(&zymGetObjectFactory)>("zymGetObjectFactory");
     createObject = Find<decltype(&zymCreateObject)>("zymCreateObject");
@@ -25,9 +33,15 @@ class LoadedModule {
   ~LoadedModule() {
     EXPECT_EQ(canUnloadModule(), zym::ZYM_OK) << "an object of the module is still alive";
     EXPECT_EQ(::dlclose(m_handle), 0);
+    // A thread that was joined is still listed for a moment.
+    EXPECT_TRUE(Eventually([this] { return ThreadCount() <= m_threads; })) << ThreadCount() << " threads";
+    EXPECT_EQ(OpenDescriptors(), m_descriptors);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_EQ(::dlopen(m_path.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "something pins the module";
 #endif
+    void* const again = ::dlopen(m_path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    EXPECT_NE(again, nullptr) << ::dlerror();
+    EXPECT_EQ(again != nullptr ? ::dlclose(again) : 0, 0);
   }
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
@@ -65,6 +79,8 @@ class LoadedModule {
   }
 
   std::string m_path;
+  std::size_t m_threads;  // before it was loaded, as the next
+  std::map<int, std::string> m_descriptors;
   void* m_handle;
 };
 

@@ -1,13 +1,14 @@
 #include "module/module_host.h"
 
-#include <chrono>
 #include <cstring>
+
+#include "zym/io.h"
+#include "zym/property_bag.h"
 
 namespace test_support {
 namespace {
 
 namespace event_param = system_interceptors::event_param;
-constexpr std::chrono::seconds kDeadline{60};
 
 template <class T>
 T Number(qor::process_manager::ISystemEvent& event, std::uint32_t param) {
@@ -23,6 +24,23 @@ std::optional<std::u16string> Text(qor::process_manager::ISystemEvent& event, st
   std::u16string text(view.size() / sizeof(char16_t), u'\0');
   std::memcpy(text.data(), view.begin(), view.size());
   return text;
+}
+
+// The first bytes of the executable that the event carries; empty when it carries none.
+std::string ImageOf(qor::process_manager::ISystemEvent& event) {
+  constexpr zym::propid_t kExecutable = si_ep::create_process_event::extended_parameters::ExecutableFileIO;
+  zym::intrusive_ptr<zym::IPropertyBag> bag;
+  zym::types::variant_t value;
+  if (event.QueryInterface(zym::IPropertyBag::kIid, reinterpret_cast<void**>(bag.Ref())) != zym::ZYM_OK ||
+      bag->Get(kExecutable, &value) != zym::ZYM_OK)
+    return {};
+  const auto* const object = value.If<zym::objptr_t<zym::IObject>>();
+  zym::intrusive_ptr<zym::IIO> io;
+  if (object == nullptr || zym::QueryInterface(*object, io.Ref()) != zym::ZYM_OK) return "no stream";
+  char bytes[4] = {};
+  std::uint32_t count = 0;
+  if (io->Read(bytes, sizeof(bytes), count) != zym::ZYM_OK) return "not to be read";
+  return {bytes, count};
 }
 
 }  // namespace
@@ -44,6 +62,8 @@ void RecordingHandler::OnEvent(qor::process_manager::ISystemEvent* event, std::u
   zym::types::range_t<const std::uint8_t*> view;
   if (event->GetParam(event_param::kRealUserId, &view) == zym::ZYM_OK)
     seen.realUserId = Number<std::uint32_t>(*event, event_param::kRealUserId);
+  seen.mountNamespace = Number<std::uint64_t>(*event, event_param::kMountNamespaceId);
+  seen.image = ImageOf(*event);
   const std::scoped_lock lock(m_mutex);
   m_events.push_back(std::move(seen));
   m_arrived.notify_all();
@@ -65,7 +85,8 @@ std::optional<SeenEvent> RecordingHandler::WaitFor(const std::function<bool(cons
   return found;
 }
 
-ModuleHost::ModuleHost() {
+ModuleHost::ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer) {
+  if (tracer) host.locator->Add(tracer);
   zym::IServiceLocator* const locator = host.locator.get();
   EXPECT_EQ(module.Make(qor::class_ids::kProcParser, locator, parser), zym::ZYM_OK);
   host.locator->Add(parser);

@@ -33,6 +33,8 @@ struct SeenEvent {
   std::u16string imagePath;
   std::optional<std::u16string> commandLine;
   std::optional<std::uint32_t> realUserId;
+  std::uint64_t mountNamespace = 0;
+  std::string image;  // the beginning of the executable, when the event carries it
 };
 
 // Records events, and lets a test wait for one.
@@ -55,7 +57,8 @@ class RecordingHandler
 // Everything in place but the interceptor itself.
 class ModuleHost {
  public:
-  ModuleHost();
+  // `tracer`: in place of the recording one.
+  explicit ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer = {});
 
   zym::result_t CreateInterceptor(
       zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2>& interceptor) const {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -289,6 +290,42 @@ TEST_F(InterceptorTest, EachOperationThatStopsTheSourceTracesAndReturnsItsFailur
   EXPECT_TRUE(ThreadsNamed(kPollThread).empty());
   ::close(ends[0]);
   ::close(ends[1]);
+}
+
+// A handler that is inside its call until the test lets it go.
+class HeldHandler
+    : public zym::object::Ifaces<system_interceptors::event_processing::INonBlockingEventHandler> {
+ public:
+  void OnEvent(ISystemEvent*, std::uint32_t) override {
+    entered.Open();
+    release.Wait();
+  }
+  Gate entered;
+  Gate release;
+};
+
+// One operation at a time, also while it waits: here for a handler, which must not come back for that reason.
+TEST_F(InterceptorTest, AnOperationWaitsForAnotherThatWaitsForARunningHandler) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  const auto held = zym::CreateObject<HeldHandler>();
+  std::uint32_t id = 0;
+  ASSERT_EQ(m_interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kExitProcess}, true, 0,
+                                                                  held.get(), &id),
+            zym::ZYM_OK);
+  std::uint32_t other = Registered(event_type::kCreateProcess, false);
+  ASSERT_EQ(m_interceptor->EnableNonBlockingInterceptor(kNetlink), zym::ZYM_OK);
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  held->entered.Wait();
+  Call remove([&] { EXPECT_EQ(m_interceptor->DeleteFilters(Ids(id)), zym::ZYM_OK); });
+  EXPECT_TRUE(remove.IsBlocked());
+  Call status([&] { EXPECT_EQ(Status(other), 0); });
+  EXPECT_TRUE(status.IsBlocked());
+  held->release.Open();
+  remove.Join();
+  status.Join();
+  EXPECT_EQ(Status(id), -1);
 }
 
 // --- sources -----------------------------------------------------------------------------------------------

@@ -234,13 +234,22 @@ TYPED_TEST(FieldDescriptor, TheDefaultHasNoIdAndNoValue) {
   allocator->Free(field);
 }
 
-TYPED_TEST(FieldDescriptor, AMoveLeavesTheSourceWithNoValue) {
+TYPED_TEST(FieldDescriptor, AMoveCopiesTheIdAndLeavesTheSourceWithNoValue) {
   TypeParam source{.id = 3, .value = zym::types::variant_t(zym::types::string_t("text"))};
   TypeParam target;
   EXPECT_EQ(this->m_descriptor.Move(&source, &target), zym::ZYM_OK);
   EXPECT_EQ(target.id, 3U);
   EXPECT_EQ(target.value.GetTag(), 14U);
+  EXPECT_EQ(source.id, 3U);
   EXPECT_EQ(source.value.GetTag(), 0U);
+}
+
+TYPED_TEST(FieldDescriptor, AMoveToItselfChangesNothing) {
+  TypeParam field{.id = 3, .value = zym::types::variant_t(std::uint32_t{7})};
+  EXPECT_EQ(this->m_descriptor.Move(&field, &field), zym::ZYM_OK);
+  EXPECT_EQ(field.id, 3U);
+  ASSERT_NE(field.value.template If<std::uint32_t>(), nullptr);
+  EXPECT_EQ(*field.value.template If<std::uint32_t>(), 7U);
 }
 
 TYPED_TEST(FieldDescriptor, AnObjectInAFieldIsReleasedWithIt) {

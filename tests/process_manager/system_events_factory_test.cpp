@@ -348,6 +348,10 @@ TEST_F(ForeignImageTest, AProcessWithoutABackingImageOrAnEndGetsNoForeignOpen) {
   EXPECT_FALSE(TriedToOpen());
 }
 
+TEST(ForeignImageSwitch, HasTheHostsName) {
+  EXPECT_STREQ(kOpenIOFromForeignMountNamespace, "qor.process_manager.OpenIOFromForeignMountNamespace");
+}
+
 TEST_F(ForeignImageTest, WithoutTheSwitchOrWithItOffThereIsNoForeignOpen) {
   m_features->values[kOpenIOFromForeignMountNamespace] = false;
   Create(InfoOf(*m_process));

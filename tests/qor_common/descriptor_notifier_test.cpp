@@ -56,7 +56,7 @@ TYPED_TEST(AnyNotifier, WakesAThreadThatPolls) {
   TypeParam notifier(false);
   std::thread other([&] { EXPECT_EQ(notifier.Notify(), zym::ZYM_OK); });
   pollfd entry{.fd = notifier.GetDescriptor(), .events = POLLIN, .revents = 0};
-  EXPECT_EQ(::poll(&entry, 1, 60'000), 1);
+  EXPECT_EQ(::poll(&entry, 1, 30'000), 1);
   other.join();
 }
 

@@ -444,7 +444,12 @@ TEST_F(FileIo, DeleteOnCloseRemovesTheFileInTheEnd) {
   m_io.Reset();
   EXPECT_FALSE(Exists(m_path));
   EXPECT_FALSE(IsOpen(m_fd));
-  EXPECT_TRUE(m_tracer.Has(kCall, "result_t qor::IO::RemoveFile() const (path: " + m_path));
+  const std::string fd = std::to_string(m_fd);
+  EXPECT_TRUE(m_tracer.Has(
+      kCall, "result_t qor::IO::RemoveFile() const (path: " + m_path + ", fd: " + fd + ", dirfd: -1)"));
+  EXPECT_TRUE(
+      m_tracer.Has(kCall, "result_t qor::IO::RemoveFile() const (fd: " + fd + ", dirfd: (-1), nsId: "));
+  EXPECT_TRUE(m_tracer.Has(kCall, ", filename: " + m_path.substr(m_path.rfind('/') + 1) + ")"));
 }
 
 TEST_F(FileIo, AMarkThatIsTakenBackKeepsTheFile) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "qor_common/unique_fd.h"
+#include "support/own_process.h"
 #include "support/threads.h"
 
 namespace test_support {
@@ -27,6 +28,7 @@ class Child {
   // A `prepare` that gives false, or never returns, is a failure of the test.
   template <class Prepare>
   static Child Forked(Prepare prepare) {
+    if (!Eventually(&MayRunCodeInAFork)) throw std::logic_error("this process has threads: use an Actor");
     Pipe ready;
     Child child(::fork());
     if (child.m_pid == 0) {

@@ -1,6 +1,5 @@
 #include "support/child_process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
@@ -14,7 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -24,9 +22,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
+
+#include "support/own_process.h"
+#include "support/threads.h"
 
 namespace test_support {
 namespace {
@@ -47,6 +47,11 @@ void WriteAll(int fd, std::string_view text) {
   }
 }
 
+void RequireNoThreads() {
+  // A thread that was joined is still listed for a moment.
+  if (!Eventually(&MayRunCodeInAFork)) throw std::logic_error("this process has threads: use an Actor");
+}
+
 std::string Run(const std::function<std::string()>& body) {
   try {
     return body();
@@ -58,6 +63,7 @@ std::string Run(const std::function<std::string()>& body) {
 }  // namespace
 
 std::string RunInChild(const std::function<std::string()>& body) {
+  RequireNoThreads();
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe2");
   const UniqueFd readEnd(ends[0]);
@@ -120,19 +126,6 @@ std::string FailSystemCall(long number, int error, std::optional<Argument> argum
   return {};
 }
 
-std::vector<int> OpenDescriptors() {
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc/self/fd"), ::closedir);
-  if (!directory) throw std::system_error(errno, std::generic_category(), "opendir");
-  std::vector<int> descriptors;
-  while (const dirent* const entry = ::readdir(directory.get())) {
-    if (entry->d_name[0] == '.') continue;
-    const int fd = std::atoi(entry->d_name);
-    if (fd != ::dirfd(directory.get())) descriptors.push_back(fd);
-  }
-  std::sort(descriptors.begin(), descriptors.end());
-  return descriptors;
-}
-
 namespace {
 
 // Empty at the end.
@@ -140,7 +133,7 @@ std::string ReadNext(int fd) {
   char chunk[4096];
   for (;;) {
     pollfd ready{.fd = fd, .events = POLLIN, .revents = 0};
-    if (::poll(&ready, 1, 60'000) == 0) throw std::runtime_error("nothing came within a minute");
+    if (::poll(&ready, 1, 30'000) == 0) throw std::runtime_error("nothing came within half a minute");
     const ssize_t count = ::read(fd, chunk, sizeof(chunk));
     if (count >= 0) return {chunk, static_cast<std::size_t>(count)};
     if (errno != EINTR && errno != EAGAIN) throw std::system_error(errno, std::generic_category(), "read");
@@ -179,6 +172,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 }
 
 ForeignNamespace::ForeignNamespace(const std::string& directory) {
+  RequireNoThreads();
   int ready[2];
   int lifeline[2];
   if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(lifeline, O_CLOEXEC) != 0)

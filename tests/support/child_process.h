@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qor_common/unique_fd.h"
+#include "support/own_process.h"
 
 namespace test_support {
 
@@ -33,12 +34,9 @@ struct Argument {
 };
 std::string FailSystemCall(long number, int error, std::optional<Argument> argument = std::nullopt);
 
-// The open descriptors of this process, ascending.
-std::vector<int> OpenDescriptors();
-
-// Reads until the end; waits for it at most a minute.
+// Reads until the end; waits for it at most half a minute.
 std::string ReadToEnd(int fd);
-// What is there, waiting for it at most a minute. Throws at the end.
+// What is there, waiting for it at most half a minute. Throws at the end.
 std::string ReadSome(int fd);
 std::string ReadTextFile(const std::string& path);
 

@@ -17,7 +17,7 @@
 
 namespace test_support {
 
-inline constexpr std::chrono::seconds kDeadline{60};
+inline constexpr std::chrono::seconds kDeadline{30};
 
 // A door that opens once. A wait that the deadline ends is a failure of the test.
 class Gate {
@@ -48,7 +48,7 @@ template <class Fact>
   const auto end = std::chrono::steady_clock::now() + kDeadline;
   while (!fact()) {
     if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
 }

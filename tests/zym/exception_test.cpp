@@ -156,6 +156,17 @@ TEST_F(ExceptionToResultTest, WalksNestedExceptionsOutermostFirstAndTakesTheFirs
   EXPECT_EQ(m_tracer->Records().size(), 1U);
 }
 
+// The translation is what failures end in: it can't fail itself.
+TEST_F(ExceptionToResultTest, AnExceptionWhoseDescriptionCantBeMadeIsTracedByWhatItSays) {
+  class Wordless : public Exception {
+   public:
+    using Exception::Exception;
+    types::string16_t Message() const override { throw std::bad_alloc(); }
+  };
+  EXPECT_EQ(Translate(Wordless("a.cpp", 3, "no"), "Start: "), ZYM_E_EXCEPTION_WITHOUT_RESULT);
+  EXPECT_EQ(Last(), "Start: a.cpp(3): no. Call stack:\n");
+}
+
 TEST_F(ExceptionToResultTest, WithoutATracerOnlyTheCodeIsComputed) {
   try {
     throw std::bad_alloc();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include "support/fake_services.h"
@@ -54,6 +55,23 @@ TEST_F(TraceTest, ARefusedRecordEvaluatesAndFormatsNothing) {
   EXPECT_EQ(evaluations, 0);
   EXPECT_EQ(m_tracer->OpenCalls(), 1U);
   EXPECT_TRUE(m_tracer->Records().empty());
+}
+
+// A text that can't be made, as for want of memory.
+struct Unspeakable {};
+void AppendTo(trace::Record&, const Unspeakable&) {
+  throw std::bad_alloc();
+}
+
+TEST_F(TraceTest, WhatATextRaisesEndsTheRecordAndDoesNotFailWhatIsTraced) {
+  EXPECT_NO_THROW(ZYM_TRACE(m_tracer, trace::kCall, "pid: " << 5 << ", " << Unspeakable() << " tail"));
+  ASSERT_EQ(m_tracer->Records().size(), 1U);
+  EXPECT_EQ(Last(), "pid: 5, ");
+  const auto checked = [this]() -> result_t {
+    ZYM_CHECK_RESULT(m_tracer, ZYM_E_NOT_FOUND, Unspeakable());
+    return ZYM_OK;
+  };
+  EXPECT_EQ(checked(), ZYM_E_NOT_FOUND) << "the check's own result";
 }
 
 TEST_F(TraceTest, WithoutATracerNothingHappens) {
@@ -188,7 +206,8 @@ TEST_F(TraceTest, APrefixReplacesThatOfTheComponentThatHandedTheTracer) {
 // A prefix of the host's own making.
 class HostPrefix : public object::Ifaces<ITracer, trace::IPrefixTracer> {
  public:
-  explicit HostPrefix(intrusive_ptr<ITracer> inner) : m_inner(std::move(inner)) {}
+  explicit HostPrefix(intrusive_ptr<ITracer> inner, const char* prefix = "[host]")
+      : m_inner(std::move(inner)), m_prefix(prefix) {}
   result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
     return m_inner->GetRecord(level, buffer, size);
   }
@@ -196,16 +215,38 @@ class HostPrefix : public object::Ifaces<ITracer, trace::IPrefixTracer> {
     ++commits;
     m_inner->CommitRecord(buffer, length);
   }
-  types::string_t GetPrefix() override { return types::string_t("[host]"); }
-  ITracer* GetTracer() override { return m_inner.get(); }
+  types::string_t GetPrefix() override { return types::string_t(m_prefix); }
+  ITracer* GetTracer() override { return behind != nullptr ? behind : m_inner.get(); }
   int commits = 0;
+  ITracer* behind = nullptr;  // what it says is behind it; null: what is
 
  private:
   intrusive_ptr<ITracer> m_inner;
+  const char* m_prefix;
 };
 
 TEST_F(TraceTest, APrefixWithoutColonsStaysInTheChain) {
   const auto host = CreateObject<HostPrefix>(m_tracer);
+  const auto inner = trace::WithPrefix(host, "Inner");
+  ZYM_TRACE(inner, trace::kCall, "x");
+  EXPECT_EQ(host->commits, 1);
+}
+
+TEST_F(TraceTest, OnlyAPrefixThatEndsWithBothColonsIsPassedThrough) {
+  const std::pair<const char*, bool> cases[] = {{"::", true}, {"A::", true}, {":", false},
+                                                {"", false},  {"A:", false}, {"A::B", false}};
+  for (const auto& [prefix, passed] : cases) {
+    const auto host = CreateObject<HostPrefix>(m_tracer, prefix);
+    const auto inner = trace::WithPrefix(host, "Inner");
+    ZYM_TRACE(inner, trace::kCall, "x");
+    EXPECT_EQ(host->commits, passed ? 0 : 1) << prefix;
+    EXPECT_EQ(Last(), "Inner::x") << prefix;
+  }
+}
+
+TEST_F(TraceTest, APrefixThatNamesItselfAsTheTracerBehindItStaysInTheChain) {
+  const auto host = CreateObject<HostPrefix>(m_tracer, "A::");
+  host->behind = host.get();
   const auto inner = trace::WithPrefix(host, "Inner");
   ZYM_TRACE(inner, trace::kCall, "x");
   EXPECT_EQ(host->commits, 1);
@@ -242,6 +283,26 @@ TEST_F(TraceTest, ATracerThatFailsToGrowUnderAPrefixGetsThePrefixAlone) {
   const auto prefixed = trace::WithPrefix(m_tracer, "A");
   ZYM_TRACE(prefixed, trace::kCall, std::string(3000, 'y'));
   EXPECT_EQ(Last(), "A::");
+}
+
+// A tracer that says success and gives no buffer when a record is to grow.
+class GrowthlessTracer : public RecordingTracer {
+ public:
+  result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
+    if (*buffer == nullptr) return RecordingTracer::GetRecord(level, buffer, size);
+    *buffer = nullptr;
+    return ZYM_OK;
+  }
+};
+
+TEST_F(TraceTest, ASuccessThatGivesNoLargerBufferIsNoGrowthWithOrWithoutAPrefix) {
+  const auto tracer = CreateObject<GrowthlessTracer>();
+  ZYM_TRACE(tracer, trace::kCall, std::string(3000, 'y'));
+  EXPECT_EQ(tracer->Records().back().text, "");
+  const auto prefixed = trace::WithPrefix(tracer, "A");
+  ZYM_TRACE(prefixed, trace::kCall, std::string(3000, 'y') << " tail");
+  EXPECT_EQ(tracer->Records().back().text, "A::");
+  EXPECT_EQ(tracer->OpenRecords(), 0U);
 }
 
 TEST_F(TraceTest, APrefixTracerAnswersItsThreeInterfacesAndCounts) {

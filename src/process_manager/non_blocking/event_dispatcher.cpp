@@ -6,6 +6,7 @@
 #include <boost/asio/io_service.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/thread/thread.hpp>
+#include <chrono>
 #include <exception>
 #include <optional>
 #include <utility>
@@ -21,6 +22,7 @@ using zym::trace::kCall;
 namespace event_type = system_interceptors::event_type;
 
 constexpr const char* kThreadName = "vornPrcMonProc";
+constexpr std::chrono::milliseconds kRest{1};
 
 }  // namespace
 
@@ -33,6 +35,20 @@ struct EventDispatcher::Queue {
 };
 
 struct EventDispatcher::Service {
+  // The group would let a thread run on that it has made and then finds no room to keep.
+  template <class Run>
+  void AddThread(Run run) {
+    auto thread = std::make_unique<boost::thread>(std::move(run));
+    try {
+      threads.add_thread(thread.get());
+      static_cast<void>(thread.release());  // the group owns it now
+    } catch (...) {
+      io.stop();
+      thread->join();
+      throw;
+    }
+  }
+
   boost::asio::io_service io;
   boost::asio::io_service::work work{io};
   boost::thread_group threads;
@@ -45,7 +61,7 @@ EventDispatcher::EventDispatcher(zym::IServiceLocator* locator, std::uint64_t pe
       m_service(std::make_unique<Service>()) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
   m_service->queues.push_back(std::make_unique<Queue>(m_service->io));
-  m_service->threads.create_thread([this] {
+  m_service->AddThread([this] {
     ::prctl(PR_SET_NAME, kThreadName);
     m_service->io.run();
   });
@@ -53,8 +69,7 @@ EventDispatcher::EventDispatcher(zym::IServiceLocator* locator, std::uint64_t pe
 
 EventDispatcher::~EventDispatcher() {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
-  m_stop = true;
-  m_service->io.stop();
+  Stop();
   try {
     m_service->threads.join_all();
   } catch (...) {
@@ -62,6 +77,15 @@ EventDispatcher::~EventDispatcher() {
     zym::ExceptionInFunctionToResult(GetTracer(), __func__);
     std::terminate();
   }
+}
+
+void EventDispatcher::Stop() {
+  {
+    const std::scoped_lock lock(m_restLock);
+    m_stop = true;
+  }
+  m_stopped.notify_all();
+  m_service->io.stop();
 }
 
 void EventDispatcher::SetHandler(HandlerIndex index, EventHandler handler) {
@@ -96,8 +120,11 @@ void EventDispatcher::Accept(zym::intrusive_ptr<ISystemEvent> event) {
   const Pids pids = PidsOf(*event);
   Queue& queue = GetStrand(pids);
   try {
-    queue.strand.post([this, queued = std::move(event)] {
-      if (!m_stop) ProcessQueuedEvent(queued);
+    queue.strand.post([this, queued = std::move(event)]() mutable {
+      if (m_stop) return;
+      ProcessQueuedEvent(queued);
+      queued.Reset();
+      if (m_total == 0) Rest();
     });
   } catch (...) {
     OnEventProcessed(pids);
@@ -158,6 +185,12 @@ void EventDispatcher::ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>&
     zym::ExceptionInFunctionToResult(GetTracer(), __func__);
   }
   OnEventProcessed(PidsOf(*event));
+}
+
+// Still on the strand: what is dispatched meanwhile is only appended to it, and wakes nobody.
+void EventDispatcher::Rest() noexcept {
+  std::unique_lock lock(m_restLock);
+  m_stopped.wait_for(lock, kRest, [this] { return m_stop.load(); });
 }
 
 void EventDispatcher::CallHandler(const zym::intrusive_ptr<ISystemEvent>& event) {

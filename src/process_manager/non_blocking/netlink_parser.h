@@ -63,7 +63,9 @@ class NetlinkParser {
   zym::result_t Parse(const Message* msg, std::uint64_t size, EventRecord* out) const;
 
  private:
-  zym::result_t Decode(const Message& msg, EventRecord& out) const;
+  zym::result_t Reject(const Message* msg, std::uint64_t size) const;
+  void Trace(const Message& msg, std::uint64_t size, zym::result_t result, const EventRecord& out) const;
+  void TraceSize(std::uint64_t size) const;
 
   zym::intrusive_ptr<zym::ITracer> m_tracer;
 };

@@ -1,6 +1,7 @@
 #include "process_manager/non_blocking/event_dispatcher.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/prctl.h>
 
 #include <atomic>
@@ -139,6 +140,23 @@ TEST_F(EventDispatcherTest, WithoutATracerThereIsNoDispatcher) {
   EXPECT_THROW(Create(), zym::GetInterfaceException);
 }
 
+TEST_F(EventDispatcherTest, WithoutAThreadThereIsNoDispatcher) {
+  pthread_attr_t usual{};
+  ASSERT_EQ(::pthread_getattr_default_np(&usual), 0);
+  pthread_attr_t huge{};
+  ASSERT_EQ(::pthread_attr_init(&huge), 0);
+  ASSERT_EQ(::pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
+  ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
+  EXPECT_THROW(Create(), std::exception);
+  ASSERT_EQ(::pthread_setattr_default_np(&usual), 0);
+  EXPECT_FALSE(m_dispatcher);
+  Create();
+  const auto event = MakeEvent(event_type::kFileCreated, 5);
+  Dispatch({event});
+  WaitUntilIdle();
+  EXPECT_EQ(event->completions, 1);
+}
+
 TEST_F(EventDispatcherTest, EntriesOfConstructionAndDestructionAreTraced) {
   Create();
   EXPECT_TRUE(Has("EventDispatcher() "));
@@ -248,6 +266,24 @@ TEST_F(EventDispatcherTest, EventsOfSeveralThreadsAllArriveAndThoseOfEachThreadI
     for (std::uint64_t i = 0; i < kEach; ++i) ASSERT_EQ(numbers[i], i) << pid;
   }
   EXPECT_EQ(m_dispatcher->GetProcessingPidsCount(), 0U);
+}
+
+// After the last event the worker rests for a moment. One event at a time finds it waiting, resting, or on
+// its way from the one to the other.
+TEST_F(EventDispatcherTest, EventsThatComeWhileTheWorkerRestsAreHandledInTheirOrder) {
+  Create();
+  std::vector<std::uint64_t> seen;
+  m_dispatcher->SetCreateProcessHandler([&](const Event& event) { seen.push_back(NumberOf(event)); });
+  std::vector<std::uint64_t> expected;
+  for (std::uint64_t i = 0; i < 300; i += 3) {
+    Dispatch({MakeEvent(event_type::kCreateProcess, 5, 0, i)});
+    WaitUntilIdle();
+    Dispatch({MakeEvent(event_type::kCreateProcess, 6, 0, i + 1)});
+    Dispatch({MakeEvent(event_type::kCreateProcess, 5, 0, i + 2)});
+    expected.insert(expected.end(), {i, i + 1, i + 2});
+  }
+  WaitUntilIdle();
+  EXPECT_EQ(seen, expected);
 }
 
 // --- The limit. -------------------------------------------------------------------------------------------
@@ -409,6 +445,19 @@ TEST_F(EventDispatcherTest, AHandlerMayDispatch) {
 }
 
 // --- The end. ---------------------------------------------------------------------------------------------
+
+TEST_F(EventDispatcherTest, ADispatcherWhoseWorkerRestsEndsAtOnceAndLeavesNothing) {
+  for (int i = 0; i < 20; ++i) {
+    Create();
+    const auto event = MakeEvent(event_type::kCreateProcess, 5);
+    Dispatch({event});
+    WaitUntilIdle();
+    m_dispatcher = {};
+    EXPECT_EQ(event->completions, 1);
+    EXPECT_EQ(event->AddRef(), 2U) << "nobody else holds it";
+    event->Release();
+  }
+}
 
 TEST_F(EventDispatcherTest, DestructionReleasesQueuedEventsAndCallsNoHandler) {
   Create();

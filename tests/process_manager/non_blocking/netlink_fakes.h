@@ -18,6 +18,7 @@
 #include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/own_process.h"
+#include "support/watched_tracer.h"
 
 namespace test_support {
 
@@ -202,28 +203,6 @@ class FakeExecListenerFactory : public zym::object::Ifaces<qor::IExecListenerFac
 
   zym::intrusive_ptr<qor::IExecListener> listener;
   int calls = 0;
-};
-
-// Passes records on, and lets a test act at the moment when one is written.
-class WatchedTracer : public zym::object::Ifaces<zym::ITracer> {
- public:
-  explicit WatchedTracer(zym::intrusive_ptr<zym::ITracer> inner) : m_inner(std::move(inner)) {}
-
-  zym::result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
-    return m_inner->GetRecord(level, buffer, size);
-  }
-  void CommitRecord(void* buffer, std::uint64_t length) override {
-    const std::string text(static_cast<const char*>(buffer), length);
-    m_inner->CommitRecord(buffer, length);
-    if (!trigger.empty() && text.find(trigger) != std::string::npos) action();
-  }
-
-  // Set before other threads trace.
-  std::string trigger;
-  std::function<void()> action;
-
- private:
-  zym::intrusive_ptr<zym::ITracer> m_inner;
 };
 
 // The source in the middle of fakes.

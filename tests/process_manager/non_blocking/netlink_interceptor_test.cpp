@@ -493,6 +493,20 @@ TEST_F(NetlinkInterceptorTest, AFailedStartIsRemembered) {
   EXPECT_EQ(m_listenerFactory->calls, 1);
 }
 
+TEST_F(NetlinkInterceptorTest, ItsEndStopsEveryTypeAndLetsTheListenerGo) {
+  const auto listener = zym::CreateObject<ControllableExecListener>();
+  OfferListener(listener);
+  m_interceptor->Start(kKprobes | kFullProcessInfo);
+  listener->values.clear();
+  m_host.tracer->Clear();
+  m_interceptor.Reset();
+  EXPECT_TRUE(m_host.tracer->Has(
+      800, "NetlinkInterceptor::StopImpl() type: Netlink|Kprobes|FullProcessInfo|ConsoleInput"));
+  EXPECT_EQ(listener->values, (std::vector<std::uint32_t>{0, 0})) << "by the one bit and by the other";
+  EXPECT_EQ(listener->AddRef(), 3U);
+  listener->Release();
+}
+
 TEST(NetlinkInterceptor, LeavesNothingBehind) {
   const std::int32_t before = zym::ModuleObjectCounter::Value();
   {

@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -199,6 +205,101 @@ TEST_F(NetlinkParserTest, ARefusedDatagramHasNoEffectOnTheNextOne) {
   Parse(MakeDatagram(0x2, {10, 10, 0, 0}), 12);
   EXPECT_EQ(Parse(MakeDatagram(0x1, {10, 10, 20, 20}, 5)), zym::ZYM_OK);
   ExpectRecord(EventRecord::kFork, 20, 10, 0, 5);
+}
+
+// --- any datagram ------------------------------------------------------------------------------------------
+
+template <class T>
+T At(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+  T value{};
+  std::memcpy(&value, bytes.data() + offset, sizeof(value));
+  return value;
+}
+
+struct Expected {
+  zym::result_t result;
+  EventRecord record;
+};
+
+// The rules once more, from the offsets of a datagram.
+Expected Read(const std::vector<std::uint8_t>& bytes) {
+  const Expected invalid{zym::ZYM_E_INVALID_ARGUMENT, {}};
+  const Expected ofNoInterest{zym::ZYM_FALSE, {}};
+  if (bytes.size() < 68 || (At<std::uint16_t>(bytes, 6) & 2) != 0 || At<std::uint16_t>(bytes, 4) != 3)
+    return invalid;
+  const std::uint32_t words[] = {At<std::uint32_t>(bytes, 52), At<std::uint32_t>(bytes, 56),
+                                 At<std::uint32_t>(bytes, 60), At<std::uint32_t>(bytes, 64)};
+  EventRecord record;
+  record.timestamp = At<std::uint64_t>(bytes, 44);
+  record.pid = words[1];
+  switch (At<std::uint32_t>(bytes, 36)) {
+    case 0x0:
+      return {zym::ZYM_OK, {}};
+    case 0x1:
+      record.type = EventRecord::kFork;
+      record.pid = words[3];
+      record.first = words[1];
+      return words[2] == words[3] ? Expected{zym::ZYM_OK, record} : ofNoInterest;
+    case 0x2:
+      record.type = EventRecord::kExec;
+      return {zym::ZYM_OK, record};
+    case 0x4:
+    case 0x40:
+      record.type = At<std::uint32_t>(bytes, 36) == 0x4 ? EventRecord::kUid : EventRecord::kGid;
+      record.first = words[2];
+      record.second = words[3];
+      return {zym::ZYM_OK, record};
+    case 0x80:
+      return ofNoInterest;
+    case 0x80000000:
+      record.type = EventRecord::kExit;
+      return words[0] == words[1] ? Expected{zym::ZYM_OK, record} : ofNoInterest;
+    default:
+      return {zym::ZYM_E_UNSPECIFIED, {}};
+  }
+}
+
+TEST_F(NetlinkParserTest, DatagramsOfEveryLengthAndAnyContentAreReadByTheRules) {
+  constexpr std::size_t kLongest = 4096;
+  constexpr std::uint32_t kWhats[] = {0x0,  0x1,   0x2,   0x3,        0x4,       0x40,
+                                      0x80, 0x100, 0x200, 0x40000000, 0x80000000};
+  const NetlinkParser parser(nullptr);
+  std::mt19937 random(20240731);
+  std::map<zym::result_t, int> seen;
+  for (std::size_t length = 0; length <= kLongest; ++length) {
+    for (int round = 0; round < 16; ++round) {
+      std::vector<std::uint8_t> bytes(length);
+      for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+      const auto put = [&](std::size_t offset, auto value) {
+        if (offset + sizeof(value) <= length) std::memcpy(bytes.data() + offset, &value, sizeof(value));
+      };
+      // One round in four is what it is by chance; the others get further.
+      if (round % 4 != 0) {
+        put(4, std::uint16_t{3});
+        put(6, static_cast<std::uint16_t>(random() & ~2U));
+        put(36, kWhats[random() % std::size(kWhats)]);
+      }
+      if (round % 4 == 3) {  // process and thread are one
+        put(52, std::uint32_t{7});
+        put(56, std::uint32_t{7});
+        put(60, std::uint32_t{8});
+        put(64, std::uint32_t{8});
+      }
+      // In memory of its own length, where a look beyond it is found.
+      const auto datagram = std::make_unique<std::uint8_t[]>(length);
+      std::ranges::copy(bytes, datagram.get());
+      const Expected expected = Read(bytes);
+      m_record = {.type = EventRecord::kExec, .pid = 7, .first = 8, .second = 9, .timestamp = 10};
+      ASSERT_EQ(parser.Parse(reinterpret_cast<const Message*>(datagram.get()), length, &m_record),
+                expected.result)
+          << length;
+      ExpectRecord(expected.record.type, expected.record.pid, expected.record.first, expected.record.second,
+                   expected.record.timestamp);
+      ASSERT_FALSE(HasFailure()) << "a datagram of " << length << " bytes";
+      ++seen[expected.result];
+    }
+  }
+  EXPECT_EQ(seen.size(), 4U) << "each result came";
 }
 
 TEST(NetlinkParser, KeepsItsTracerAndNothingElse) {

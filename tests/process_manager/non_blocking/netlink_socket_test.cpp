@@ -50,7 +50,7 @@ class NetlinkSocketTest : public testing::Test {
   // The next datagram; waits for it.
   std::array<std::uint32_t, 19> Next() {
     pollfd readable{.fd = m_socket->GetDescriptor(), .events = POLLIN, .revents = 0};
-    EXPECT_EQ(::poll(&readable, 1, 60'000), 1);
+    EXPECT_EQ(::poll(&readable, 1, 30'000), 1);
     std::array<std::uint32_t, 19> datagram{};
     EXPECT_EQ(m_socket->Receive(datagram.data(), sizeof(datagram)), 76);
     return datagram;
@@ -124,7 +124,7 @@ TEST_F(NetlinkSocketTest, AMessageThatIsCutIsLostWithAReason) {
   if (child == 0) ::_exit(0);
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   pollfd readable{.fd = m_socket->GetDescriptor(), .events = POLLIN, .revents = 0};
-  ASSERT_EQ(::poll(&readable, 1, 60'000), 1);
+  ASSERT_EQ(::poll(&readable, 1, 30'000), 1);
   char few[8];
   EXPECT_EQ(m_socket->Receive(few, sizeof(few)), -1);
   EXPECT_EQ(errno, ENOSPC);

@@ -13,6 +13,7 @@
 #include "process_manager/non_blocking/netlink_fakes.h"
 #include "process_manager/non_blocking/netlink_interceptor.h"
 #include "qor_common/unique_fd.h"
+#include "support/actor.h"
 #include "support/threads.h"
 #include "zym/module_counter.h"
 
@@ -76,7 +77,8 @@ class NetlinkThreadTest : public testing::Test, protected NetlinkHarness {
   }
   // The thread has ended, and nothing is open.
   void ExpectStopped() {
-    EXPECT_TRUE(ThreadsNamed(kThread).empty());
+    EXPECT_TRUE(Eventually([] { return ThreadsNamed(kThread).empty(); }))
+        << "listed for a moment after its join";
     EXPECT_EQ(OpenDescriptors(), m_before);
   }
   void ExpectRestart() {
@@ -164,19 +166,12 @@ TEST_F(NetlinkThreadTest, ItsDestructionJoinsTheThread) {
 
 TEST_F(NetlinkThreadTest, ItStopsInTheMiddleOfAStorm) {
   Start();
-  const pid_t storm = ::fork();
-  if (storm == 0) {
-    for (;;) {
-      const pid_t child = ::fork();
-      if (child == 0) ::_exit(0);
-      ::waitpid(child, nullptr, 0);
-    }
+  {
+    const Actor storm({"storm", "0"});
+    EXPECT_TRUE(Eventually([this] { return m_cache->Reports().size() > 100; }));
+    EXPECT_EQ(m_interceptor->Stop(kNetlink), zym::ZYM_OK);
   }
-  EXPECT_TRUE(Eventually([this] { return m_cache->Reports().size() > 100; }));
-  EXPECT_EQ(m_interceptor->Stop(kNetlink), zym::ZYM_OK);
   ExpectStopped();
-  ::kill(storm, SIGKILL);
-  ::waitpid(storm, nullptr, 0);
 }
 
 // --- starts that fail --------------------------------------------------------------------------------------

@@ -28,7 +28,7 @@ struct IPathMatcher : zym::IObject {
 struct IPathMatcherFactory : zym::IObject {
   static constexpr zym::iid_t kIid = 0x38514cf7;
 
-  // ZYM_OK: a pattern that every operation below takes.
+  // ZYM_OK: it is one.
   virtual zym::result_t CheckPattern(const NativePath& pattern) = 0;
   // Texts that stand for themselves, whatever characters they hold.
   virtual zym::result_t CreateExactMatcher(const PathList& texts, IPathMatcher** matcher) = 0;
@@ -42,7 +42,7 @@ struct IPathMatcherFactory : zym::IObject {
   // alone, a pattern of names in the second alone. What `exceptions` match doesn't match.
   virtual zym::result_t CreateMountMatcher(const PathList& excluded, const PathList& exceptions,
                                            IPathMatcher** matcher) = 0;
-  // Patterns of names alone; Match tests the last component of the path.
+  // Patterns of names alone, others are refused; Match tests the last component of the path.
   virtual zym::result_t CreateNameMatcher(const PathList& patterns, IPathMatcher** matcher) = 0;
   // One pattern, as CreatePathMatcher.
   virtual zym::result_t CreatePatternMatcher(const NativePath& pattern, IPathMatcher** matcher) = 0;

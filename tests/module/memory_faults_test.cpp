@@ -1,0 +1,778 @@
+// Memory that gives out at each single allocation of an operation, and from each one on: every operation says
+// so by its result, leaves nothing behind, and works when there is memory again.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "module/fault_host.h"
+#include "qor_common/unique_fd.h"
+#include "support/child.h"
+#include "support/own_process.h"
+#include "support/threads.h"
+
+namespace {
+
+using namespace test_support;
+using namespace system_interceptors;
+using qor::UniqueFd;
+using qor::process_manager::InterceptorSettings;
+using Failing = HeapFaults::Failing;
+using Threads = HeapFaults::Threads;
+namespace class_ids = qor::class_ids;
+namespace non_blocking_type = qor::process_manager::non_blocking_type;
+
+// Where and how long the memory is gone.
+struct Shortage {
+  Failing failing;
+  std::uint64_t call;
+
+  friend std::ostream& operator<<(std::ostream& out, const Shortage& shortage) {
+    return out << (shortage.failing == Failing::kOnce ? "allocation " : "every allocation from ")
+               << shortage.call;
+  }
+};
+
+// No operation here needs nearly so many.
+constexpr std::uint64_t kTooMany = 3000;
+
+// Calls `round` with each shortage that there can be, or with every `stride`th; it gives whether an
+// allocation failed.
+void AtEachAllocation(const std::function<bool(Shortage)>& round, std::uint64_t stride = 1) {
+  for (const Failing failing : {Failing::kOnce, Failing::kFromThenOn}) {
+    std::uint64_t call = 0;
+    while (call < kTooMany && round({failing, call}) && !testing::Test::HasFailure()) call += stride;
+    EXPECT_LT(call, kTooMany) << "it never ended";
+    if (HeapFaults::SeesAll()) {
+      EXPECT_GT(call, 0U) << "nothing was ever allocated: the test has no hold on it";
+    }
+  }
+}
+
+// The results with which an operation may fail for want of memory.
+bool IsOneOf(zym::result_t result, std::initializer_list<zym::result_t> results) {
+  return std::ranges::find(results, result) != results.end();
+}
+
+// --- making objects
+// -------------------------------------------------------------------------------------------
+
+class EveryFactoryClass : public testing::TestWithParam<std::uint32_t> {};
+class EveryCreatedClass : public testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(EveryFactoryClass, IsMadeOrRefusedWhateverAllocationFails) {
+  const FaultHost faultHost;
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    faultHost.host.tracer->Clear();
+    const std::int64_t before = HeapFaults::Live();
+    const std::int64_t hostsBefore = faultHost.host.allocator->Live();
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    zym::intrusive_ptr<zym::IObject> object;
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    zym::result_t result = faultHost.module.getObjectFactory(faultHost.Locator(), GetParam(), factory.Ref());
+    if (result == zym::ZYM_OK)
+      result = factory->CreateInstance(faultHost.Locator(), 0, reinterpret_cast<void**>(object.Ref()));
+    faults.End();
+    EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+    EXPECT_EQ(faultHost.host.tracer->Has(300, "Exception during object construction: std::bad_alloc"),
+              faults.Fired());
+    EXPECT_EQ(bool(object), !faults.Fired());
+    object.Reset();
+    factory.Reset();
+    faultHost.host.tracer->Clear();
+    EXPECT_EQ(faultHost.host.allocator->Live(), hostsBefore);
+    EXPECT_EQ(HeapFaults::Live(), before);
+    return faults.Fired();
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(MemoryFaults, EveryFactoryClass,
+                         testing::Values(class_ids::kTypeDescriptorStaticRegistry, class_ids::kProcParser,
+                                         class_ids::kLocalProcParser));
+
+TEST_P(EveryCreatedClass, IsMadeOrRefusedWhateverAllocationFails) {
+  const FaultHost faultHost;
+  zym::intrusive_ptr<zym::IObject> object;
+  ASSERT_EQ(faultHost.CreateObject(GetParam(), object), zym::ZYM_OK);  // what libraries keep for good
+  object.Reset();
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    faultHost.host.tracer->Clear();
+    const std::int64_t before = HeapFaults::Live();
+    const std::size_t threads = ThreadCount();
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = faultHost.CreateObject(GetParam(), object);
+    faults.End();
+    EXPECT_EQ(bool(object), result == zym::ZYM_OK);
+    if (faults.Fired()) {
+      // A thread that can't be made is an exception of the library that makes it, which has no code.
+      EXPECT_TRUE(
+          IsOneOf(result, {zym::ZYM_OK, zym::ZYM_E_OUT_OF_MEMORY, zym::ZYM_E_EXCEPTION_WITHOUT_RESULT}))
+          << std::hex << result;
+      EXPECT_TRUE(result == zym::ZYM_OK || faultHost.host.tracer->Has(300, ""));
+    } else {
+      EXPECT_EQ(result, zym::ZYM_OK);
+    }
+    object.Reset();
+    faultHost.host.tracer->Clear();
+    EXPECT_EQ(ThreadCount(), threads);
+    EXPECT_EQ(HeapFaults::Live(), before);
+    return faults.Fired();
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(MemoryFaults, EveryCreatedClass,
+                         testing::Values(class_ids::kInterceptor, class_ids::kInterceptorSettingsSubscription,
+                                         class_ids::kProcessCache));
+
+// What is released needs no memory to go.
+TEST(MemoryFaults, EveryObjectEndsWithoutMemory) {
+  ExpectNothingIsKept([] {
+    const FaultHost faultHost;
+    std::vector<zym::intrusive_ptr<zym::IObject>> objects;
+    for (const std::uint32_t classId :
+         {class_ids::kInterceptor, class_ids::kInterceptorSettingsSubscription, class_ids::kProcessCache}) {
+      objects.emplace_back();
+      ASSERT_EQ(faultHost.CreateObject(classId, objects.back()), zym::ZYM_OK);
+    }
+    for (const std::uint32_t classId :
+         {class_ids::kTypeDescriptorStaticRegistry, class_ids::kProcParser, class_ids::kLocalProcParser}) {
+      zym::intrusive_ptr<zym::IObjectFactory> factory;
+      ASSERT_EQ(faultHost.module.getObjectFactory(faultHost.Locator(), classId, factory.Ref()), zym::ZYM_OK);
+      objects.emplace_back();
+      ASSERT_EQ(
+          factory->CreateInstance(faultHost.Locator(), 0, reinterpret_cast<void**>(objects.back().Ref())),
+          zym::ZYM_OK);
+    }
+    const HeapFaults faults(Threads::kThis, Failing::kFromThenOn, 0);
+    for (auto& object : objects) object.Reset();
+  });
+}
+
+// --- settings and meta-information
+// ----------------------------------------------------------------------------
+
+InterceptorSettings Excluding(std::initializer_list<const char*> patterns) {
+  InterceptorSettings settings;
+  settings.excluded.assign(patterns.begin(), patterns.end());
+  return settings;
+}
+
+std::vector<std::string> Patterns(const InterceptorSettings& settings) {
+  return {settings.excluded.begin(), settings.excluded.end()};
+}
+
+class Subscriber : public zym::object::Ifaces<qor::process_manager::IInterceptorSettings> {
+ public:
+  zym::result_t OnInterceptorSettingsChanged(const InterceptorSettings& settings) override {
+    const HostsOwnMemory own;
+    last = Patterns(settings);
+    ++calls;
+    return zym::ZYM_OK;
+  }
+  std::vector<std::string> last;
+  int calls = 0;
+};
+
+constexpr const char* kOld = "/mnt/an old pattern that is too long for a string of its own/*";
+constexpr const char* kNew = "/mnt/a new pattern that is too long for a string of its own/*";
+
+TEST(MemoryFaults, AChangeOfTheSettingsIsWholeOrNone) {
+  const FaultHost faultHost;
+  zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsHolder> holder;
+  ASSERT_EQ(zym::QueryInterface(faultHost.settings, holder.Ref()), zym::ZYM_OK);
+  const auto subscriber = zym::CreateObject<Subscriber>();
+  ASSERT_EQ(faultHost.settings->Subscribe(subscriber.get()), zym::ZYM_OK);
+  const InterceptorSettings before = Excluding({kOld});
+  const InterceptorSettings after = Excluding({kNew, kOld, kNew});
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    EXPECT_EQ(holder->SetSettings(before), zym::ZYM_OK);
+    faultHost.host.tracer->Clear();
+    const int calls = subscriber->calls;
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = holder->SetSettings(after);
+    faults.End();
+    EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+    EXPECT_EQ(faultHost.host.tracer->Has(300, "SetSettings: std::bad_alloc"), faults.Fired());
+    EXPECT_EQ(subscriber->calls, faults.Fired() ? calls : calls + 1);
+    InterceptorSettings now;
+    EXPECT_EQ(holder->GetSettings(now), zym::ZYM_OK);
+    EXPECT_EQ(Patterns(now), Patterns(faults.Fired() ? before : after));
+    EXPECT_EQ(subscriber->last, Patterns(now));
+    return faults.Fired();
+  });
+  EXPECT_EQ(faultHost.settings->Unsubscribe(subscriber.get()), zym::ZYM_OK);
+}
+
+TEST(MemoryFaults, SettingsThatCantBeCopiedOutAreOutOfMemory) {
+  const FaultHost faultHost;
+  zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsHolder> holder;
+  ASSERT_EQ(zym::QueryInterface(faultHost.settings, holder.Ref()), zym::ZYM_OK);
+  ASSERT_EQ(holder->SetSettings(Excluding({kOld, kNew})), zym::ZYM_OK);
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    InterceptorSettings out;
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = holder->GetSettings(out);
+    faults.End();
+    EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+    EXPECT_EQ(out.excluded.size(), faults.Fired() ? 0U : 2U);
+    return faults.Fired();
+  });
+}
+
+TEST(MemoryFaults, ASubscriptionIsMadeWithItsNotificationOrNotAtAll) {
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    const FaultHost faultHost;
+    const auto subscriber = zym::CreateObject<Subscriber>();
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = faultHost.settings->Subscribe(subscriber.get());
+    faults.End();
+    EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+    EXPECT_EQ(subscriber->calls, faults.Fired() ? 0 : 1);
+    EXPECT_EQ(faultHost.settings->Unsubscribe(subscriber.get()),
+              faults.Fired() ? zym::ZYM_E_NOT_FOUND : zym::ZYM_OK);
+    EXPECT_EQ(subscriber->AddRef(), 2U);
+    subscriber->Release();
+    return faults.Fired();
+  });
+}
+
+TEST(MemoryFaults, EachOperationOfADescriptorDoesItsWorkOrSaysThatItCant) {
+  const FaultHost faultHost;
+  zym::IAllocator* const allocator = faultHost.host.allocator.get();
+  zym::intrusive_ptr<zym::IMetaInfoProvider> registry;
+  ASSERT_EQ(faultHost.module.Make(class_ids::kTypeDescriptorStaticRegistry, faultHost.Locator(), registry),
+            zym::ZYM_OK);
+  const zym::ISerObjDescriptor* descriptor = nullptr;
+  ASSERT_EQ(registry->GetDescriptor(0x50058721, &descriptor), zym::ZYM_OK);
+  const InterceptorSettings source = Excluding({kOld, kNew});
+  using Ids = zym::types::vector_t<std::uint32_t>;
+  const std::pair<const char*, std::function<zym::result_t()>> operations[] = {
+      {"GetClassIds",
+       [&] {
+         Ids ids{Ids::allocator_type(allocator)};
+         return registry->GetClassIds(ids);
+       }},
+      {"Create",
+       [&] {
+         void* const object = descriptor->Create(&source, allocator);
+         if (object == nullptr) return zym::ZYM_E_OUT_OF_MEMORY;
+         descriptor->Destroy(object);
+         allocator->Free(object);
+         return zym::ZYM_OK;
+       }},
+      {"Construct",
+       [&] {
+         alignas(InterceptorSettings) unsigned char memory[sizeof(InterceptorSettings)];
+         const zym::result_t result = descriptor->Construct(memory, &source);
+         if (result == zym::ZYM_OK) descriptor->Destroy(memory);
+         return result;
+       }},
+      {"Assign",
+       [&] {
+         InterceptorSettings target;
+         return descriptor->Assign(&source, &target);
+       }},
+      {"Resize",
+       [&] {
+         InterceptorSettings target;
+         const zym::SerField& field = *descriptor->GetFields().begin();
+         return field.vector->Resize(field.address(&target), 3);
+       }},
+  };
+  for (const auto& [name, operation] : operations) {
+    SCOPED_TRACE(name);
+    AtEachAllocation([&operation = operation, &faultHost](Shortage shortage) {
+      SCOPED_TRACE(shortage);
+      const std::int64_t before = HeapFaults::Live();
+      const std::int64_t hostsBefore = faultHost.host.allocator->Live();
+      HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+      const zym::result_t result = operation();
+      faults.End();
+      EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+      EXPECT_EQ(HeapFaults::Live(), before);
+      EXPECT_EQ(faultHost.host.allocator->Live(), hostsBefore);
+      return faults.Fired();
+    });
+  }
+}
+
+// --- /proc
+// ----------------------------------------------------------------------------------------------------
+
+TEST(MemoryFaults, EachReadOfProcGivesAResultAndLetsNothingOut) {
+  const FaultHost faultHost;
+  qor::procfs::IParser& parser = *faultHost.parser;
+  const Child shell = Child::Shell("/bin/sh");  // a sanitized process has mappings by the thousand
+  const qor::PidType pid = shell.Pid();
+  const std::pair<const char*, std::function<zym::result_t()>> operations[] = {
+      {"GetProcLink",
+       [&] {
+         qor::NativePath target;
+         return parser.GetProcLink(pid, "exe", target);
+       }},
+      {"GetMaps",
+       [&] {
+         qor::procfs::Maps maps;
+         return parser.GetMaps(pid, maps);
+       }},
+      {"GetCmdline",
+       [&] {
+         zym::types::string16_t cmdline;
+         return parser.GetCmdline(pid, cmdline);
+       }},
+      {"GetProcessList",
+       [&] {
+         std::vector<unsigned int> pids;
+         return parser.GetProcessList(pids);
+       }},
+      {"GetProcessListByRelevance",
+       [&] {
+         std::vector<unsigned int> pids;
+         return parser.GetProcessListByRelevance(pids);
+       }},
+      {"GetIOMemMap",
+       [&] {
+         qor::procfs::IOMemMap map;
+         return parser.GetIOMemMap(map);
+       }},
+      {"GetImagePath",
+       [&] {
+         qor::NativePath path;
+         return parser.GetImagePath(pid, path);
+       }},
+      {"GetDescriptors",
+       [&] {
+         std::vector<unsigned int> fds;
+         return parser.GetDescriptors(pid, fds);
+       }},
+      {"GetModules",
+       [&] {
+         qor::procfs::ModulesList modules;
+         return parser.GetModules(modules);
+       }},
+      {"GetModulesSections",
+       [&] {
+         qor::procfs::ModulesSections sections;
+         return parser.GetModulesSections({}, sections, 0);
+       }},
+      {"GetCreds",
+       [&] {
+         qor::procfs::Creds creds;
+         return parser.GetCreds(pid, creds);
+       }},
+      {"GetEnvironmentVariable",
+       [&] {
+         std::string value;
+         return parser.GetEnvironmentVariable(pid, "PATH", value);
+       }},
+      {"GetEnvironmentVariables",
+       [&] {
+         zym::types::vector_t<zym::types::string_t> variables;
+         return parser.GetEnvironmentVariables(pid, variables);
+       }},
+      {"GetStat",
+       [&] {
+         qor::procfs::Stat stat;
+         return parser.GetStat(pid, stat);
+       }},
+      {"GetIOCounters",
+       [&] {
+         qor::procfs::IOCounters counters;
+         return parser.GetIOCounters(pid, counters);
+       }},
+      {"GetComm",
+       [&] {
+         std::string comm;
+         return parser.GetComm(pid, comm);
+       }},
+      {"GetDescriptorInfo",
+       [&] {
+         qor::procfs::DescriptorInfo info;
+         return parser.GetDescriptorInfo(pid, 0, info);
+       }},
+      {"GetWorkingDir",
+       [&] {
+         qor::NativePath cwd;
+         return parser.GetWorkingDir(pid, cwd);
+       }},
+      {"GetMountNamespaceId",
+       [&] {
+         std::uint64_t id = 0;
+         return parser.GetMountNamespaceId(pid, id);
+       }},
+  };
+  for (const auto& [name, operation] : operations) {
+    SCOPED_TRACE(name);
+    const zym::result_t healthy = operation();
+    for (const Failing failing : {Failing::kOnce, Failing::kFromThenOn}) {
+      bool fired = true;
+      for (std::uint64_t call = 0; fired && call < kTooMany; ++call) {
+        faultHost.host.tracer->Clear();
+        const std::int64_t before = HeapFaults::Live();
+        HeapFaults faults(Threads::kThis, failing, call);
+        const zym::result_t result = operation();
+        faults.End();
+        fired = faults.Fired();
+        if (fired) {
+          // A directory that can't be opened says so, for whatever reason.
+          EXPECT_TRUE(IsOneOf(result, {zym::ZYM_E_OUT_OF_MEMORY, zym::ZYM_E_UNSPECIFIED}))
+              << std::hex << result;
+          EXPECT_TRUE(faultHost.host.tracer->Has(300, "")) << "nobody was told";
+        } else {
+          EXPECT_EQ(result, healthy);
+        }
+        faultHost.host.tracer->Clear();
+        EXPECT_EQ(HeapFaults::Live(), before);
+      }
+      EXPECT_FALSE(fired) << "it never ended";
+    }
+  }
+}
+
+// --- filters
+// --------------------------------------------------------------------------------------------------
+
+class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHandler> {
+ public:
+  void OnEvent(qor::process_manager::ISystemEvent*, std::uint32_t) override {}
+};
+
+// One interceptor for each shortage: its tables have no room to spare.
+struct Facade {
+  Facade() { EXPECT_EQ(host.CreateInterceptor(interceptor), zym::ZYM_OK); }
+
+  // 1: enabled, 0: disabled, -1: there is none.
+  int Status(std::uint32_t id) const {
+    bool enabled = false;
+    return interceptor->GetFilterStatus(id, &enabled) == zym::ZYM_OK ? enabled : -1;
+  }
+
+  FaultHost host;
+  zym::intrusive_ptr<interceptor_facade::IInterceptor2> interceptor;
+};
+
+TEST(MemoryFaults, AFilterIsRegisteredOrRefusedWithItsIdWritten) {
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    const Facade facade;
+    const auto handler = zym::CreateObject<Handler>();
+    std::uint32_t id = 0xffffffff;
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = facade.interceptor->RegisterNonBlockingFilterAttachHandler(
+        {.type = event_type::kCreateProcess}, true, 0, handler.get(), &id);
+    faults.End();
+    EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+    EXPECT_NE(id, 0xffffffffU);
+    EXPECT_EQ(facade.Status(id), faults.Fired() ? -1 : 1);
+    EXPECT_EQ(handler->AddRef(), faults.Fired() ? 2U : 3U);
+    handler->Release();
+    std::uint32_t next = 0;
+    EXPECT_EQ(facade.interceptor->RegisterFilter({.type = event_type::kExitProcess}, true, 0, &next),
+              zym::ZYM_OK);
+    EXPECT_EQ(next, id + 1);
+    return faults.Fired();
+  });
+}
+
+TEST(MemoryFaults, FiltersAreDeletedAllOrNone) {
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    const Facade facade;
+    const auto handler = zym::CreateObject<Handler>();
+    std::vector<unsigned int> ids(5);
+    for (unsigned int& id : ids)
+      EXPECT_EQ(facade.interceptor->RegisterNonBlockingFilterAttachHandler(
+                    {.type = event_type::kCreateProcess}, true, 0, handler.get(), &id),
+                zym::ZYM_OK);
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = facade.interceptor->DeleteFilters({ids.data(), ids.data() + ids.size()});
+    faults.End();
+    EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
+    for (const unsigned int id : ids) EXPECT_EQ(facade.Status(id), faults.Fired() ? 1 : -1);
+    EXPECT_EQ(handler->AddRef(), faults.Fired() ? 7U : 2U) << "the handlers are where they were";
+    handler->Release();
+    EXPECT_EQ(facade.interceptor->DeleteFilters({ids.data(), ids.data() + ids.size()}), zym::ZYM_OK);
+    return faults.Fired();
+  });
+}
+
+TEST(MemoryFaults, TheOtherOperationsOnFiltersNeedNoMemory) {
+  const Facade facade;
+  const auto handler = zym::CreateObject<Handler>();
+  unsigned int id = 0;
+  ASSERT_EQ(facade.interceptor->RegisterFilter({.type = event_type::kCreateProcess}, true, 0, &id),
+            zym::ZYM_OK);
+  const interceptor_facade::FilterIds ids{&id, &id + 1};
+  HeapFaults faults(Threads::kThis, Failing::kFromThenOn, 0);
+  const zym::result_t results[] = {
+      facade.interceptor->AttachHandler(id, handler.get()),
+      facade.interceptor->DisableFilters(ids),
+      facade.interceptor->EnableFilters(ids),
+      facade.interceptor->EnableDisableFilters({}, ids),
+      facade.interceptor->DetachHandler(id),
+  };
+  faults.End();
+  for (const zym::result_t result : results) EXPECT_EQ(result, zym::ZYM_OK);
+}
+
+// --- the source
+// -----------------------------------------------------------------------------------------------
+
+class NetlinkMemoryFaults : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  }
+};
+
+TEST_F(NetlinkMemoryFaults, AStartSucceedsOrFailsAndAStopClearsTheWay) {
+  const Facade facade;
+  zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
+  ASSERT_EQ(zym::QueryInterface(facade.interceptor, control.Ref()), zym::ZYM_OK);
+  constexpr std::uint32_t kType = non_blocking_type::kNetlink | non_blocking_type::kFullProcessInfo;
+  ASSERT_EQ(control->EnableNonBlockingInterceptor(kType), zym::ZYM_OK);
+  ASSERT_EQ(control->DisableNonBlockingInterceptor(kType), zym::ZYM_OK);
+  const auto descriptors = OpenDescriptors();
+  AtEachAllocation([&](Shortage shortage) {
+    SCOPED_TRACE(shortage);
+    facade.host.host.tracer->Clear();
+    HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
+    const zym::result_t result = control->EnableNonBlockingInterceptor(kType);
+    faults.End();
+    if (faults.Fired()) {
+      // The socket and the thread fail as the system says it: 0x8006000b is EAGAIN of pthread_create(3).
+      EXPECT_TRUE(IsOneOf(result, {zym::ZYM_E_OUT_OF_MEMORY, zym::ZYM_E_UNSPECIFIED,
+                                   static_cast<zym::result_t>(0x8006000bU)}))
+          << std::hex << result;
+      EXPECT_TRUE(facade.host.host.tracer->Has(300, "(m_nonBlockingInterceptor->Start(type))"));
+    } else {
+      EXPECT_EQ(result, zym::ZYM_OK);
+    }
+    EXPECT_EQ(control->DisableNonBlockingInterceptor(kType), zym::ZYM_OK);
+    EXPECT_TRUE(ThreadsNamed("vornPrcMonPoll").empty());
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_EQ(control->EnableNonBlockingInterceptor(kType), zym::ZYM_OK);
+    EXPECT_TRUE(Eventually([] { return ThreadsNamed("vornPrcMonPoll").size() == 1; }));
+    EXPECT_EQ(control->DisableNonBlockingInterceptor(kType), zym::ZYM_OK);
+    return faults.Fired();
+  });
+}
+
+TEST_F(NetlinkMemoryFaults, AStopNeedsNoMemory) {
+  const Facade facade;
+  zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
+  ASSERT_EQ(zym::QueryInterface(facade.interceptor, control.Ref()), zym::ZYM_OK);
+  const auto descriptors = OpenDescriptors();
+  ASSERT_EQ(control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+  HeapFaults faults(Threads::kThis, Failing::kFromThenOn, 0);
+  const zym::result_t result = control->DisableNonBlockingInterceptor(non_blocking_type::kNetlink);
+  faults.End();
+  EXPECT_EQ(result, zym::ZYM_OK);
+  EXPECT_FALSE(facade.host.host.tracer->Has(300, ""));
+  EXPECT_TRUE(ThreadsNamed("vornPrcMonPoll").empty());
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+// --- events
+// ---------------------------------------------------------------------------------------------------
+
+// A child that takes each step when it is told to: it is forked, becomes another program, and ends.
+class SteppedChild {
+ public:
+  SteppedChild() {
+    int step[2];
+    int end[2];
+    EXPECT_EQ(::pipe2(step, O_CLOEXEC), 0);
+    EXPECT_EQ(::pipe2(end, O_CLOEXEC), 0);
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      char byte = 0;
+      ::dup2(end[0], STDIN_FILENO);  // which the new program waits on
+      ::close(step[1]);
+      ::close(end[1]);
+      if (::read(step[0], &byte, 1) != 0) ::_exit(1);
+      const char* const environment[] = {"NAME=a value that is too long for a string of its own", nullptr};
+      ::execle("/bin/cat", "cat", nullptr, environment);
+      ::_exit(1);
+    }
+    ::close(step[0]);
+    ::close(end[0]);
+    m_step.Reset(step[1]);
+    m_end.Reset(end[1]);
+  }
+  ~SteppedChild() { End(); }
+
+  [[nodiscard]] pid_t Pid() const { return m_pid; }
+  void Execute() { m_step.Reset(); }
+  void End() {
+    Execute();
+    m_end.Reset();
+    if (m_pid > 0) ::waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+  }
+
+ private:
+  pid_t m_pid = -1;
+  UniqueFd m_step;
+  UniqueFd m_end;
+};
+
+// Counts the events of the process that the test looks at.
+class LifeHandler : public zym::object::Ifaces<event_processing::INonBlockingEventHandler> {
+ public:
+  void OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t) override {
+    const HostsOwnMemory own;
+    const std::scoped_lock lock(m_mutex);
+    ++m_events[event->GetPid()];
+    zym::types::range_t<const std::uint8_t*> path;
+    event->GetParam(event_param::kImagePath, &path);
+    constexpr std::u16string_view kProgram = u"/cat";
+    const std::u16string_view seen(reinterpret_cast<const char16_t*>(path.begin()),
+                                   path.size() / sizeof(char16_t));
+    if (event->GetType() == event_type::kExitProcess && seen.ends_with(kProgram))
+      m_ended.insert(event->GetPid());
+  }
+
+  std::size_t EventsOf(pid_t pid) const {
+    const std::scoped_lock lock(m_mutex);
+    const auto found = m_events.find(static_cast<std::uint32_t>(pid));
+    return found != m_events.end() ? found->second : 0;
+  }
+  // The end of the program that the process became was told.
+  bool HasEnded(pid_t pid) const {
+    const std::scoped_lock lock(m_mutex);
+    return m_ended.contains(static_cast<std::uint32_t>(pid));
+  }
+
+ private:
+  mutable std::mutex m_mutex;  // guards all below
+  std::map<std::uint32_t, std::size_t> m_events;
+  std::set<std::uint32_t> m_ended;
+};
+
+class EventMemoryFaults : public NetlinkMemoryFaults {
+ protected:
+  void SetUp() override {
+    NetlinkMemoryFaults::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_EQ(zym::QueryInterface(m_facade.interceptor, m_control.Ref()), zym::ZYM_OK);
+    for (const std::uint32_t type : {event_type::kCreateProcess, event_type::kExitProcess}) {
+      std::uint32_t id = 0;
+      ASSERT_EQ(m_facade.interceptor->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0,
+                                                                             m_handler.get(), &id),
+                zym::ZYM_OK);
+    }
+    constexpr std::uint32_t kType = non_blocking_type::kNetlink | non_blocking_type::kFullProcessInfo;
+    ASSERT_EQ(m_control->EnableNonBlockingInterceptor(kType), zym::ZYM_OK);
+  }
+
+  std::size_t EventsOf(pid_t pid) const { return m_handler->EventsOf(pid); }
+  bool HasEnded(pid_t pid) const { return m_handler->HasEnded(pid); }
+
+  // On a busy machine the kernel may drop events before they are read: that round tells nothing.
+  bool Dropped() const { return m_facade.host.host.tracer->Has(300, "Error on recv() from netlink socket"); }
+
+  // The whole life of one child; gives its pid.
+  pid_t Live(const HeapFaults* faults = nullptr) const {
+    const auto fired = [&] { return Dropped() || (faults != nullptr && faults->Fired()); };
+    SteppedChild child;
+    const pid_t pid = child.Pid();
+    EXPECT_TRUE(Eventually([&] { return m_facade.host.children->HasForked(pid) || fired(); }));
+    child.Execute();
+    EXPECT_TRUE(Eventually([&] { return m_facade.host.children->HasExecuted(pid) || fired(); }));
+    child.End();
+    return pid;
+  }
+  // The same with memory enough: all four events of it come.
+  void ExpectAHealthyLife() const {
+    const pid_t pid = Live();
+    EXPECT_TRUE(Eventually([&] { return HasEnded(pid) || Dropped(); }));
+    if (!Dropped()) {
+      EXPECT_EQ(EventsOf(pid), 4U);
+    }
+  }
+
+  // Whether an allocation failed; null: it isn't known, as events were dropped.
+  std::optional<bool> LiveThrough(Shortage shortage) const {
+    RecordingTracer& tracer = *m_facade.host.host.tracer;
+    tracer.Clear();
+    HeapFaults faults(Threads::kOthers, shortage.failing, shortage.call);
+    const pid_t pid = Live(&faults);
+    // The last event may be on its way still: the failure has come, or comes no more.
+    EXPECT_TRUE(Eventually([&] { return HasEnded(pid) || faults.Fired() || Dropped(); }));
+    faults.End();
+    ExpectAHealthyLife();
+    if (Dropped()) return std::nullopt;
+    if (!faults.Fired()) {
+      EXPECT_EQ(EventsOf(pid), 4U);
+    } else if (EventsOf(pid) < 4) {
+      EXPECT_TRUE(tracer.Has(300, "std::bad_alloc") || tracer.Has(300, "Out of memory"))
+          << "an event was lost without a word";
+    }
+    return faults.Fired();
+  }
+
+  Facade m_facade;
+  zym::intrusive_ptr<LifeHandler> m_handler = zym::CreateObject<LifeHandler>();
+  zym::intrusive_ptr<qor::process_manager::IQorInterceptor> m_control;
+};
+
+// A fork, an execution and an end pass through the reader of /proc, the cache, the factory, the queue and the
+// filters. Whatever allocation fails on the way, an event comes, or is lost with a trace that says so, and
+// the next process is told whole.
+TEST_F(EventMemoryFaults, AnEventComesOrIsLostWithATraceWhateverAllocationFails) {
+  ExpectAHealthyLife();
+  // A sanitized process is slow to fork.
+  const std::uint64_t stride = HeapFaults::SeesAll() ? 1 : 9;
+  AtEachAllocation(
+      [&](Shortage shortage) {
+        SCOPED_TRACE(shortage);
+        std::optional<bool> fired;
+        for (int attempt = 0; !fired && attempt < 100 && !HasFailure(); ++attempt)
+          fired = LiveThrough(shortage);
+        EXPECT_TRUE(fired.has_value()) << "events were dropped each time";
+        return fired.value_or(false);
+      },
+      stride);
+}
+
+TEST(MemoryFaults, AWholeRunWithFailuresInItKeepsNothing) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  ExpectNothingIsKept([] {
+    const Facade facade;
+    zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
+    ASSERT_EQ(zym::QueryInterface(facade.interceptor, control.Ref()), zym::ZYM_OK);
+    const auto handler = zym::CreateObject<LifeHandler>();
+    std::uint32_t id = 0;
+    ASSERT_EQ(facade.interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kExitProcess},
+                                                                         true, 0, handler.get(), &id),
+              zym::ZYM_OK);
+    ASSERT_EQ(control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+    const std::uint64_t stride = HeapFaults::SeesAll() ? 1 : 9;
+    for (std::uint64_t call = 0; call < 20; call += stride) {
+      const HeapFaults faults(Threads::kOthers, Failing::kOnce, call);
+      SteppedChild child;
+      EXPECT_TRUE(Eventually([&] { return facade.host.children->Has(child.Pid()); }));
+    }
+  });
+}
+
+}  // namespace

@@ -1,0 +1,221 @@
+// Tracers that take nothing, and tracers that break in the middle of a record: what the module does is the
+// same with each.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "module/fault_host.h"
+#include "support/own_process.h"
+#include "support/threads.h"
+
+namespace {
+
+using namespace test_support;
+using namespace system_interceptors;
+namespace class_ids = qor::class_ids;
+namespace non_blocking_type = qor::process_manager::non_blocking_type;
+
+// A tracer without a level ceiling.
+class FaultyTracer : public zym::object::Ifaces<zym::ITracer> {
+ public:
+  enum class Fault {
+    kNone,
+    kRefuses,          // every record
+    kGivesNoBuffer,    // success, and no buffer
+    kFailsToGrow,      // any record
+    kGrowsToNothing,   // success, and no buffer, when a record is to grow
+    kRefusesFailures,  // but takes the rest
+  };
+
+  explicit FaultyTracer(Fault fault) : m_fault(fault) {}
+
+  zym::result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) override {
+    if (*buffer != nullptr) return Grow(buffer, size);
+    if (m_fault == Fault::kRefuses) return zym::ZYM_E_NOT_MATCHED;
+    if (m_fault == Fault::kRefusesFailures && level == zym::trace::kFailure) return zym::ZYM_E_UNSPECIFIED;
+    if (m_fault == Fault::kGivesNoBuffer) return zym::ZYM_OK;
+    *buffer = std::malloc(size);
+    ++m_open;
+    return zym::ZYM_OK;
+  }
+  void CommitRecord(void* buffer, std::uint64_t) override {
+    std::free(buffer);
+    --m_open;
+    ++m_committed;
+  }
+
+  std::int64_t Open() const { return m_open; }
+  std::uint64_t Committed() const { return m_committed; }
+
+ private:
+  zym::result_t Grow(void** buffer, std::uint64_t size) {
+    if (m_fault == Fault::kFailsToGrow) return zym::ZYM_E_OUT_OF_MEMORY;
+    if (m_fault == Fault::kGrowsToNothing) {
+      // The record stays open as it was: the caller keeps its own pointer to it.
+      *buffer = nullptr;
+      return zym::ZYM_OK;
+    }
+    *buffer = std::realloc(*buffer, size);
+    return zym::ZYM_OK;
+  }
+
+  const Fault m_fault;
+  std::atomic<std::int64_t> m_open{0};
+  std::atomic<std::uint64_t> m_committed{0};
+};
+using Fault = FaultyTracer::Fault;
+
+// A whole day of a host: everything that gives a result, and the events of one child.
+struct Day {
+  std::vector<zym::result_t> results;
+  std::vector<std::uint32_t> events;  // the types
+
+  friend bool operator==(const Day&, const Day&) = default;
+};
+
+Day Live(const ModuleHost& host) {
+  Day day;
+  const auto note = [&day](zym::result_t result) { day.results.push_back(result); };
+
+  zym::intrusive_ptr<interceptor_facade::IInterceptor2> interceptor;
+  note(host.CreateInterceptor(interceptor));
+  zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
+  note(zym::QueryInterface(interceptor, control.Ref()));
+  const auto handler = zym::CreateObject<RecordingHandler>();
+  std::vector<unsigned int> ids(3);
+  note(interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kCreateProcess}, true, 0,
+                                                           handler.get(), &ids[0]));
+  note(interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kExitProcess}, true, 0,
+                                                           handler.get(), &ids[1]));
+  note(interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kJournal}, true, 0,
+                                                           handler.get(), &ids[2]));
+  note(interceptor->GetOfflineLog());
+  note(control->EnableNonBlockingInterceptor(non_blocking_type::kKprobes));
+  note(control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink |
+                                             non_blocking_type::kFullProcessInfo));
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::execl("/bin/sh", "sh", "-c", "read line < /dev/null; exit 0", nullptr);
+    ::_exit(1);
+  }
+  ::waitpid(child, nullptr, 0);
+  const pid_t marker = ::fork();
+  if (marker == 0) ::_exit(0);
+  ::waitpid(marker, nullptr, 0);
+  handler->WaitFor([&](const SeenEvent& event) {
+    return event.pid == static_cast<std::uint32_t>(marker) && event.type == event_type::kExitProcess;
+  });
+  for (const SeenEvent& event : handler->Events())
+    if (event.pid == static_cast<std::uint32_t>(child)) day.events.push_back(event.type);
+  note(interceptor->DeleteFilters({ids.data(), ids.data() + ids.size()}));
+  note(control->DisableNonBlockingInterceptor(0xf));
+
+  zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsHolder> holder;
+  note(zym::QueryInterface(host.settings, holder.Ref()));
+  qor::process_manager::InterceptorSettings settings;
+  settings.excluded.emplace_back("/mnt/*");
+  note(holder->SetSettings(settings));
+  note(holder->GetSettings(settings));
+  note(host.settings->Unsubscribe(nullptr));
+
+  const auto none = static_cast<qor::PidType>(0x7ffffffe);
+  qor::procfs::Stat stat;
+  qor::NativePath path;
+  std::vector<unsigned int> list;
+  zym::types::string16_t text;
+  qor::process_manager::process_cache::ProcessInformation info;
+  note(host.parser->GetStat(0, stat));
+  note(host.parser->GetStat(none, stat));
+  note(host.parser->GetStat(static_cast<qor::PidType>(::getpid()), stat));
+  note(host.parser->GetImagePath(none, path));
+  note(host.parser->GetDescriptors(none, list));
+  note(host.parser->GetCmdline(none, text));
+  note(host.parser->GetEnvironmentVariable(none, "PATH", path));
+  note(host.cache->GetByUniquePid(77, info) ? 1 : 0);
+  zym::IObject* object = nullptr;
+  const CreationRecord record{.locator = nullptr};
+  note(host.module.createObject(0x12345678, &record, &object));
+  return day;
+}
+
+class TracerFaults : public testing::TestWithParam<Fault> {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  }
+};
+
+TEST_P(TracerFaults, ChangeNothingInWhatTheModuleDoes) {
+  Day expected;
+  {
+    const ModuleHost host;
+    expected = Live(host);
+    EXPECT_EQ(expected.events.size(), 4U);
+    EXPECT_EQ(host.host.tracer->OpenRecords(), 0U);
+  }
+  const auto tracer = zym::CreateObject<FaultyTracer>(GetParam());
+  {
+    const ModuleHost host(tracer);
+    EXPECT_EQ(Live(host), expected);
+  }
+  EXPECT_EQ(tracer->Open(), 0) << "each record that was opened is committed";
+  EXPECT_EQ(tracer->Committed() == 0, GetParam() == Fault::kRefuses || GetParam() == Fault::kGivesNoBuffer);
+  EXPECT_EQ(tracer->AddRef(), 2U) << "nobody keeps the tracer";
+  tracer->Release();
+}
+
+INSTANTIATE_TEST_SUITE_P(All, TracerFaults,
+                         testing::Values(Fault::kNone, Fault::kRefuses, Fault::kGivesNoBuffer,
+                                         Fault::kFailsToGrow, Fault::kGrowsToNothing,
+                                         Fault::kRefusesFailures));
+
+// A process whose command line and environment don't fit into the first buffer of a record, each way.
+TEST(TracerFaultsOfLongTexts, ARecordThatCantGrowLosesItsTextAndNotTheEvent) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  for (const Fault fault : {Fault::kNone, Fault::kFailsToGrow, Fault::kGrowsToNothing}) {
+    const auto tracer = zym::CreateObject<FaultyTracer>(fault);
+    {
+      const ModuleHost host(tracer);
+      zym::intrusive_ptr<interceptor_facade::IInterceptor2> interceptor;
+      ASSERT_EQ(host.CreateInterceptor(interceptor), zym::ZYM_OK);
+      zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
+      ASSERT_EQ(zym::QueryInterface(interceptor, control.Ref()), zym::ZYM_OK);
+      const auto handler = zym::CreateObject<RecordingHandler>();
+      unsigned int id = 0;
+      ASSERT_EQ(interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kExitProcess}, true,
+                                                                    0, handler.get(), &id),
+                zym::ZYM_OK);
+      ASSERT_EQ(control->EnableNonBlockingInterceptor(non_blocking_type::kNetlink), zym::ZYM_OK);
+      const std::string argument(100'000, 'x');
+      int end[2];
+      ASSERT_EQ(::pipe(end), 0);
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ::dup2(end[0], STDIN_FILENO);
+        ::close(end[0]);
+        ::close(end[1]);
+        ::execl("/bin/sh", "sh", "-c", "read line", argument.c_str(), nullptr);
+        ::_exit(1);
+      }
+      const auto pid = static_cast<std::uint32_t>(child);
+      EXPECT_TRUE(handler->WaitFor([&](const SeenEvent& event) { return event.pid == pid; }))
+          << "the image before the shell's";
+      ::close(end[0]);
+      ::close(end[1]);
+      ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+      const auto last = handler->WaitFor([&](const SeenEvent& event) {
+        return event.pid == pid && event.commandLine && event.commandLine->ends_with(u"xxx");
+      });
+      EXPECT_TRUE(last.has_value());
+    }
+    EXPECT_EQ(tracer->Open(), 0);
+  }
+}
+
+}  // namespace
