@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -75,6 +76,14 @@ void Fork(pid_t wanted) {
   int status = 0;
   Check(::waitpid(child, &status, 0) == child, "waitpid");
   ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+}
+
+// The child goes on with the steps; its parent lives on and never collects it.
+void Abandon() {
+  const pid_t child = ::fork();
+  Check(child >= 0, "fork");
+  if (child == 0) return;
+  for (;;) ::pause();
 }
 
 // The process of that name, the kernel's own included; 0: none. A kernel before 5.17 cuts the names.
@@ -160,6 +169,12 @@ const Step kSteps[] = {
     {"fork", 0, "the steps that follow run in a child", [](char**) { Fork(0); }},
     {"fork-as", 1, "the same in a child of that pid",
      [](char** argument) { Fork(static_cast<pid_t>(Number(*argument))); }},
+    {"abandon", 0, "the steps that follow run in a child, whose end nobody collects",
+     [](char**) { Abandon(); }},
+    {"ignore", 1, "ignore a signal",
+     [](char** argument) {
+       Check(std::signal(static_cast<int>(Number(*argument)), SIG_IGN) != SIG_ERR, "signal");
+     }},
     {"storm", 1, "so many children that end at once, one after the other; without end for 0",
      [](char** argument) { Storm(Number(*argument)); }},
     {"kernel-thread", 0, "start a thread of the kernel that lives as long as this process; print its pid",
