@@ -86,6 +86,27 @@ void Abandon() {
   for (;;) ::pause();
 }
 
+// Children that sleep; prints the own pid when all are there, and ends them at the next byte of standard
+// input or at its end.
+void Brood(std::uint32_t count) {
+  pid_t* const children = static_cast<pid_t*>(std::calloc(count + 1, sizeof(pid_t)));
+  Check(children != nullptr, "calloc");
+  for (std::uint32_t i = 0; i < count; ++i) {
+    children[i] = ::fork();
+    Check(children[i] >= 0, "fork");
+    if (children[i] > 0) continue;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) ::pause();
+  }
+  Say(::getpid());
+  char byte = 0;
+  Check(::read(STDIN_FILENO, &byte, 1) >= 0, "read");
+  for (std::uint32_t i = 0; i < count; ++i) ::kill(children[i], SIGKILL);
+  for (std::uint32_t i = 0; i < count; ++i)
+    Check(::waitpid(children[i], nullptr, 0) == children[i], "waitpid");
+  std::free(children);
+}
+
 // The process of that name, the kernel's own included; 0: none. A kernel before 5.17 cuts the names.
 pid_t FindByName(const char* name) {
   DIR* const processes = ::opendir("/proc");
@@ -169,6 +190,8 @@ const Step kSteps[] = {
     {"fork", 0, "the steps that follow run in a child", [](char**) { Fork(0); }},
     {"fork-as", 1, "the same in a child of that pid",
      [](char** argument) { Fork(static_cast<pid_t>(Number(*argument))); }},
+    {"brood", 1, "so many children that sleep; print the own pid, and end them at one byte of standard input",
+     [](char** argument) { Brood(Number(*argument)); }},
     {"abandon", 0, "the steps that follow run in a child, whose end nobody collects",
      [](char**) { Abandon(); }},
     {"ignore", 1, "ignore a signal",
