@@ -22,6 +22,7 @@ contract  process_manager/export/*
 2         process_manager/proc_* process_manager/procfs_* process_manager/kernel_setting* process_manager/process_description*
 2         process_manager/tools* process_manager/interpreter* process_manager/elf_file*
 2         process_manager/process_cache* process_manager/process_information* process_manager/process_control*
+2         process_manager/process_snapshot*
 2         process_manager/user_localization* process_manager/file_name_*
 2         process_manager/process_manager* process_manager/process_memory* process_manager/process_module*
 '

@@ -26,8 +26,7 @@ namespace {
 
 using namespace system_interceptors::process_memory_manager;
 using system_interceptors::process_manager::IProcessControl;
-using system_interceptors::process_manager::IProcessInformation;
-using system_interceptors::process_manager::ProcessInformation;
+using system_interceptors::process_manager::IProcessManager;
 
 constexpr std::uint64_t kPiece = 1 << 20;
 constexpr std::uint64_t kPage = 4096;
@@ -61,35 +60,12 @@ const char* ProtectionName(std::uint32_t value) {
   }
 }
 
-// A process that the command line named: its pid is all that is known of it, and all that a memory object
-// asks.
-class NamedProcess : public zym::object::Ifaces<IProcessControl>, public zym::NonCopyable {
- public:
-  explicit NamedProcess(std::uint32_t pid) : m_information(zym::CreateObject<Information>(pid)) {}
-
-  zym::result_t GetInformation(IProcessInformation** information) override {
-    *information = zym::intrusive_ptr<IProcessInformation>(m_information).Detach();
-    return zym::ZYM_OK;
-  }
-
- private:
-  class Information : public zym::object::Ifaces<IProcessInformation> {
-   public:
-    explicit Information(std::uint32_t pid) : m_pid(pid) {}
-    zym::result_t GetInformation(ProcessInformation& info) override {
-      info.pid = m_pid;
-      return zym::ZYM_OK;
-    }
-
-   private:
-    const std::uint32_t m_pid;
-  };
-
-  const zym::intrusive_ptr<IProcessInformation> m_information;
-};
-
 zym::intrusive_ptr<IProcessMemory> MemoryOf(Host& host, std::uint32_t pid) {
-  const auto control = zym::CreateObject<NamedProcess>(pid);
+  const auto processes = host.Make<IProcessManager>(qor::class_ids::kProcessManager, "the door to processes");
+  zym::intrusive_ptr<IProcessControl> control;
+  if (const zym::result_t result = processes->GetControl(pid, control.Ref()); !ZYM_SUCCEEDED(result))
+    throw Failure(ExplainProcess("cannot find process " + std::to_string(pid), pid, "maps",
+                                 std::string(zym::ResultText(result))));
   const auto factory = host.Make<IProcessMemoryFactory>(qor::class_ids::kProcessMemoryFactory,
                                                         "the factory of memory objects");
   zym::intrusive_ptr<IProcessMemory> memory;

@@ -10,6 +10,7 @@
 #include "process_manager/meta_info_registry.h"
 #include "process_manager/proc_parser.h"
 #include "process_manager/process_cache.h"
+#include "process_manager/process_manager.h"
 #include "process_manager/process_memory_factory.h"
 #include "process_manager/process_module_manager.h"
 #include "process_manager/user_localization.h"
@@ -42,6 +43,7 @@ constexpr auto kFactories = std::to_array<FactoryRow>({
     {class_ids::kFileNameMapper, &MakeFactory<FileNameMapper>},
     {class_ids::kTypeDescriptorStaticRegistry,
      &MakeFactory<MetaInfoDescriptorsNamespace::TypeDescriptorStaticRegistry>},
+    {class_ids::kProcessManager, &MakeFactory<ProcessManager>},
     {class_ids::kProcessModuleManager, &MakeFactory<ProcessModuleManager>},
     {class_ids::kProcessUserLocalizationProvider, &MakeFactory<ProcessUserLocalizationProvider>},
     {class_ids::kProcessMemoryFactory, &MakeFactory<qor::process_memory_manager::ProcessMemoryFactory>},

@@ -34,6 +34,19 @@ class FakeProcessControl : public zym::object::Ifaces<system_interceptors::proce
       *information = zym::CreateObject<FakeProcessInformation>(m_pid, m_recordResult).Detach();
     return m_objectResult;
   }
+  zym::result_t GetExitTime(zym::datetime_t&) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
+  zym::result_t GetTimes(system_interceptors::process_manager::ProcessTimes&) override {
+    return zym::ZYM_E_NOT_IMPLEMENTED;
+  }
+  zym::result_t GetIoCounters(system_interceptors::process_manager::ProcessIoCounters&) override {
+    return zym::ZYM_E_NOT_IMPLEMENTED;
+  }
+  zym::result_t GetVmCounters(system_interceptors::process_manager::ProcessVmCounters&) override {
+    return zym::ZYM_E_NOT_IMPLEMENTED;
+  }
+  zym::result_t IsSystemCriticalProcess(bool&) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
+  zym::result_t Terminate() override { return zym::ZYM_E_NOT_IMPLEMENTED; }
+  zym::result_t TerminateAndWait(unsigned) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
 
  private:
   const qor::PidType m_pid;

@@ -16,6 +16,7 @@ namespace qor::class_ids {
 inline constexpr std::uint32_t kApplicationManager = 0x2f9b276b;            // IApplicationManager
 inline constexpr std::uint32_t kFileNameMapper = 0x590aee12;                // IFileNameMapper
 inline constexpr std::uint32_t kTypeDescriptorStaticRegistry = 0x272f5652;  // IMetaInfoProvider
+inline constexpr std::uint32_t kProcessManager = 0xa88589a3;                // IProcessManager
 inline constexpr std::uint32_t kProcessModuleManager = 0xebdc6c5d;          // IProcessModuleManager
 inline constexpr std::uint32_t kProcessUserLocalizationProvider =
     0xe9e2637f;                                                     // IProcessUserLocalizationProvider
