@@ -238,6 +238,7 @@ TEST_F(ObjectTest, AHostAllocatedObjectThatCannotBeMadeLeavesTheOutParameterAlon
 }
 
 TEST(IntrusivePtr, CountsCopiesAndMovesNothingTwice) {
+  g_script = {};
   const std::int32_t before = ModuleObjectCounter::Value();
   {
     intrusive_ptr<Thing> a = CreateObject<Thing>(nullptr);
