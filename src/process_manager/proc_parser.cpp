@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +20,7 @@
 #include "process_manager/kernel_setting.h"
 #include "process_manager/proc_file.h"
 #include "process_manager/proc_modules.h"
+#include "process_manager/proc_own_namespace.h"
 #include "process_manager/proc_path.h"
 #include "process_manager/procfs_text.h"
 #include "qor_common/procfs_root.h"
@@ -35,8 +35,6 @@ using zym::trace::kFailure;
 using zym::trace::kNotice;
 using zym::trace::kWarning;
 
-constexpr const char* kOwnMountNamespace = "/proc/self/ns/mnt";
-constexpr std::uint64_t kUnknownNamespace = kNoMountNamespace;
 constexpr const char* kWillRaise =
     "will try to read with kptr_restrict set to 0 and perf_event_paranoid set to 1";
 
@@ -60,18 +58,6 @@ ReadResult ReadEnvironment(ProcFile& file, const ProcPath& path) {
 
 bool ParseCreds(const ProcFile& file, Creds& creds) {
   return procfs::ParseCreds(file.Text(), creds);
-}
-
-// The inode of the module's own mount namespace; 0 on a kernel without such files, all ones while unknown.
-std::uint64_t OwnMountNamespaceId() {
-  static std::atomic<std::uint64_t> cached{kUnknownNamespace};
-  if (const std::uint64_t id = cached; id != kUnknownNamespace) return id;
-  struct stat status {};
-  if (::stat(kOwnMountNamespace, &status) == 0)
-    cached = status.st_ino;
-  else if (errno == ENOENT)
-    cached = 0;
-  return cached;
 }
 
 std::uint32_t FileTypeOf(mode_t mode) {
@@ -327,7 +313,7 @@ zym::result_t ProcParser::GetMountNamespaceId(PidType pid, std::uint64_t& id) tr
     id = 0;
     return zym::ZYM_OK;
   }
-  id = kUnknownNamespace;
+  id = kNoMountNamespace;
   struct stat status {};
   const int error = ::stat(ProcPath(pid, "ns/mnt").c_str(), &status) == 0 ? 0 : errno;
   if (error == 0) id = status.st_ino;

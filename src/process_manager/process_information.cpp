@@ -1,12 +1,10 @@
 #include "process_manager/process_information.h"
 
-#include <atomic>
-
+#include "process_manager/proc_own_namespace.h"
 #include "process_manager/process_cache_faces.h"
 #include "process_manager/process_description.h"
 #include "process_manager/procfs.h"
 #include "process_manager/tools.h"
-#include "qor_common/mount_namespace.h"
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"
 
@@ -29,13 +27,6 @@ zym::intrusive_ptr<IProcessInfoProvider> TakeCache(zym::IServiceLocator* locator
   return cache;
 }
 
-// Read once, for it doesn't change; again while it can't be read.
-std::uint64_t OwnNamespaceId() {
-  static std::atomic<std::uint64_t> cached{0};
-  if (cached == 0) cached = tools::GetOwnNamespaceId();
-  return cached;
-}
-
 }  // namespace
 
 ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, PidType pid, bool full)
@@ -51,11 +42,9 @@ ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, const Uniq
 
 ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, std::optional<PidType> pid,
                                        std::optional<UniquePidType> uniquePid, bool full)
-    : ServiceProvider(locator),
-      m_tracerCategoryFilter(TakeCategoryFilter(locator)),
-      m_pid(pid),
-      m_uniquePid(uniquePid) {
+    : ServiceProvider(locator), m_pid(pid), m_uniquePid(uniquePid) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
+  m_tracerCategoryFilter = TakeCategoryFilter(locator);
   const zym::intrusive_ptr<IProcessInfoProvider> cache = TakeCache(locator);
   const bool known = m_pid ? cache->Get(static_cast<pid_t>(*m_pid), m_info)
                            : cache->GetByUniquePid(m_uniquePid.value(), m_info);
@@ -86,19 +75,23 @@ bool ProcessInformation::LacksAdditionalInfo() const {
 }
 
 zym::result_t ProcessInformation::GetInfoFromProcfs(zym::IServiceLocator* sl, ReadLevel level) {
-  zym::ITracer* const tracer = GetTracer();
   zym::intrusive_ptr<procfs::IParser> procfs;
-  ZYM_CHECK_RESULT(tracer, zym::GetInterface(sl, procfs.Ref()), "Cannot get procfs::IParser interface");
+  ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(sl, procfs.Ref()), "Cannot get procfs::IParser interface");
+  return GetInfoFromProcfs(GetTracer(), procfs.get(), level);
+}
+
+zym::result_t ProcessInformation::GetInfoFromProcfs(zym::ITracer* tracer, procfs::IParser* procfs,
+                                                    ReadLevel level) {
   const PidType pid = m_pid ? *m_pid : PidOf(m_uniquePid.value());
   switch (level) {
     case kBase:
-      return ZYM_REPORT_RESULT(tracer, GetProcessInfo(tracer, procfs.get(), pid, m_info),
+      return ZYM_REPORT_RESULT(tracer, GetProcessInfo(tracer, procfs, pid, m_info),
                                "Failed to obtain base process info for pid=" << pid);
     case kFull:
-      return ZYM_REPORT_RESULT(tracer, GetFullProcessInfo(tracer, procfs.get(), pid, m_info),
+      return ZYM_REPORT_RESULT(tracer, GetFullProcessInfo(tracer, procfs, pid, m_info),
                                "Failed to obtain full process info for pid=" << pid);
     case kAdditional:
-      return ZYM_REPORT_RESULT(tracer, GetAdditionalProcessInfo(tracer, procfs.get(), m_info),
+      return ZYM_REPORT_RESULT(tracer, GetAdditionalProcessInfo(tracer, procfs, m_info),
                                "Failed to obtain additional process info for pid=" << pid);
   }
   return zym::ZYM_E_UNEXPECTED;
@@ -172,7 +165,8 @@ zym::result_t ProcessInformation::GetEffectiveGroupId(std::uint32_t& id) {
 }
 
 zym::result_t ProcessInformation::IsHostMountNamespace() {
-  const zym::result_t result = m_info.mountNamespaceId == OwnNamespaceId() ? zym::ZYM_OK : zym::ZYM_FALSE;
+  const zym::result_t result =
+      m_info.mountNamespaceId == procfs::OwnMountNamespaceId() ? zym::ZYM_OK : zym::ZYM_FALSE;
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- " << result);
   return result;
 }

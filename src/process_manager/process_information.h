@@ -6,6 +6,7 @@
 
 #include "process_manager/process_knowledge.h"
 #include "process_manager/process_records.h"
+#include "process_manager/procfs.h"
 #include "process_manager/types.h"
 #include "zym/object.h"
 #include "zym/service_provider.h"
@@ -55,9 +56,10 @@ class ProcessInformation
   };
 
   zym::result_t GetInfoFromProcfs(zym::IServiceLocator* sl, ReadLevel level);
+  zym::result_t GetInfoFromProcfs(zym::ITracer* tracer, procfs::IParser* procfs, ReadLevel level);
   [[nodiscard]] bool LacksAdditionalInfo() const;
 
-  const zym::intrusive_ptr<zym::ITracerCategoryFilter> m_tracerCategoryFilter;
+  zym::intrusive_ptr<zym::ITracerCategoryFilter> m_tracerCategoryFilter;
   const std::optional<PidType> m_pid;
   const std::optional<UniquePidType> m_uniquePid;
   Info m_info;

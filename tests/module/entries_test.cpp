@@ -27,6 +27,7 @@ const std::vector<FactoryClass> kFactoryClasses = {
     {"ApplicationManager", 0x2f9b276b, {0x9a38dcf8}},
     {"FileNameMapper", 0x590aee12, {0xefc822f9, 0x32dda863, 0xde5b3c97}},
     {"TypeDescriptorStaticRegistry", 0x272f5652, {0xa53230cb, 0xfe7da4e6}},
+    {"ProcessManager", 0xa88589a3, {0x476789db}},
     {"ProcessModuleManager", 0xebdc6c5d, {0x177e50a8}},
     {"ProcessUserLocalizationProvider", 0xe9e2637f, {0x2b415845}},
     {"ProcessMemoryFactory", 0x210cc261, {0x7203ba23}},

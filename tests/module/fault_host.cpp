@@ -8,10 +8,11 @@
 #include <cstring>
 #include <utility>
 
+#include "support/forwarding_parser.h"
+
 namespace test_support {
 namespace {
 
-using qor::NativePath;
 using qor::PidType;
 using qor::process_manager::process_cache::EventInfo;
 using qor::process_manager::process_cache::ProcessInformation;
@@ -30,68 +31,17 @@ pid_t ParentOf(pid_t pid) {
 }
 
 // The module's reader of /proc, which knows no processes but the children of this one.
-class ChildrensParser : public zym::object::Ifaces<qor::procfs::IParser> {
+class ChildrensParser : public ForwardingParser {
  public:
   ChildrensParser(zym::intrusive_ptr<qor::procfs::IParser> inner, std::shared_ptr<ChildrenWatch> children)
-      : m_inner(std::move(inner)), m_children(std::move(children)) {}
+      : ForwardingParser(std::move(inner)), m_children(std::move(children)) {}
 
   zym::result_t GetStat(PidType pid, qor::procfs::Stat& stat) override {
-    return m_children->Admit(static_cast<pid_t>(pid)) ? m_inner->GetStat(pid, stat) : zym::ZYM_E_NOT_FOUND;
-  }
-  zym::result_t GetIOCounters(PidType pid, qor::procfs::IOCounters& counters) override {
-    return m_inner->GetIOCounters(pid, counters);
-  }
-  zym::result_t GetProcLink(PidType pid, const NativePath& name, NativePath& target) override {
-    return m_inner->GetProcLink(pid, name, target);
-  }
-  zym::result_t GetMaps(PidType pid, qor::procfs::Maps& maps) override { return m_inner->GetMaps(pid, maps); }
-  zym::result_t GetCmdline(PidType pid, zym::types::string16_t& cmdline) override {
-    return m_inner->GetCmdline(pid, cmdline);
-  }
-  zym::result_t GetProcessList(std::vector<unsigned int>& pids) override {
-    return m_inner->GetProcessList(pids);
-  }
-  zym::result_t GetProcessListByRelevance(std::vector<unsigned int>& pids) override {
-    return m_inner->GetProcessListByRelevance(pids);
-  }
-  zym::result_t GetIOMemMap(qor::procfs::IOMemMap& map) override { return m_inner->GetIOMemMap(map); }
-  zym::result_t GetImagePath(PidType pid, NativePath& path) override {
-    return m_inner->GetImagePath(pid, path);
-  }
-  zym::result_t GetDescriptors(PidType pid, std::vector<unsigned int>& fds) override {
-    return m_inner->GetDescriptors(pid, fds);
-  }
-  zym::result_t GetDescriptorInfo(PidType pid, unsigned int fd, qor::procfs::DescriptorInfo& info) override {
-    return m_inner->GetDescriptorInfo(pid, fd, info);
-  }
-  zym::result_t GetModules(qor::procfs::ModulesList& modules) override {
-    return m_inner->GetModules(modules);
-  }
-  zym::result_t GetModulesSections(const qor::procfs::ModulesList& modules,
-                                   qor::procfs::ModulesSections& modulesSections,
-                                   std::uint64_t kernelModulesSectionEndVaddr) override {
-    return m_inner->GetModulesSections(modules, modulesSections, kernelModulesSectionEndVaddr);
-  }
-  zym::result_t GetCreds(PidType pid, qor::procfs::Creds& creds) override {
-    return m_inner->GetCreds(pid, creds);
-  }
-  zym::result_t GetEnvironmentVariable(PidType pid, const char* name, std::string& value) override {
-    return m_inner->GetEnvironmentVariable(pid, name, value);
-  }
-  zym::result_t GetWorkingDir(PidType pid, NativePath& cwd) override {
-    return m_inner->GetWorkingDir(pid, cwd);
-  }
-  zym::result_t GetComm(PidType pid, std::string& comm) override { return m_inner->GetComm(pid, comm); }
-  zym::result_t GetEnvironmentVariables(PidType pid,
-                                        zym::types::vector_t<zym::types::string_t>& variables) override {
-    return m_inner->GetEnvironmentVariables(pid, variables);
-  }
-  zym::result_t GetMountNamespaceId(PidType pid, std::uint64_t& id) override {
-    return m_inner->GetMountNamespaceId(pid, id);
+    return m_children->Admit(static_cast<pid_t>(pid)) ? ForwardingParser::GetStat(pid, stat)
+                                                      : zym::ZYM_E_NOT_FOUND;
   }
 
  private:
-  const zym::intrusive_ptr<qor::procfs::IParser> m_inner;
   const std::shared_ptr<ChildrenWatch> m_children;
 };
 

@@ -17,9 +17,12 @@
 #include "process_manager/application_manager_facade.h"
 #include "process_manager/file_name_mapping.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/process_access.h"
 #include "process_manager/process_memory.h"
 #include "process_manager/process_modules.h"
 #include "process_manager/user_language.h"
+#include "support/actor.h"
+#include "support/fake_exclusions.h"
 #include "support/fake_process_control.h"
 
 namespace {
@@ -31,6 +34,7 @@ using qor::process_manager::process_cache::ProcessInformation;
 using Result = zym::result_t;
 namespace event_type = system_interceptors::event_type;
 namespace facade = system_interceptors::interceptor_facade;
+namespace process = system_interceptors::process_manager;
 
 // Calls slot `slot` of the interface at `object`.
 template <class R, class... Args>
@@ -422,7 +426,6 @@ TEST_F(InterfaceSlots, OfTheMemoryOfAProcess) {
 }
 
 TEST_F(InterfaceSlots, OfTheModulesOfAProcess) {
-  namespace process = system_interceptors::process_manager;
   zym::intrusive_ptr<process::IProcessModuleManager> manager;
   ASSERT_EQ(m_host.module.Make(qor::class_ids::kProcessModuleManager, m_host.host.locator.get(), manager),
             zym::ZYM_OK);
@@ -463,6 +466,141 @@ TEST_F(InterfaceSlots, OfTheModulesOfAProcess) {
     EXPECT_EQ(CallSlot<Result>(module, 4, &other), zym::ZYM_OK);
     EXPECT_EQ(other, base);
   }
+}
+
+// The door to processes, and the objects behind it.
+class ProcessSlots : public InterfaceSlots {
+ protected:
+  void SetUp() override {
+    m_host.host.locator->Add(zym::CreateObject<FakeAppSettingsProvider>(), qor::IAppSettingsProvider::kIid);
+    m_host.host.locator->Add(zym::CreateObject<FakePathMatcherFactory>(), qor::IPathMatcherFactory::kIid);
+    ASSERT_EQ(m_host.module.Make(qor::class_ids::kProcessManager, m_host.host.locator.get(), m_manager),
+              zym::ZYM_OK);
+  }
+
+  // What an operation of the manager in that slot gives.
+  template <class Key>
+  zym::intrusive_ptr<zym::IObject> Get(std::size_t slot, Key key) {
+    void* found = nullptr;
+    EXPECT_EQ(CallSlot<Result>(m_manager.get(), slot, key, &found), zym::ZYM_OK);
+    return zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(found));
+  }
+  static process::ProcessInformation RecordOf(zym::IObject* information) {
+    process::ProcessInformation record;
+    EXPECT_EQ(CallSlot<Result>(information, 3, &record), zym::ZYM_OK);
+    return record;
+  }
+
+  zym::intrusive_ptr<process::IProcessManager> m_manager;
+  const qor::PidType m_self = static_cast<qor::PidType>(::getpid());
+};
+
+TEST_F(ProcessSlots, OfTheManagerOfProcesses) {
+  const auto information = Get(4, m_self);
+  const qor::UniquePidType uniquePid = RecordOf(information.get()).uniquePid;
+  EXPECT_EQ(qor::PidOf(uniquePid), m_self);
+  const auto byUniquePid = Get(5, static_cast<const qor::UniquePidType*>(&uniquePid));
+  EXPECT_EQ(RecordOf(byUniquePid.get()).uniquePid, uniquePid);
+  const auto control = Get(6, m_self);
+  EXPECT_TRUE(TracedAnew("ProcessControl(" + std::to_string(m_self)));
+  Query(control.get(), process::IProcessControl::kIid);
+  const auto controlByUniquePid = Get(7, static_cast<const qor::UniquePidType*>(&uniquePid));
+  EXPECT_TRUE(TracedAnew("ProcessControl(" + std::to_string(uniquePid)));
+  Query(controlByUniquePid.get(), process::IProcessControl::kIid);
+
+  void* found = nullptr;
+  ASSERT_EQ(CallSlot<Result>(m_manager.get(), 3, &found), zym::ZYM_OK);
+  const auto enumerator = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(found));
+  const auto next = [&] {
+    void* listed = nullptr;
+    EXPECT_EQ(CallSlot<Result>(enumerator.get(), 3, &listed), zym::ZYM_OK);
+    return zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(listed));
+  };
+  const auto first = next();
+  const auto second = next();
+  EXPECT_NE(first, second);
+  EXPECT_EQ(CallSlot<Result>(enumerator.get(), 4), zym::ZYM_OK);
+  EXPECT_EQ(next(), first) << "4 goes back";
+}
+
+TEST_F(ProcessSlots, OfWhatIsKnownOfAProcess) {
+  void* found = nullptr;
+  ASSERT_EQ(CallSlot<Result>(m_manager.get(), 3, &found), zym::ZYM_OK);  // reads everything of each process
+  const auto enumerator = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(found));
+  const auto information = Get(4, m_self);
+  void* const posix = Query(information.get(), process::IPosixProcessInformation::kIid);
+  EXPECT_EQ(Query(information.get(), process::IPosixProcessInformation2::kIid), posix)
+      << "one run of operations serves both interfaces";
+  using U32 = std::uint32_t;
+
+  zym::types::vector_t<zym::types::string_t> variables;
+  EXPECT_EQ(CallSlot<Result>(posix, 3, &variables), zym::ZYM_OK);
+  EXPECT_FALSE(variables.empty());
+  U32 id = 0xdead;
+  zym::types::string_t name = "old";
+  EXPECT_EQ(CallSlot<Result>(posix, 4, &id), zym::ZYM_E_NOT_IMPLEMENTED);
+  EXPECT_EQ(CallSlot<Result>(posix, 5, &name), zym::ZYM_E_NOT_IMPLEMENTED);
+  EXPECT_EQ(CallSlot<Result>(posix, 8, &name), zym::ZYM_E_NOT_IMPLEMENTED);
+  const struct {
+    std::size_t slot;
+    const char* name;
+    U32 expected;
+  } kIds[] = {{6, "GetRealUserId() ", ::geteuid()},
+              {7, "GetEffectiveUserId() ", ::geteuid()},
+              {9, "GetRealGroupId() ", ::getgid()},
+              {10, "GetEffectiveGroupId() ", ::getegid()}};
+  for (const auto& of : kIds) {
+    m_host.host.tracer->Clear();
+    EXPECT_EQ(CallSlot<Result>(posix, of.slot, &id), zym::ZYM_OK);
+    EXPECT_EQ(id, of.expected);
+    EXPECT_TRUE(TracedAnew(of.name));
+  }
+  EXPECT_EQ(CallSlot<Result>(posix, 11), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("IsHostMountNamespace() <- 0"));
+  std::uint64_t mountNamespace = 0;
+  EXPECT_EQ(CallSlot<Result>(posix, 12, &mountNamespace), zym::ZYM_OK);
+  EXPECT_NE(mountNamespace, 0U);
+  EXPECT_TRUE(TracedAnew("GetMountNamespaceId() <- namespaceId=" + std::to_string(mountNamespace)));
+}
+
+TEST_F(ProcessSlots, OfTheControlOfAProcess) {
+  Actor actor({"say", "wait"});
+  const auto pid = static_cast<qor::PidType>(actor.HearPid());
+  const auto owner = Get(6, pid);
+  void* const control = Query(owner.get(), process::IProcessControl::kIid);
+  void* const attributes = Query(owner.get(), process::IProcessAttributes::kIid);
+
+  void* found = nullptr;
+  ASSERT_EQ(CallSlot<Result>(control, 3, &found), zym::ZYM_OK);
+  const auto information = zym::intrusive_ptr<zym::IObject>::Attach(static_cast<zym::IObject*>(found));
+  EXPECT_EQ(RecordOf(information.get()).pid, pid);
+  zym::datetime_t time = 7;
+  EXPECT_EQ(CallSlot<Result>(control, 4, &time), zym::ZYM_E_NOT_IMPLEMENTED);
+  EXPECT_TRUE(TracedAnew("GetExitTime() <- not implemented"));
+  process::ProcessTimes times{.kernelTime = 1, .userTime = 1};
+  EXPECT_EQ(CallSlot<Result>(control, 5, &times), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("ProcessControl::GetTimes()"));
+  EXPECT_EQ(times.userTime % 10'000'000, 0U);
+  process::ProcessIoCounters counters;
+  EXPECT_EQ(CallSlot<Result>(control, 6, &counters), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("ProcessControl::GetIoCounters("));
+  EXPECT_GT(counters.readBytes, 0U);
+  EXPECT_EQ(CallSlot<Result>(control, 7, static_cast<void*>(&times)), zym::ZYM_E_NOT_IMPLEMENTED);
+  EXPECT_TRUE(TracedAnew("GetVmCounters() <- not implemented"));
+  bool critical = true;
+  EXPECT_EQ(CallSlot<Result>(control, 8, &critical), zym::ZYM_E_NOT_IMPLEMENTED);
+  EXPECT_TRUE(TracedAnew("IsSystemCriticalProcess() <- not implemented, use SCO instead"));
+
+  std::uint32_t flags = 0;
+  EXPECT_EQ(CallSlot<Result>(attributes, 4, std::uint32_t{6}, std::uint32_t{1}), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("UpdateAttributeFlags() add=6, remove=1"));
+  EXPECT_EQ(CallSlot<Result>(attributes, 3, &flags), zym::ZYM_OK);
+  EXPECT_EQ(flags, 6U);
+
+  EXPECT_EQ(CallSlot<Result>(control, 9), zym::ZYM_OK);
+  EXPECT_TRUE(TracedAnew("Terminate() "));
+  EXPECT_EQ(CallSlot<Result>(control, 10, 20U), zym::ZYM_OK) << "a zombie, or still on its way";
+  EXPECT_TRUE(TracedAnew("TerminateAndWait() timeout=20"));
 }
 
 TEST_F(InterfaceSlots, OfTheCache) {

@@ -13,6 +13,7 @@
 #include "process_manager/application_manager_facade.h"
 #include "process_manager/file_name_mapping.h"
 #include "process_manager/meta_info.h"
+#include "process_manager/process_access.h"
 #include "process_manager/process_memory.h"
 #include "process_manager/process_modules.h"
 #include "process_manager/user_language.h"
@@ -43,13 +44,25 @@ TEST(ModuleLifetime, NoThreadAndNoDescriptorIsLeftAndTheModuleCanBeLoadedAgain) 
 }
 
 TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
-  const auto round = [] {
+  const auto round = [](int number) {
     const ModuleHost moduleHost;
     zym::IServiceLocator* const locator = moduleHost.host.locator.get();
     zym::intrusive_ptr<zym::IMetaInfoProvider> registry;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kTypeDescriptorStaticRegistry, locator, registry),
               zym::ZYM_OK);
-    zym::intrusive_ptr<system_interceptors::process_manager::IProcessModuleManager> modules;
+    namespace process = system_interceptors::process_manager;
+    const auto self = static_cast<qor::PidType>(::getpid());
+    zym::intrusive_ptr<process::IProcessManager> processes;
+    EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessManager, locator, processes), zym::ZYM_OK);
+    zym::intrusive_ptr<process::IProcessInformation> information;
+    EXPECT_EQ(processes->GetInformation(self, information.Ref()), zym::ZYM_OK);
+    zym::intrusive_ptr<process::IProcessControl> control;
+    EXPECT_EQ(processes->GetControl(self, control.Ref()), zym::ZYM_OK);
+    zym::intrusive_ptr<process::IProcessInformationEnumerator> snapshot;
+    if (number % 10 == 0) {  // one reads every process of the machine
+      EXPECT_EQ(processes->Enumerate(snapshot.Ref()), zym::ZYM_OK);
+    }
+    zym::intrusive_ptr<process::IProcessModuleManager> modules;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessModuleManager, locator, modules), zym::ZYM_OK);
     zym::intrusive_ptr<system_interceptors::process_memory_manager::IProcessMemoryFactory> memories;
     EXPECT_EQ(moduleHost.module.Make(qor::class_ids::kProcessMemoryFactory, locator, memories), zym::ZYM_OK);
@@ -68,9 +81,9 @@ TEST(ModuleLifetime, AThousandRoundsOfEveryClassLeaveMemoryWhereItWas) {
     zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
     EXPECT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
   };
-  for (int i = 0; i < 100; ++i) round();
+  for (int i = 0; i < 100; ++i) round(i);
   const std::size_t before = ResidentBytes();
-  for (int i = 0; i < 1000; ++i) round();
+  for (int i = 0; i < 1000; ++i) round(i);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(ResidentBytes(), before + (1 << 20)) << "a kilobyte a round would be a megabyte";
 #else
@@ -85,9 +98,10 @@ TEST(ModuleLifetime, AnAllocatorThatFailsAtAnyCallLeavesNothing) {
   const FakeHost host;
   for (const std::uint32_t classId :
        {qor::class_ids::kApplicationManager, qor::class_ids::kFileNameMapper,
-        qor::class_ids::kTypeDescriptorStaticRegistry, qor::class_ids::kProcessModuleManager,
-        qor::class_ids::kProcessUserLocalizationProvider, qor::class_ids::kProcessMemoryFactory,
-        qor::class_ids::kProcParser, qor::class_ids::kLocalProcParser}) {
+        qor::class_ids::kTypeDescriptorStaticRegistry, qor::class_ids::kProcessManager,
+        qor::class_ids::kProcessModuleManager, qor::class_ids::kProcessUserLocalizationProvider,
+        qor::class_ids::kProcessMemoryFactory, qor::class_ids::kProcParser,
+        qor::class_ids::kLocalProcParser}) {
     bool made = false;
     for (std::uint64_t call = 0; !made; ++call) {
       ASSERT_LT(call, 100U);

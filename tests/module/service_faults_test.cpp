@@ -4,14 +4,20 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "module/fault_host.h"
+#include "process_manager/process_access.h"
+#include "support/actor.h"
+#include "support/fake_exclusions.h"
 #include "support/own_process.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -47,6 +53,8 @@ class MoodyLocator : public FakeLocator {
     return zym::ZYM_OK;
   }
 
+  // Nothing is given in place of a service any more.
+  void Accept() { m_nothing = 0xffffffff; }
   void Refuse(zym::iid_t iid, Mood mood) {
     if (mood == Mood::kMissing) Remove(iid);
     if (mood == Mood::kFailing) FailWith(iid, zym::ZYM_E_LOCKED);
@@ -60,12 +68,13 @@ class MoodyLocator : public FakeLocator {
 // What lies behind a locator of such moods.
 struct MoodyHost {
   MoodyHost() : locator(zym::CreateObject<MoodyLocator>()) {
-    for (const zym::iid_t iid : {zym::ITracer::kIid, zym::IAllocator::kIid, zym::ITracerCategoryFilter::kIid,
-                                 qor::IStartupDataProvider::kIid, qor::IScanStatisticsCollector::kIid,
-                                 zym::telemetry::IMetricSource::kIid, zym::telemetry::IMetricsRegistry::kIid,
-                                 qor::IFeatureTechsAggregator::kIid, qor::procfs::IParser::kIid,
-                                 qor::process_manager::IInterceptorSettingsSubscription::kIid,
-                                 qor::process_manager::IEventInfoProvider::kIid}) {
+    for (const zym::iid_t iid :
+         {zym::ITracer::kIid, zym::IAllocator::kIid, zym::ITracerCategoryFilter::kIid,
+          qor::IStartupDataProvider::kIid, qor::IScanStatisticsCollector::kIid,
+          zym::telemetry::IMetricSource::kIid, zym::telemetry::IMetricsRegistry::kIid,
+          qor::IFeatureTechsAggregator::kIid, qor::procfs::IParser::kIid,
+          qor::process_manager::IInterceptorSettingsSubscription::kIid,
+          qor::process_manager::IEventInfoProvider::kIid, qor::process_manager::IProcessInfoProvider::kIid}) {
       zym::intrusive_ptr<zym::IObject> service;
       EXPECT_EQ(inner.host.locator->GetInterface(iid, 0, reinterpret_cast<void**>(service.Ref())),
                 zym::ZYM_OK);
@@ -103,6 +112,7 @@ TEST(ServiceFaults, AClassOfAFactoryThatLacksAServiceGivesItsResultAndItsMemoryB
        class_ids::kProcessUserLocalizationProvider,
        {zym::IAllocator::kIid, zym::ITracer::kIid, qor::IStartupDataProvider::kIid}},
       {"TypeDescriptorStaticRegistry", class_ids::kTypeDescriptorStaticRegistry, {zym::IAllocator::kIid}},
+      {"ProcessManager", class_ids::kProcessManager, {zym::IAllocator::kIid, zym::ITracer::kIid}},
       {"ProcParser", class_ids::kProcParser, {zym::IAllocator::kIid, zym::ITracer::kIid}},
       {"LocalProcParser", class_ids::kLocalProcParser, {zym::IAllocator::kIid, zym::ITracer::kIid}},
   };
@@ -146,7 +156,8 @@ TEST(ServiceFaults, AClassThatIsCreatedWithoutAServiceGivesItsResultAndLeavesNot
         zym::IObject* object = untouched;
         EXPECT_EQ(moody.CreateObject(classId, &object), expected);
         EXPECT_EQ(object, untouched);
-        EXPECT_EQ(ThreadCount(), threads);
+        // A thread that was joined is still listed for a moment.
+        EXPECT_TRUE(Eventually([&] { return ThreadCount() == threads; })) << ThreadCount() << " threads";
         EXPECT_EQ(moody.inner.host.metricsRegistry->Collectors(), collectors);
         EXPECT_EQ(moody.Tracer().Has(300, ""), iid != zym::ITracer::kIid)
             << "nobody to tell without a tracer";
@@ -317,6 +328,139 @@ TEST_F(OperationServiceFaults, AListenerThatRefusesToCaptureFailsTheStartOfKprob
   EXPECT_TRUE(Has(300, "Cannot disable environ capturing"));
   constexpr std::uint32_t kType = non_blocking_type::kKprobes | non_blocking_type::kFullProcessInfo;
   EXPECT_EQ(m_control->EnableNonBlockingInterceptor(kType), zym::ZYM_E_TIMEOUT);
+}
+
+// --- processes as objects
+// -------------------------------------------------------------------------------------
+
+class ProcessServiceFaults : public testing::Test {
+ protected:
+  // A process that is no child of this one, so that the settings are asked.
+  ProcessServiceFaults() : m_pid(static_cast<qor::PidType>(m_actor.HearPid())) {
+    m_host.locator->Add(m_settings, qor::IAppSettingsProvider::kIid);
+    m_host.locator->Add(m_matchers, qor::IPathMatcherFactory::kIid);
+    zym::intrusive_ptr<zym::IObjectFactory> factory;
+    EXPECT_EQ(
+        m_host.inner.module.getObjectFactory(m_host.locator.get(), class_ids::kProcessManager, factory.Ref()),
+        zym::ZYM_OK);
+    EXPECT_EQ(factory->CreateInstance(m_host.locator.get(), process_manager::IProcessManager::kIid,
+                                      reinterpret_cast<void**>(m_manager.Ref())),
+              zym::ZYM_OK);
+  }
+
+  // Calls `round` with each way in which the service can't be had.
+  void WithoutService(zym::iid_t iid, const std::function<void(zym::result_t expected)>& round) {
+    zym::intrusive_ptr<zym::IObject> service;
+    ASSERT_EQ(m_host.locator->GetInterface(iid, 0, reinterpret_cast<void**>(service.Ref())), zym::ZYM_OK);
+    for (const auto& [mood, expected] : kRefusals) {
+      SCOPED_TRACE(testing::Message() << std::hex << iid << " is " << mood);
+      m_host.locator->Refuse(iid, mood);
+      m_host.Tracer().Clear();
+      round(expected);
+      m_host.locator->Accept();
+      m_host.locator->Add(iid, service);
+    }
+  }
+  bool Has(std::uint32_t level, std::string_view text) const { return m_host.Tracer().Has(level, text); }
+
+  zym::result_t GetInformation() const {
+    zym::intrusive_ptr<process_manager::IProcessInformation> information;
+    const zym::result_t result = m_manager->GetInformation(m_pid, information.Ref());
+    EXPECT_EQ(bool(information), result == zym::ZYM_OK);
+    return result;
+  }
+  zym::result_t GetControl() const {
+    zym::intrusive_ptr<process_manager::IProcessControl> control;
+    const zym::result_t result = m_manager->GetControl(m_pid, control.Ref());
+    EXPECT_EQ(bool(control), result == zym::ZYM_OK);
+    return result;
+  }
+
+  MoodyHost m_host;
+  const zym::intrusive_ptr<FakeAppSettingsProvider> m_settings = zym::CreateObject<FakeAppSettingsProvider>();
+  const zym::intrusive_ptr<FakePathMatcherFactory> m_matchers = zym::CreateObject<FakePathMatcherFactory>();
+  zym::intrusive_ptr<process_manager::IProcessManager> m_manager;
+  Actor m_actor{{"abandon", "say", "wait"}};
+  const qor::PidType m_pid;
+};
+
+TEST_F(ProcessServiceFaults, InformationAndControlWithoutAServiceGiveItsResultAndNameIt) {
+  const std::pair<zym::iid_t, const char*> kServices[] = {
+      {0x6ef3329b, "Can't get interface"},
+      {0x2b6ab0fb, "Cannot get zym::ITracerCategoryFilter interface"},
+      {0xffc9e198, "Cannot get IProcessInfoProvider interface"},
+      {0xc9b36ad4, "Cannot get procfs::IParser interface"},
+  };
+  for (const auto& [iid, text] : kServices)
+    WithoutService(iid, [&, text = text](zym::result_t expected) {
+      EXPECT_EQ(GetInformation(), expected);
+      EXPECT_TRUE(Has(300, text));
+      EXPECT_TRUE(Has(300, "Failed to gain IProcessInformation for pid=" + std::to_string(m_pid)));
+      EXPECT_EQ(GetControl(), expected);
+      EXPECT_TRUE(Has(300, "Failed to gain IProcessControl for pid=" + std::to_string(m_pid)));
+    });
+  EXPECT_EQ(GetInformation(), zym::ZYM_OK);
+  EXPECT_EQ(GetControl(), zym::ZYM_OK);
+}
+
+TEST_F(ProcessServiceFaults, AKnownProcessNeedsNoReader) {
+  EXPECT_EQ(GetInformation(), zym::ZYM_OK);
+  WithoutService(qor::procfs::IParser::kIid, [&](zym::result_t) {
+    EXPECT_EQ(GetInformation(), zym::ZYM_OK);
+    EXPECT_EQ(GetControl(), zym::ZYM_OK);
+  });
+}
+
+TEST_F(ProcessServiceFaults, AControlNeedsTheSettingsAndTheirMatcher) {
+  const std::pair<zym::iid_t, const char*> kServices[] = {{0x345e2eb8, "Cannot get app settings"},
+                                                          {0x38514cf7, "Cannot create path matcher"}};
+  for (const auto& [iid, text] : kServices)
+    WithoutService(iid, [&, text = text](zym::result_t expected) {
+      EXPECT_EQ(GetControl(), expected);
+      EXPECT_TRUE(Has(300, text));
+      EXPECT_EQ(GetInformation(), zym::ZYM_OK);
+    });
+  m_settings->result = zym::ZYM_E_TIMEOUT;
+  EXPECT_EQ(GetControl(), zym::ZYM_E_TIMEOUT);
+  m_settings->result = zym::ZYM_OK;
+  m_matchers->result = zym::ZYM_E_TIMEOUT;
+  EXPECT_EQ(GetControl(), zym::ZYM_E_TIMEOUT);
+}
+
+TEST_F(ProcessServiceFaults, ASnapshotWithoutTheReaderFailsAndWithoutTheRestIsEmpty) {
+  const auto enumerate = [&](zym::result_t& result) {
+    zym::intrusive_ptr<process_manager::IProcessInformationEnumerator> snapshot;
+    result = m_manager->Enumerate(snapshot.Ref());
+    zym::intrusive_ptr<process_manager::IProcessInformation> information;
+    return snapshot ? snapshot->Next(information.Ref()) : zym::ZYM_E_NOT_FOUND;
+  };
+  zym::result_t result = zym::ZYM_OK;
+  WithoutService(qor::procfs::IParser::kIid, [&](zym::result_t expected) {
+    enumerate(result);
+    EXPECT_EQ(result, expected);
+    EXPECT_TRUE(Has(300, "Failed to load procfs::IParser"));
+    EXPECT_TRUE(Has(300, "Failed to gain IProcessInformationEnumeration"));
+  });
+  for (const zym::iid_t iid : {0x2b6ab0fbU, 0xffc9e198U})
+    WithoutService(iid, [&](zym::result_t) {
+      EXPECT_EQ(enumerate(result), zym::ZYM_FALSE) << "there is nothing in it";
+      EXPECT_EQ(result, zym::ZYM_OK);
+      EXPECT_TRUE(Has(500, "ProcessSnapshot: Failed to read info for task 0, error: "));
+    });
+  EXPECT_EQ(enumerate(result), zym::ZYM_OK);
+}
+
+TEST_F(ProcessServiceFaults, CountersNeedTheReaderAtEachCall) {
+  zym::intrusive_ptr<process_manager::IProcessControl> control;
+  ASSERT_EQ(m_manager->GetControl(m_pid, control.Ref()), zym::ZYM_OK);
+  WithoutService(qor::procfs::IParser::kIid, [&](zym::result_t expected) {
+    process_manager::ProcessTimes times;
+    process_manager::ProcessIoCounters counters;
+    EXPECT_EQ(control->GetTimes(times), expected);
+    EXPECT_EQ(control->GetIoCounters(counters), expected);
+    EXPECT_TRUE(Has(300, "Failed to load procfs::IParser"));
+    EXPECT_EQ(control->Terminate(), zym::ZYM_OK) << "signals need nothing";
+  });
 }
 
 }  // namespace

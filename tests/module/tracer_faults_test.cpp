@@ -7,10 +7,13 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "module/fault_host.h"
+#include "process_manager/process_access.h"
+#include "support/actor.h"
 #include "support/own_process.h"
 #include "support/threads.h"
 
@@ -70,6 +73,53 @@ class FaultyTracer : public zym::object::Ifaces<zym::ITracer> {
   std::atomic<std::uint64_t> m_committed{0};
 };
 using Fault = FaultyTracer::Fault;
+
+// Processes as objects: found, missed, refused.
+void LiveWithProcesses(const ModuleHost& host, const std::function<void(zym::result_t)>& note) {
+  zym::intrusive_ptr<process_manager::IProcessManager> manager;
+  note(host.module.Make(class_ids::kProcessManager, host.host.locator.get(), manager));
+  zym::intrusive_ptr<process_manager::IProcessInformationEnumerator> snapshot;
+  note(manager->Enumerate(snapshot.Ref()));
+  zym::intrusive_ptr<process_manager::IProcessInformation> information;
+  note(snapshot->Next(information.Ref()));
+  note(snapshot->Reset());
+  const auto self = static_cast<qor::PidType>(::getpid());
+  for (const qor::PidType pid : {self, qor::PidType{0}, qor::kNoPid, qor::PidType{0x7ffffffe}})
+    note(manager->GetInformation(pid, information.Ref()));
+  note(manager->GetInformationByUniqueId(qor::kNoUniquePid, information.Ref()));
+  note(manager->GetInformation(self, information.Ref()));
+  process_manager::ProcessInformation record;
+  note(information->GetInformation(record));
+  zym::intrusive_ptr<process_manager::IPosixProcessInformation2> posix;
+  note(zym::QueryInterface(information, posix.Ref()));
+  std::uint32_t id = 0;
+  std::uint64_t mountNamespace = 0;
+  note(posix->GetEffectiveUserId(id));
+  note(posix->IsHostMountNamespace());
+  note(posix->GetMountNamespaceId(mountNamespace));
+
+  zym::intrusive_ptr<process_manager::IProcessControl> control;
+  note(manager->GetControl(1, control.Ref()));  // there are no settings
+  note(manager->GetControl(self, control.Ref()));
+  process_manager::ProcessTimes times;
+  process_manager::ProcessIoCounters counters;
+  zym::datetime_t time = 0;
+  note(control->GetTimes(times));
+  note(control->GetIoCounters(counters));
+  note(control->GetExitTime(time));
+  zym::intrusive_ptr<process_manager::IProcessAttributes> attributes;
+  note(zym::QueryInterface(control, attributes.Ref()));
+  note(attributes->UpdateAttributeFlags(2, 1));
+  note(attributes->UpdateAttributeFlags(1, 1));
+  note(attributes->GetAttributeFlags(id));
+  {
+    const Actor actor({"ignore", "15", "say", "wait"});
+    note(manager->GetControl(static_cast<qor::PidType>(actor.Pid()), control.Ref()));
+    note(control->TerminateAndWait(0));
+  }
+  note(control->Terminate());
+  note(control->GetTimes(times));
+}
 
 // A whole day of a host: everything that gives a result, and the events of one child.
 struct Day {
@@ -138,6 +188,7 @@ Day Live(const ModuleHost& host) {
   note(host.parser->GetCmdline(none, text));
   note(host.parser->GetEnvironmentVariable(none, "PATH", path));
   note(host.cache->GetByUniquePid(77, info) ? 1 : 0);
+  LiveWithProcesses(host, note);
   zym::IObject* object = nullptr;
   const CreationRecord record{.locator = nullptr};
   note(host.module.createObject(0x12345678, &record, &object));

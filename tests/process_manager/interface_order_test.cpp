@@ -8,6 +8,7 @@
 #include <cstring>
 #include <set>
 
+#include "process_manager/app_settings.h"
 #include "process_manager/event_processing.h"
 #include "process_manager/feature_techs.h"
 #include "process_manager/file_descriptor.h"
@@ -15,6 +16,8 @@
 #include "process_manager/interceptor_facade.h"
 #include "process_manager/meta_info.h"
 #include "process_manager/non_blocking/i_event_dispatcher.h"
+#include "process_manager/path_matching.h"
+#include "process_manager/process_access.h"
 #include "process_manager/process_cache_faces.h"
 #include "process_manager/procfs.h"
 #include "process_manager/settings.h"
@@ -104,6 +107,14 @@ TEST(InterfaceOrder, OfTheServicesOfTheHost) {
   EXPECT_EQ(SlotOf(&IRootFdProvider::GetNamespaceFd), 3U);
 }
 
+TEST(InterfaceOrder, OfSettingsAndMatchers) {
+  EXPECT_EQ(SlotOf(&IAppSettingsProvider::GetSettings), 4U) << "the first isn't called";
+  EXPECT_EQ(SlotOf(&IPathMatcherFactory::CreateMountMatcher), 7U) << "the fifth operation";
+  EXPECT_EQ(SlotOf(&IPathMatcherFactory::CreatePathMatcher), 10U) << "the eighth";
+  EXPECT_EQ(SlotOf(&IPathMatcher::Match), 3U);
+  EXPECT_EQ(SlotOf(&IPathMatcher::MatchName), 4U);
+}
+
 TEST(InterfaceOrder, OfTheFeatureTable) {
   EXPECT_EQ(SlotOf(&IFeatureTechsAggregator::RegisterTech), 3U);
   EXPECT_EQ(SlotOf(&IFeatureTechsAggregator::UnregisterTech), 4U);
@@ -165,6 +176,9 @@ TEST(InterfaceNumbers, AreThoseThatHostAndModuleKnow) {
       {IProcessInfoProvider::kIid, 0xffc9e198},
       {IEventInfoProvider::kIid, 0x79864d30},
       {procfs::IParser::kIid, 0xc9b36ad4},
+      {system_interceptors::process_manager::IProcessManager::kIid, 0x476789db},
+      {IAppSettingsProvider::kIid, 0x345e2eb8},
+      {IPathMatcherFactory::kIid, 0x38514cf7},
       {zym::IMetaInfoProvider::kIid, 0xa53230cb},
       {zym::IStructMetaInfoRegistry::kIid, 0xfe7da4e6},
       {zym::IIO::kIid, 0x0000000a},

@@ -145,8 +145,9 @@ TEST_F(ProcessControlTest, AProcessOfWhichNothingIsKnownCannotBeGotInformatioFor
   EXPECT_EQ(CodeOfMaking(kGone), zym::ZYM_E_NOT_FOUND);
   EXPECT_THAT(
       m_host->tracer->Find("Cannot get informatio for process 78"),
-      MatchesRegex(
-          "Expression failed\\. Cannot get informatio for process 78: 0x8000004c .*GetInfoFromProcfs.*"))
+      MatchesRegex(R"(Expression failed\. Cannot get informatio for process 78: 0x8000004c \(Not found\)\. )"
+                   R"(At process_manager/process_control\.cpp\([0-9]+\) Expression failed: 0x8000004c )"
+                   R"(\(Not found\)\. At process_manager/process_information\.cpp\([0-9]+\) )"))
       << "with what it is nested in";
 }
 

@@ -61,7 +61,7 @@ TEST_F(ProcessManagerTest, GivesWhatIsKnownOfAUniquePid) {
   ASSERT_EQ(m_manager->GetInformationByUniqueId(uniquePid, information.Ref()), zym::ZYM_OK);
   EXPECT_EQ(RecordOf(*information).uniquePid, uniquePid);
   const std::string text = m_host->tracer->Find(" uniqueId: " + std::to_string(uniquePid) + " (200)");
-  EXPECT_THAT(text, HasSubstr("ProcessManager::GetInformationByUniqueId(const UniquePidType&, "));
+  EXPECT_THAT(text, HasSubstr("ProcessManager::GetInformationByUniqueId(const qor::UniquePidType&, "));
   EXPECT_TRUE(Traced(800, text));
 }
 

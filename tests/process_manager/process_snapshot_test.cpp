@@ -42,7 +42,7 @@ TEST_F(ProcessSnapshotTest, AProcessThatEndsDuringTheWalkIsNotInIt) {
   m_parser->processes.erase(kPid);
   EXPECT_THAT(Walk(*Make()), ElementsAre(80, 79, 0));
   EXPECT_THAT(m_host->tracer->Find("ProcessSnapshot: Failed to read info for task 77, error: "),
-              HasSubstr("Not found"));
+              HasSubstr("zym.result=0x8000004c"));
   EXPECT_TRUE(Traced(500, "ProcessSnapshot: Failed to read info for task 77, error: "));
 }
 

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -75,6 +76,35 @@ void Fork(pid_t wanted) {
   int status = 0;
   Check(::waitpid(child, &status, 0) == child, "waitpid");
   ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+}
+
+// The child goes on with the steps; its parent lives on and never collects it.
+void Abandon() {
+  const pid_t child = ::fork();
+  Check(child >= 0, "fork");
+  if (child == 0) return;
+  for (;;) ::pause();
+}
+
+// Children that sleep; prints the own pid when all are there, and ends them at the next byte of standard
+// input or at its end.
+void Brood(std::uint32_t count) {
+  pid_t* const children = static_cast<pid_t*>(std::calloc(count + 1, sizeof(pid_t)));
+  Check(children != nullptr, "calloc");
+  for (std::uint32_t i = 0; i < count; ++i) {
+    children[i] = ::fork();
+    Check(children[i] >= 0, "fork");
+    if (children[i] > 0) continue;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) ::pause();
+  }
+  Say(::getpid());
+  char byte = 0;
+  Check(::read(STDIN_FILENO, &byte, 1) >= 0, "read");
+  for (std::uint32_t i = 0; i < count; ++i) ::kill(children[i], SIGKILL);
+  for (std::uint32_t i = 0; i < count; ++i)
+    Check(::waitpid(children[i], nullptr, 0) == children[i], "waitpid");
+  std::free(children);
 }
 
 // The process of that name, the kernel's own included; 0: none. A kernel before 5.17 cuts the names.
@@ -160,6 +190,14 @@ const Step kSteps[] = {
     {"fork", 0, "the steps that follow run in a child", [](char**) { Fork(0); }},
     {"fork-as", 1, "the same in a child of that pid",
      [](char** argument) { Fork(static_cast<pid_t>(Number(*argument))); }},
+    {"brood", 1, "so many children that sleep; print the own pid, and end them at one byte of standard input",
+     [](char** argument) { Brood(Number(*argument)); }},
+    {"abandon", 0, "the steps that follow run in a child, whose end nobody collects",
+     [](char**) { Abandon(); }},
+    {"ignore", 1, "ignore a signal",
+     [](char** argument) {
+       Check(std::signal(static_cast<int>(Number(*argument)), SIG_IGN) != SIG_ERR, "signal");
+     }},
     {"storm", 1, "so many children that end at once, one after the other; without end for 0",
      [](char** argument) { Storm(Number(*argument)); }},
     {"kernel-thread", 0, "start a thread of the kernel that lives as long as this process; print its pid",

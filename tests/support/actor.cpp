@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -78,6 +79,14 @@ pid_t RunToEnd(const std::string& path, std::vector<std::string> arguments) {
   if (const int status = Reap(pid); status != 0)
     throw std::runtime_error(path + " ended with " + std::to_string(status));
   return pid;
+}
+
+char StateOf(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const std::size_t comm = text.rfind(')');
+  return comm != std::string::npos && comm + 2 < text.size() ? text[comm + 2] : '\0';
 }
 
 Actor::Actor(std::vector<std::string> steps) {

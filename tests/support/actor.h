@@ -21,6 +21,9 @@ inline pid_t RunTrue() {
   return RunToEnd("/bin/true", {"true"});
 }
 
+// The letter of a process's state, proc(5): 'S' sleeps, 'Z' is a zombie. 0: there is no such process.
+char StateOf(pid_t pid);
+
 // A process that runs the steps of tests/programs/actor.cpp; `actor --help` lists them. Its input and its
 // output belong to the object. It is killed and reaped with the object, when nobody has reaped it before.
 class Actor {
