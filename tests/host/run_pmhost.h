@@ -53,6 +53,7 @@ class Pmhost {
       ::execv(PMHOST_BINARY, pointers.data());
       ::_exit(127);
     }
+    m_startedAs = m_pid;
     ::close(out[1]);
     ::close(err[1]);
   }
@@ -65,6 +66,8 @@ class Pmhost {
   Pmhost& operator=(const Pmhost&) = delete;
 
   [[nodiscard]] pid_t Pid() const { return m_pid; }
+  // The same, when it has ended too.
+  [[nodiscard]] pid_t StartedAs() const { return m_startedAs; }
   void Kill(int signal) const { ::kill(m_pid, signal); }
   void CloseOutput() { m_out.Reset(); }
 
@@ -152,6 +155,7 @@ class Pmhost {
   }
 
   pid_t m_pid = 0;
+  pid_t m_startedAs = 0;
   qor::UniqueFd m_out;
   qor::UniqueFd m_err;
   std::string m_pending;
