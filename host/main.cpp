@@ -18,6 +18,7 @@
 #include "host/commands/modules.h"
 #include "host/commands/os.h"
 #include "host/commands/ps.h"
+#include "host/commands/show.h"
 #include "host/commands/watch.h"
 #include "host/options.h"
 #include "host/run_limits.h"
@@ -127,6 +128,19 @@ CLI::App& AddWatch(CLI::App& app, pmhost::WatchOptions& options) {
   return command;
 }
 
+CLI::App& AddShow(CLI::App& app, pmhost::ShowOptions& options) {
+  CLI::App& command = *app.add_subcommand("show", "Tell all that is known of one process");
+  CLI::Option& pid = AddPid(
+      command, [&options](std::uint32_t value) { options.pid = value; }, true);
+  const auto take = [&options](const std::string& text) {
+    options.uniquePid = TakeNumber("--unique", text, std::numeric_limits<std::uint64_t>::max());
+  };
+  command.add_option_function<std::string>("--unique", take, "The process with this image")
+      ->type_name("ID")
+      ->excludes(&pid);
+  return command;
+}
+
 int Run(int argc, char** argv) {
   pmhost::GlobalOptions global;
   pmhost::WatchOptions watch;
@@ -145,6 +159,11 @@ int Run(int argc, char** argv) {
   psCommand.callback([&] {
     if (ps.tree && global.json) throw CLI::ValidationError("--tree", "excludes --json: parent_pid tells it");
     command = [&] { pmhost::ListProcesses(global, ps); };
+  });
+  pmhost::ShowOptions show;
+  AddShow(app, show).callback([&] {
+    if (!show.pid && !show.uniquePid) throw CLI::ValidationError("show", "needs PID or --unique ID");
+    command = [&] { pmhost::ShowProcess(global, show); };
   });
   pmhost::MemoryOptions memory;
   std::vector<std::string> numbers;
