@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/commands/features.h"
+#include "host/commands/kill.h"
 #include "host/commands/memory.h"
 #include "host/commands/modules.h"
 #include "host/commands/os.h"
@@ -141,6 +142,21 @@ CLI::App& AddShow(CLI::App& app, pmhost::ShowOptions& options) {
   return command;
 }
 
+CLI::App& AddKill(CLI::App& app, pmhost::KillOptions& options) {
+  CLI::App& command = *app.add_subcommand("kill", "Ask a process to end (SIGTERM)");
+  AddPid(
+      command, [&options](std::uint32_t pid) { options.pid = pid; }, true)
+      .required();
+  const auto take = [&options](const std::string& text) {
+    options.wait = TakeNumber("--wait", text, std::numeric_limits<std::uint32_t>::max());
+  };
+  command
+      .add_option_function<std::string>("--wait", take,
+                                        "Wait for its end so many milliseconds, and then force it (SIGKILL)")
+      ->type_name("MS");
+  return command;
+}
+
 int Run(int argc, char** argv) {
   pmhost::GlobalOptions global;
   pmhost::WatchOptions watch;
@@ -165,6 +181,8 @@ int Run(int argc, char** argv) {
     if (!show.pid && !show.uniquePid) throw CLI::ValidationError("show", "needs PID or --unique ID");
     command = [&] { pmhost::ShowProcess(global, show); };
   });
+  pmhost::KillOptions kill;
+  AddKill(app, kill).callback([&] { command = [&] { pmhost::KillProcess(global, kill); }; });
   pmhost::MemoryOptions memory;
   std::vector<std::string> numbers;
   AddMemory(app, memory, numbers).callback([&] {
