@@ -98,10 +98,7 @@ class EventFixture : public testing::Test {
         [&](const SeenEvent& seen) { return seen.uniquePid == image && seen.type == kExit; }));
   }
 
-  // A thread that was joined is still listed for a moment.
-  static bool PollThreadIsGone() {
-    return Eventually([] { return ThreadsNamed(kPollThread).empty(); });
-  }
+  static bool PollThreadIsGone() { return ThreadsNamed(kPollThread).empty(); }
 
   system_interceptors::interceptor_facade::FilterIds Filters() {
     return {m_filters.data(), m_filters.data() + m_filters.size()};

@@ -11,7 +11,6 @@
 
 #include "process_manager/entry.h"
 #include "support/own_process.h"
-#include "support/threads.h"
 #include "zym/intrusive_ptr.h"
 
 namespace test_support {
@@ -33,8 +32,7 @@ class LoadedModule {
   ~LoadedModule() {
     EXPECT_EQ(canUnloadModule(), zym::ZYM_OK) << "an object of the module is still alive";
     EXPECT_EQ(::dlclose(m_handle), 0);
-    // A thread that was joined is still listed for a moment.
-    EXPECT_TRUE(Eventually([this] { return ThreadCount() <= m_threads; })) << ThreadCount() << " threads";
+    EXPECT_EQ(ThreadCount(), m_threads);
     EXPECT_EQ(OpenDescriptors(), m_descriptors);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_EQ(::dlopen(m_path.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "something pins the module";

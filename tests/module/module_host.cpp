@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "support/threads.h"
 #include "zym/io.h"
 #include "zym/property_bag.h"
 

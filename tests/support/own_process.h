@@ -3,16 +3,32 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 namespace test_support {
+
+// Whether a thread of this process has begun to end, or is gone. One that was joined is still listed in /proc
+// for a moment, but has PF_EXITING (0x4, the kernel's sched.h) among its flags from before the join is let
+// go: the seventh field behind the name in proc(5)'s stat.
+inline bool IsEnding(const std::filesystem::path& task) {
+  std::string stat;
+  std::ifstream file(task / "stat");
+  std::getline(file, stat);
+  std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+  std::string skipped;
+  unsigned flags = 0;
+  for (int i = 0; i < 6; ++i) fields >> skipped;
+  return !(fields >> flags) || (flags & 0x4U) != 0;
+}
 
 // The threads of this process by name.
 inline std::vector<pid_t> ThreadsNamed(std::string_view name) {
@@ -21,15 +37,15 @@ inline std::vector<pid_t> ThreadsNamed(std::string_view name) {
     std::string comm;
     std::ifstream file(entry.path() / "comm");
     std::getline(file, comm);
-    if (comm == name) threads.push_back(std::stoi(entry.path().filename()));
+    if (comm == name && !IsEnding(entry.path())) threads.push_back(std::stoi(entry.path().filename()));
   }
   return threads;
 }
 
-// The threads that /proc lists: one that was joined is still there for a moment.
-inline std::size_t ListedThreads() {
+inline std::size_t RunningThreads() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+  return static_cast<std::size_t>(
+      std::count_if(begin(tasks), end(tasks), [](const auto& entry) { return !IsEnding(entry.path()); }));
 }
 
 inline std::size_t ThreadCount() {
@@ -38,16 +54,16 @@ inline std::size_t ThreadCount() {
   static const bool there = (std::thread([] {}).join(), true);
   static_cast<void>(there);
 #endif
-  return ListedThreads();
+  return RunningThreads();
 }
 
 // Whether code may be run in a fork of this process: with threads, a fork may do no more than the
 // async-signal-safe calls (fork(2)). The thread sanitizer has one thread of its own, and knows forks.
 inline bool MayRunCodeInAFork() {
 #if defined(__SANITIZE_THREAD__)
-  return ListedThreads() <= 2;
+  return RunningThreads() <= 2;
 #else
-  return ListedThreads() == 1;
+  return RunningThreads() == 1;
 #endif
 }
 

@@ -77,8 +77,7 @@ class NetlinkThreadTest : public testing::Test, protected NetlinkHarness {
   }
   // The thread has ended, and nothing is open.
   void ExpectStopped() {
-    EXPECT_TRUE(Eventually([] { return ThreadsNamed(kThread).empty(); }))
-        << "listed for a moment after its join";
+    EXPECT_TRUE(ThreadsNamed(kThread).empty());
     EXPECT_EQ(OpenDescriptors(), m_before);
   }
   void ExpectRestart() {
