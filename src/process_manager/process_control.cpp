@@ -22,7 +22,6 @@ namespace {
 
 using system_interceptors::process_manager::kInvisibleProcess;
 using zym::trace::kCall;
-using zym::trace::kFailure;
 using zym::trace::kWarning;
 using IProcessInformation = system_interceptors::process_manager::IProcessInformation;
 using Record = system_interceptors::process_manager::ProcessInformation;

@@ -133,8 +133,7 @@ TEST_P(EveryCreatedClass, IsMadeOrRefusedWhateverAllocationFails) {
     }
     object.Reset();
     faultHost.host.tracer->Clear();
-    // A thread that was joined is still listed for a moment.
-    EXPECT_TRUE(Eventually([&] { return ThreadCount() == threads; })) << ThreadCount() << " threads";
+    EXPECT_EQ(ThreadCount(), threads);
     EXPECT_EQ(HeapFaults::Live(), before);
     return faults.Fired();
   });

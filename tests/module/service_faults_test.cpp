@@ -17,7 +17,6 @@
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/own_process.h"
-#include "support/threads.h"
 
 namespace {
 
@@ -156,8 +155,7 @@ TEST(ServiceFaults, AClassThatIsCreatedWithoutAServiceGivesItsResultAndLeavesNot
         zym::IObject* object = untouched;
         EXPECT_EQ(moody.CreateObject(classId, &object), expected);
         EXPECT_EQ(object, untouched);
-        // A thread that was joined is still listed for a moment.
-        EXPECT_TRUE(Eventually([&] { return ThreadCount() == threads; })) << ThreadCount() << " threads";
+        EXPECT_EQ(ThreadCount(), threads);
         EXPECT_EQ(moody.inner.host.metricsRegistry->Collectors(), collectors);
         EXPECT_EQ(moody.Tracer().Has(300, ""), iid != zym::ITracer::kIid)
             << "nobody to tell without a tracer";
