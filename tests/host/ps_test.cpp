@@ -120,8 +120,9 @@ class Crowd {
   Crowd& operator=(const Crowd&) = delete;
 
   [[nodiscard]] bool IsChild(const Document& process) const {
-    return std::ranges::any_of(
-        m_parents, [&](const auto& parent) { return parent->Pid() == process["parent_pid"].GetInt(); });
+    const auto& parent = process["parent_pid"];  // null for the kernel
+    return parent.IsInt() &&
+           std::ranges::any_of(m_parents, [&](const auto& actor) { return actor->Pid() == parent.GetInt(); });
   }
 
  private:
