@@ -1,17 +1,25 @@
 // pmhost: the reference host.
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "host/commands/features.h"
+#include "host/commands/kill.h"
 #include "host/commands/memory.h"
 #include "host/commands/modules.h"
 #include "host/commands/os.h"
+#include "host/commands/ps.h"
+#include "host/commands/show.h"
 #include "host/commands/watch.h"
 #include "host/options.h"
 #include "host/run_limits.h"
@@ -55,15 +63,36 @@ void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector
   app.fallthrough();
 }
 
-void AddPid(CLI::App& command, std::uint32_t& pid) {
-  command.add_option("PID", pid, "The process")->required()->check(CLI::Range(1U, 0x7fffffffU));
+// A number in decimal, and nothing else: with a leading zero too, and never a sign.
+template <class T>
+T TakeNumber(const char* option, const std::string& text, T last) {
+  const char* const end = text.data() + text.size();
+  T number = 0;
+  const auto [parsed, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || parsed != end || number > last)
+    throw CLI::ValidationError(option, text + " is no number from 0 to " + std::to_string(last));
+  return number;
+}
+
+constexpr std::uint32_t kLastPid = 0x7fffffff;  // pid_t is signed
+
+// `take` gets the pid. Commands for which the kernel is no process don't take 0.
+CLI::Option& AddPid(CLI::App& command, const std::function<void(std::uint32_t)>& take, bool takesKernel) {
+  const auto parse = [take, takesKernel](const std::string& text) {
+    const std::uint32_t pid = TakeNumber("PID", text, kLastPid);
+    if (pid == 0 && !takesKernel) throw CLI::ValidationError("PID", "0 is the kernel, and not a process");
+    take(pid);
+  };
+  return *command.add_option_function<std::string>("PID", parse, "The process")->type_name("PID");
 }
 
 // `numbers` keeps the texts of ADDRESS and LENGTH.
 CLI::App& AddMemory(CLI::App& app, pmhost::MemoryOptions& options, std::vector<std::string>& numbers) {
   CLI::App& command =
       *app.add_subcommand("memory", "Tell the regions of a process's memory, or what is in it");
-  AddPid(command, options.pid);
+  AddPid(
+      command, [&options](std::uint32_t pid) { options.pid = pid; }, false)
+      .required();
   const CLI::Validator number(
       [](const std::string& text) {
         return pmhost::ParseMemoryNumber(text) ? std::string() : text + " is no number: 4096, or 0x1000";
@@ -87,6 +116,47 @@ void TakeRange(pmhost::MemoryOptions& options, const std::vector<std::string>& n
   options.read = range;
 }
 
+CLI::App& AddWatch(CLI::App& app, pmhost::WatchOptions& options) {
+  CLI::App& command =
+      *app.add_subcommand("watch", "Tell every process that starts, replaces its image, or ends");
+  command.add_flag("--full", options.full, "Read credentials and environments too");
+  command.add_option("--for", options.seconds, "End after so many seconds")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 1e9));
+  command.add_option("--count", options.count, "End after so many events")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  return command;
+}
+
+CLI::App& AddShow(CLI::App& app, pmhost::ShowOptions& options) {
+  CLI::App& command = *app.add_subcommand("show", "Tell all that is known of one process");
+  CLI::Option& pid = AddPid(
+      command, [&options](std::uint32_t value) { options.pid = value; }, true);
+  const auto take = [&options](const std::string& text) {
+    options.uniquePid = TakeNumber("--unique", text, std::numeric_limits<std::uint64_t>::max());
+  };
+  command.add_option_function<std::string>("--unique", take, "The process with this image")
+      ->type_name("ID")
+      ->excludes(&pid);
+  return command;
+}
+
+CLI::App& AddKill(CLI::App& app, pmhost::KillOptions& options) {
+  CLI::App& command = *app.add_subcommand("kill", "Ask a process to end (SIGTERM)");
+  AddPid(
+      command, [&options](std::uint32_t pid) { options.pid = pid; }, true)
+      .required();
+  const auto take = [&options](const std::string& text) {
+    options.wait = TakeNumber("--wait", text, std::numeric_limits<std::uint32_t>::max());
+  };
+  command
+      .add_option_function<std::string>("--wait", take,
+                                        "Wait for its end so many milliseconds, and then force it (SIGKILL)")
+      ->type_name("MS");
+  return command;
+}
+
 int Run(int argc, char** argv) {
   pmhost::GlobalOptions global;
   pmhost::WatchOptions watch;
@@ -98,15 +168,21 @@ int Run(int argc, char** argv) {
   app.require_subcommand(0, 1);
   AddGlobalOptions(app, global, features);
 
-  CLI::App& watchCommand =
-      *app.add_subcommand("watch", "Tell every process that starts, replaces its image, or ends");
-  watchCommand.add_flag("--full", watch.full, "Read credentials and environments too");
-  watchCommand.add_option("--for", watch.seconds, "End after so many seconds")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e9));
-  watchCommand.add_option("--count", watch.count, "End after so many events")
-      ->type_name("N")
-      ->check(CLI::PositiveNumber);
+  AddWatch(app, watch);
+  pmhost::PsOptions ps;
+  CLI::App& psCommand = *app.add_subcommand("ps", "List all processes, the kernel last");
+  psCommand.add_flag("--tree", ps.tree, "Draw them as a tree of parents and children");
+  psCommand.callback([&] {
+    if (ps.tree && global.json) throw CLI::ValidationError("--tree", "excludes --json: parent_pid tells it");
+    command = [&] { pmhost::ListProcesses(global, ps); };
+  });
+  pmhost::ShowOptions show;
+  AddShow(app, show).callback([&] {
+    if (!show.pid && !show.uniquePid) throw CLI::ValidationError("show", "needs PID or --unique ID");
+    command = [&] { pmhost::ShowProcess(global, show); };
+  });
+  pmhost::KillOptions kill;
+  AddKill(app, kill).callback([&] { command = [&] { pmhost::KillProcess(global, kill); }; });
   pmhost::MemoryOptions memory;
   std::vector<std::string> numbers;
   AddMemory(app, memory, numbers).callback([&] {
@@ -116,7 +192,9 @@ int Run(int argc, char** argv) {
   });
   std::uint32_t modulesPid = 0;
   CLI::App& modulesCommand = *app.add_subcommand("modules", "Tell the code that is loaded in a process");
-  AddPid(modulesCommand, modulesPid);
+  AddPid(
+      modulesCommand, [&modulesPid](std::uint32_t pid) { modulesPid = pid; }, false)
+      .required();
   modulesCommand.callback([&] { command = [&] { pmhost::ShowModules(global, modulesPid); }; });
   app.add_subcommand("os", "Tell what the module thinks it runs on")->callback([&] {
     command = [&] { pmhost::ShowOs(global); };

@@ -2,14 +2,31 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace pmhost {
+
+enum class Reach {
+  kOpen,
+  kDenied,  // for a want of CAP_SYS_PTRACE
+  kGone,    // there is no such process, or it is ending and has no such link any more
+};
+
+// Tries the link `name` of the process's directory, as "exe": whoever may read that may read all the rest.
+Reach ReachOf(std::uint32_t pid, const char* name);
+
+// The right that is missing for kDenied, and the remedy.
+std::string MissingRight();
 
 // A sentence for a person that ends a command: what couldn't be done, why, and the remedy if one is known.
 // The module tells the failure of a read by a code that many causes have; here the file `name` of the process
 // is tried, to find which it was. `otherwise` is the reason when that file can be opened.
 std::string ExplainProcess(const std::string& what, std::uint32_t pid, const char* name,
                            const std::string& otherwise);
+
+// The process to which `id` belongs, which for the id of a thread is another than `id`. Absent: there is
+// neither.
+std::optional<std::uint32_t> ProcessOfThread(std::uint32_t id);
 
 }  // namespace pmhost

@@ -44,6 +44,15 @@ void RunLimits::BlockSignals() {
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+RunLimits::Unblocked::Unblocked() {
+  const sigset_t signals = EndingSignals();
+  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+RunLimits::Unblocked::~Unblocked() {
+  BlockSignals();
+}
+
 RunLimits::RunLimits(std::optional<double> seconds) {
   const sigset_t signals = EndingSignals();
   m_signals = Checked(::signalfd(-1, &signals, SFD_CLOEXEC), "signalfd");

@@ -16,6 +16,16 @@ class RunLimits {
   // thread.
   static void BlockSignals();
 
+  // While it lives the two signals end the program at once, if the calling thread is its only one that takes
+  // them.
+  class Unblocked {
+   public:
+    Unblocked();
+    ~Unblocked();
+    Unblocked(const Unblocked&) = delete;
+    Unblocked& operator=(const Unblocked&) = delete;
+  };
+
   // `seconds` from now; absent: no limit.
   explicit RunLimits(std::optional<double> seconds);
 

@@ -61,17 +61,18 @@ const char* ProtectionName(std::uint32_t value) {
 }
 
 zym::intrusive_ptr<IProcessMemory> MemoryOf(Host& host, std::uint32_t pid) {
+  const auto require = [pid](zym::result_t result) {
+    if (!ZYM_SUCCEEDED(result))
+      throw Failure(ExplainProcess("cannot look at the memory of process " + std::to_string(pid), pid, "maps",
+                                   std::string(zym::ResultText(result))));
+  };
   const auto processes = host.Make<IProcessManager>(qor::class_ids::kProcessManager, "the door to processes");
   zym::intrusive_ptr<IProcessControl> control;
-  if (const zym::result_t result = processes->GetControl(pid, control.Ref()); !ZYM_SUCCEEDED(result))
-    throw Failure(ExplainProcess("cannot find process " + std::to_string(pid), pid, "maps",
-                                 std::string(zym::ResultText(result))));
+  require(processes->GetControl(pid, control.Ref()));
   const auto factory = host.Make<IProcessMemoryFactory>(qor::class_ids::kProcessMemoryFactory,
                                                         "the factory of memory objects");
   zym::intrusive_ptr<IProcessMemory> memory;
-  if (const zym::result_t result = factory->Create(control.get(), memory.Ref()); !ZYM_SUCCEEDED(result))
-    throw Failure(ExplainProcess("cannot look at the memory of process " + std::to_string(pid), pid, "maps",
-                                 std::string(zym::ResultText(result))));
+  require(factory->Create(control.get(), memory.Ref()));
   return memory;
 }
 

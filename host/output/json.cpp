@@ -92,10 +92,10 @@ void JsonLine::Text(const char* name, std::optional<std::u16string_view> value) 
   String(*value);
 }
 
-void JsonLine::Number(const char* name, std::optional<std::uint32_t> value) {
+void JsonLine::Number(const char* name, std::optional<std::uint64_t> value) {
   if (!value) return Null(name);
   m_writer.Key(name);
-  m_writer.Uint(*value);
+  m_writer.Uint64(*value);
 }
 
 void JsonLine::LongNumber(const char* name, std::optional<std::uint64_t> value) {
@@ -126,6 +126,15 @@ void JsonLine::Item(std::string_view value) {
 
 void JsonLine::EndList() {
   m_writer.EndArray();
+}
+
+void JsonLine::BeginObject(const char* name) {
+  m_writer.Key(name);
+  m_writer.StartObject();
+}
+
+void JsonLine::EndObject() {
+  m_writer.EndObject();
 }
 
 }  // namespace pmhost

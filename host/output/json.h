@@ -23,16 +23,21 @@ class JsonLine {
   // byte 0xXX as "\udcXX".
   void Text(const char* name, std::string_view value);
   void Text(const char* name, std::optional<std::u16string_view> value);
-  void Number(const char* name, std::optional<std::uint32_t> value);
+  // A number that fits 53 bits.
+  void Number(const char* name, std::optional<std::uint64_t> value);
   // A number that may not fit 53 bits: a string in decimal.
   void LongNumber(const char* name, std::optional<std::uint64_t> value);
   void Boolean(const char* name, bool value);
   void Null(const char* name);
 
-  // A list of texts or numbers.
+  // A list of texts.
   void BeginList(const char* name);
   void Item(std::string_view value);
   void EndList();
+
+  // An object inside; what comes until its end are its members.
+  void BeginObject(const char* name);
+  void EndObject();
 
  private:
   template <class C>

@@ -34,15 +34,6 @@ class Parameters {
   ISystemEvent& m_event;
 };
 
-template <class T>
-std::optional<T> UnlessAllOnes(std::optional<T> value) {
-  return value == static_cast<T>(-1) ? std::nullopt : value;
-}
-
-std::optional<zym::datetime_t> UnlessZero(zym::datetime_t time) {
-  return time != 0 ? std::optional(time) : std::nullopt;
-}
-
 }  // namespace
 
 const char* EventName(std::uint32_t type) {
@@ -51,11 +42,11 @@ const char* EventName(std::uint32_t type) {
 
 // The end of a process has moved it to the finished ones, which are found by pid; any other image by its
 // unique pid.
-bool ProcessEventReader::FindInCache(const ProcessEvent& event) {
-  if (event.type == event_type::kExitProcess && m_cache->Get(static_cast<pid_t>(event.pid), m_found) &&
-      m_found.uniquePid == event.uniquePid)
+bool ProcessEventReader::FindInCache(std::uint32_t type, const ShownProcess& process) {
+  if (type == event_type::kExitProcess && m_cache->Get(static_cast<pid_t>(process.pid), m_found) &&
+      m_found.uniquePid == process.uniquePid)
     return true;
-  return event.uniquePid && m_cache->GetByUniquePid(*event.uniquePid, m_found);
+  return process.uniquePid && m_cache->GetByUniquePid(*process.uniquePid, m_found);
 }
 
 ProcessEvent ProcessEventReader::Read(ISystemEvent& event) {
@@ -68,29 +59,34 @@ ProcessEvent ProcessEventReader::Read(ISystemEvent& event) {
       .timestamp = parameters.Number<std::uint64_t>(event_param::kTimestamp),
       .fromExec = parameters.Number<std::uint32_t>(event_param::kFromExec) == 1U,
       .fake = event.IsFake(),
-      .pid = event.GetPid(),
-      .uniquePid = UnlessAllOnes(parameters.Number<std::uint64_t>(event_param::kUniquePid)),
-      .parentPid = UnlessAllOnes(parameters.Number<std::uint32_t>(event_param::kParentPid)),
-      .uniqueParentPid = UnlessAllOnes(parameters.Number<std::uint64_t>(event_param::kUniqueParentPid)),
-      .sessionId = parameters.Number<std::uint32_t>(event_param::kSessionId),
-      .userId = parameters.Number<std::uint32_t>(event_param::kRealUserId),
-      .imagePath = parameters.Text(event_param::kImagePath),
-      .workingDirectory = parameters.Text(event_param::kWorkingDirectory),
-      .commandLine = parameters.Text(event_param::kCommandLine),
-      .state = parameters.Number<std::uint32_t>(event_param::kState).value_or(qor::kStarting),
+      .process =
+          {
+              .pid = event.GetPid(),
+              .uniquePid = UnlessAllOnes(parameters.Number<std::uint64_t>(event_param::kUniquePid)),
+              .parentPid = UnlessAllOnes(parameters.Number<std::uint32_t>(event_param::kParentPid)),
+              .uniqueParentPid =
+                  UnlessAllOnes(parameters.Number<std::uint64_t>(event_param::kUniqueParentPid)),
+              .sessionId = parameters.Number<std::uint32_t>(event_param::kSessionId),
+              .imagePath = parameters.Text(event_param::kImagePath),
+              .workingDirectory = parameters.Text(event_param::kWorkingDirectory),
+              .commandLine = parameters.Text(event_param::kCommandLine),
+              .userId = parameters.Number<std::uint32_t>(event_param::kRealUserId),
+              .state = parameters.Number<std::uint32_t>(event_param::kState).value_or(qor::kStarting),
+          },
   };
+  ShownProcess& process = result.process;
   if (result.type == event_type::kCreateProcess)
-    result.creatorPid = UnlessAllOnes(std::optional(event.GetCpid()));
-  result.inCache = FindInCache(result);
-  if (result.inCache) {
-    result.creatorPid = UnlessAllOnes(std::optional(m_found.creatorPid));
-    result.uniqueCreatorPid = UnlessAllOnes(std::optional(m_found.creatorUniquePid));
-    result.startTime = UnlessZero(m_found.startTime);
-    result.exitTime = result.type == event_type::kExitProcess ? UnlessZero(m_found.exitTime) : std::nullopt;
-    result.flags = m_found.flags;
+    process.creatorPid = UnlessAllOnes(std::optional(event.GetCpid()));
+  if (FindInCache(result.type, process)) {
+    process.creatorPid = UnlessAllOnes(std::optional(m_found.creatorPid));
+    process.uniqueCreatorPid = UnlessAllOnes(std::optional(m_found.creatorUniquePid));
+    process.startTime = UnlessZero(m_found.startTime);
+    if (result.type == event_type::kExitProcess) process.exitTime = UnlessZero(m_found.exitTime);
+    process.flags = m_found.flags;
   }
   // Only the kernel's own threads have no session: any other 0 was never read.
-  if (result.sessionId == 0U && (result.flags & qor::kSystemProcess) == 0) result.sessionId.reset();
+  if (process.sessionId == 0U && (process.flags.value_or(0) & qor::kSystemProcess) == 0)
+    process.sessionId.reset();
   return result;
 }
 

@@ -3,10 +3,9 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <utility>
 
+#include "host/output/shown_process.h"
 #include "process_manager/process_cache_faces.h"
 #include "process_manager/system_event.h"
 #include "zym/intrusive_ptr.h"
@@ -20,24 +19,7 @@ struct ProcessEvent {
   std::optional<std::uint64_t> timestamp;  // nanoseconds of CLOCK_MONOTONIC
   bool fromExec = false;
   bool fake = false;
-  std::uint32_t pid = 0;
-  std::optional<std::uint64_t> uniquePid;
-  std::optional<std::uint32_t> parentPid;
-  std::optional<std::uint64_t> uniqueParentPid;
-  std::optional<std::uint32_t> sessionId;
-  std::optional<std::uint32_t> userId;
-  std::optional<std::u16string_view> imagePath;
-  std::optional<std::u16string_view> workingDirectory;
-  std::optional<std::u16string_view> commandLine;
-  std::uint32_t state = 0;
-
-  std::optional<std::uint32_t> creatorPid;
-
-  bool inCache = false;  // the flags are known
-  std::optional<std::uint64_t> uniqueCreatorPid;
-  std::optional<zym::datetime_t> startTime;
-  std::optional<zym::datetime_t> exitTime;
-  std::uint32_t flags = 0;
+  ShownProcess process;
 };
 
 // Asks the cache for what an event doesn't carry; an image that it has forgotten leaves those facts absent.
@@ -50,7 +32,7 @@ class ProcessEventReader {
   ProcessEvent Read(qor::process_manager::ISystemEvent& event);
 
  private:
-  bool FindInCache(const ProcessEvent& event);
+  bool FindInCache(std::uint32_t type, const ShownProcess& process);
 
   const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> m_cache;
   // What the cache said last: the next answer takes its memory.

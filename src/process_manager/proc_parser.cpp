@@ -48,6 +48,14 @@ bool Exists(const char* path) {
   return ::stat(path, &status) == 0;
 }
 
+// What has no memory, as a thread of the kernel or a process that has ended, has no environment either. Older
+// kernels tell so by an empty file, newer ones refuse to open it with ESRCH (proc_mem_open in fs/proc/base.c;
+// seen on 6.18). A process that isn't there at all gives ENOENT.
+ReadResult ReadEnvironment(ProcFile& file, const ProcPath& path) {
+  const ReadResult read = file.Read(path.c_str());
+  return read == ReadResult::kCannotOpen && errno == ESRCH ? ReadResult::kDone : read;
+}
+
 bool ParseCreds(const ProcFile& file, Creds& creds) {
   return procfs::ParseCreds(file.Text(), creds);
 }
@@ -255,7 +263,7 @@ zym::result_t ProcParser::GetCreds(PidType pid, Creds& creds) try {
 zym::result_t ProcParser::GetEnvironmentVariable(PidType pid, const char* name, std::string& value) try {
   const ProcPath path(pid, "environ");
   ProcFile file;
-  const ReadResult read = file.Read(path.c_str());
+  const ReadResult read = ReadEnvironment(file, path);
   const int error = errno;
   if (read != ReadResult::kDone)
     throw std::runtime_error(std::string("Cannot read ") + path.c_str() + ": " + std::strerror(error));
@@ -277,7 +285,7 @@ zym::result_t ProcParser::GetEnvironmentVariables(PidType pid,
                                                   zym::types::vector_t<zym::types::string_t>& variables) try {
   const ProcPath path(pid, "environ");
   ProcFile file;
-  if (file.Read(path.c_str()) != ReadResult::kDone) return zym::ZYM_E_UNSPECIFIED;
+  if (ReadEnvironment(file, path) != ReadResult::kDone) return zym::ZYM_E_UNSPECIFIED;
   zym::types::vector_t<zym::types::string_t> list;
   list.reserve(static_cast<std::size_t>(std::ranges::count(file.Text(), '\0')) + 1);
   ForEachVariable(file.Text(), [&](std::string_view variable) {

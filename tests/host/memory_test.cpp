@@ -1,6 +1,5 @@
 // pmhost memory: the regions of a process, and what is in them.
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -17,6 +16,8 @@
 
 namespace {
 
+using host_tests::BecomeNobody;
+using host_tests::Finished;
 using host_tests::Pmhost;
 using rapidjson::Document;
 using test_support::MapsLine;
@@ -31,26 +32,6 @@ std::string Hex(std::uint64_t number) {
 std::string Text(const std::vector<std::uint8_t>& bytes) {
   return {bytes.begin(), bytes.end()};
 }
-
-void BecomeNobody() {
-  if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-      ::setresuid(65534, 65534, 65534) != 0)
-    ::_exit(126);
-}
-
-// Runs the command to its end.
-struct Finished {
-  explicit Finished(std::vector<std::string> arguments, const std::function<void()>& prepare = {})
-      : pmhost(std::move(arguments), prepare),
-        output(pmhost.Output()),
-        errors(pmhost.Errors()),
-        status(pmhost.Wait()) {}
-
-  Pmhost pmhost;
-  std::string output;
-  std::string errors;
-  int status;
-};
 
 TEST(PmhostMemory, TellsTheMapsFileEntryForEntry) {
   const MemoryActor actor;

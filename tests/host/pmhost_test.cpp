@@ -1,5 +1,4 @@
 // pmhost as a person and a script use it.
-#include <grp.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -124,11 +123,7 @@ TEST(Pmhost, FeaturesTellTheProcConnector) {
 
 TEST(Pmhost, AMissingRightIsNamed) {
   PMHOST_NEEDS_ROOT();
-  Pmhost pmhost({"watch"}, [] {
-    if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-        ::setresuid(65534, 65534, 65534) != 0)
-      ::_exit(126);
-  });
+  Pmhost pmhost({"watch"}, host_tests::BecomeNobody);
   const int status = pmhost.Wait();
   if (status == 127) GTEST_SKIP() << "the build tree can't be entered by another user";
   EXPECT_EQ(status, 1);

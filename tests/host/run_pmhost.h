@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <rapidjson/document.h>
@@ -13,6 +14,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qor_common/unique_fd.h"
@@ -51,6 +53,7 @@ class Pmhost {
       ::execv(PMHOST_BINARY, pointers.data());
       ::_exit(127);
     }
+    m_startedAs = m_pid;
     ::close(out[1]);
     ::close(err[1]);
   }
@@ -63,6 +66,8 @@ class Pmhost {
   Pmhost& operator=(const Pmhost&) = delete;
 
   [[nodiscard]] pid_t Pid() const { return m_pid; }
+  // The same, when it has ended too.
+  [[nodiscard]] pid_t StartedAs() const { return m_startedAs; }
   void Kill(int signal) const { ::kill(m_pid, signal); }
   void CloseOutput() { m_out.Reset(); }
 
@@ -95,7 +100,7 @@ class Pmhost {
 
   // Waits for the end, and takes what is written until then; the exit status, or 128 and the signal.
   int Wait() {
-    while (m_out && ReadMore()) {
+    while (ReadMore(false)) {
     }
     int status = 0;
     ::waitpid(m_pid, &status, 0);
@@ -104,20 +109,42 @@ class Pmhost {
   }
 
   // All that is left of standard error, and of standard output.
-  std::string Errors() const { return ReadRest(m_err.Get()); }
-  std::string Output() { return m_pending.substr(std::exchange(m_begin, 0)) + ReadRest(m_out.Get()); }
+  std::string Errors() {
+    while (ReadMore(false)) {
+    }
+    return std::exchange(m_errors, {});
+  }
+  std::string Output() {
+    while (ReadMore(false)) {
+    }
+    return std::exchange(m_pending, {}).substr(std::exchange(m_begin, 0));
+  }
 
  private:
   static constexpr int kDeadline = 30;  // seconds
 
-  // False: the output has ended. Throws when nothing comes.
-  bool ReadMore() {
-    pollfd readable{.fd = m_out.Get(), .events = POLLIN, .revents = 0};
-    if (::poll(&readable, 1, kDeadline * 1000) == 0) throw std::runtime_error("pmhost is silent");
+  // Takes what comes on either stream, for whoever writes to one that nobody reads stands still. False: the
+  // output has ended, and, unless that alone is asked for, the errors too. Throws when nothing comes.
+  bool ReadMore(bool outputOnly = true) {
+    while (m_out || (m_err && !outputOnly)) {
+      pollfd readable[] = {{.fd = m_out.Get(), .events = POLLIN, .revents = 0},
+                           {.fd = m_err.Get(), .events = POLLIN, .revents = 0}};
+      if (::poll(readable, 2, kDeadline * 1000) == 0) throw std::runtime_error("pmhost is silent");
+      if (readable[1].revents != 0) Take(m_err, m_errors);
+      if (readable[0].revents != 0 && Take(m_out, m_pending)) return true;
+    }
+    return false;
+  }
+
+  // False: the stream has ended.
+  static bool Take(qor::UniqueFd& stream, std::string& text) {
     char buffer[65536];
-    const ssize_t count = ::read(m_out.Get(), buffer, sizeof(buffer));
-    if (count <= 0) return false;
-    m_pending.append(buffer, static_cast<std::size_t>(count));
+    const ssize_t count = ::read(stream.Get(), buffer, sizeof(buffer));
+    if (count <= 0) {
+      stream.Reset();
+      return false;
+    }
+    text.append(buffer, static_cast<std::size_t>(count));
     return true;
   }
 
@@ -127,19 +154,34 @@ class Pmhost {
     return event;
   }
 
-  static std::string ReadRest(int fd) {
-    std::string text;
-    char buffer[4096];
-    for (ssize_t count = 0; (count = ::read(fd, buffer, sizeof(buffer))) > 0;)
-      text.append(buffer, static_cast<std::size_t>(count));
-    return text;
-  }
-
   pid_t m_pid = 0;
+  pid_t m_startedAs = 0;
   qor::UniqueFd m_out;
   qor::UniqueFd m_err;
   std::string m_pending;
   std::size_t m_begin = 0;
+  std::string m_errors;
 };
+
+// Runs the command to its end.
+struct Finished {
+  explicit Finished(std::vector<std::string> arguments, const std::function<void()>& prepare = {})
+      : pmhost(std::move(arguments), prepare),
+        output(pmhost.Output()),
+        errors(pmhost.Errors()),
+        status(pmhost.Wait()) {}
+
+  Pmhost pmhost;
+  std::string output;
+  std::string errors;
+  int status;
+};
+
+// For the child: an ordinary user from now on. The binary may be out of its reach: then the status is 127.
+inline void BecomeNobody() {
+  if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+      ::setresuid(65534, 65534, 65534) != 0)
+    ::_exit(126);
+}
 
 }  // namespace host_tests

@@ -709,6 +709,26 @@ TEST_F(ProcParserTest, ReadsALargeEnvironmentOfARealProcess) {
   EXPECT_EQ(value.size(), 100'000U);
 }
 
+TEST_F(ProcParserTest, AKernelThreadHasNoEnvironment) {
+  std::string comm;
+  if (!ZYM_SUCCEEDED(parser->GetComm(2, comm)) || comm != "kthreadd")
+    GTEST_SKIP() << "no kernel thread is to be seen: run in the machine's first pid namespace";
+  Environment variables = {zym::types::string_t("OLD=1")};
+  EXPECT_EQ(parser->GetEnvironmentVariables(2, variables), zym::ZYM_OK);
+  EXPECT_TRUE(variables.empty());
+  std::string value = "old";
+  EXPECT_EQ(parser->GetEnvironmentVariable(2, "LANG", value), zym::ZYM_OK);
+  EXPECT_EQ(value, "old");
+}
+
+TEST_F(ProcParserTest, AZombieHasNoEnvironment) {
+  const Child child = Child::Forked();
+  child.Kill();
+  Environment variables = {zym::types::string_t("OLD=1")};
+  EXPECT_EQ(parser->GetEnvironmentVariables(child.Pid(), variables), zym::ZYM_OK);
+  EXPECT_TRUE(variables.empty());
+}
+
 // --- comm ---
 
 TEST_F(ProcParserTest, ReadsTheNameOfAProcess) {

@@ -86,25 +86,42 @@ void Abandon() {
   for (;;) ::pause();
 }
 
-// Children that sleep; prints the own pid when all are there, and ends them at the next byte of standard
-// input or at its end.
+// Children that run the steps that follow, and sleep; prints the own pid when all of them do, and ends them
+// at the next byte of standard input or at its end.
 void Brood(std::uint32_t count) {
   pid_t* const children = static_cast<pid_t*>(std::calloc(count + 1, sizeof(pid_t)));
   Check(children != nullptr, "calloc");
+  const pid_t parent = ::getpid();
+  int busy[2];
+  Check(::pipe2(busy, O_CLOEXEC) == 0, "pipe2");
   for (std::uint32_t i = 0; i < count; ++i) {
     children[i] = ::fork();
     Check(children[i] >= 0, "fork");
     if (children[i] > 0) continue;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    RunSteps();
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // behind the steps: a change of the user takes it back
+    if (::getppid() != parent) ::_exit(1);
+    ::close(busy[1]);
     for (;;) ::pause();
   }
-  Say(::getpid());
+  ::close(busy[1]);
   char byte = 0;
+  Check(::read(busy[0], &byte, 1) == 0, "read");
+  Say(parent);
   Check(::read(STDIN_FILENO, &byte, 1) >= 0, "read");
   for (std::uint32_t i = 0; i < count; ++i) ::kill(children[i], SIGKILL);
   for (std::uint32_t i = 0; i < count; ++i)
     Check(::waitpid(children[i], nullptr, 0) == children[i], "waitpid");
-  std::free(children);
+  ::_exit(0);
+}
+
+// In place, so that /proc/<pid>/cmdline shows it.
+void Mark(char* argument) {
+  const std::size_t length = std::strlen(argument);
+  char digits[16];
+  std::snprintf(digits, sizeof(digits), "%010d", ::getpid());
+  Check(length <= 10, "mark");
+  std::memcpy(argument, digits + 10 - length, length);
 }
 
 // The process of that name, the kernel's own included; 0: none. A kernel before 5.17 cuts the names.
@@ -190,7 +207,8 @@ const Step kSteps[] = {
     {"fork", 0, "the steps that follow run in a child", [](char**) { Fork(0); }},
     {"fork-as", 1, "the same in a child of that pid",
      [](char** argument) { Fork(static_cast<pid_t>(Number(*argument))); }},
-    {"brood", 1, "so many children that sleep; print the own pid, and end them at one byte of standard input",
+    {"brood", 1,
+     "so many children that run the steps that follow and sleep; print the own pid, and end them at one byte",
      [](char** argument) { Brood(Number(*argument)); }},
     {"abandon", 0, "the steps that follow run in a child, whose end nobody collects",
      [](char**) { Abandon(); }},
@@ -230,6 +248,7 @@ const Step kSteps[] = {
        const int file = ::open(*argument, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0755);
        Check(file >= 0 && ::close(file) == 0, "open(O_CREAT)");
      }},
+    {"mark", 1, "write the own pid over the argument", [](char** argument) { Mark(*argument); }},
     {"unlink", 1, "remove a file", [](char** argument) { Check(::unlink(*argument) == 0, "unlink"); }},
     {"open", 1, "open a file for exec-opened",
      [](char** argument) {

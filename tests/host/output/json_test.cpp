@@ -43,6 +43,16 @@ TEST(JsonLine, AnEmptyObjectIsOne) {
   EXPECT_EQ(line.End(), "{}");
 }
 
+TEST(JsonLine, AnObjectMayHoldAnother) {
+  JsonLine line;
+  line.Begin();
+  line.BeginObject("inner");
+  line.Number("most", 9'007'199'254'740'991);
+  line.EndObject();
+  line.Null("behind");
+  EXPECT_EQ(line.End(), R"({"inner":{"most":9007199254740991},"behind":null})");
+}
+
 TEST(JsonLine, MembersComeInTheirOrder) {
   JsonLine line;
   line.Begin();
