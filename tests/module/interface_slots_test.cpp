@@ -250,14 +250,14 @@ TEST_F(InterfaceSlots, OfTheApplications) {
   const std::uint32_t id = 42;
   void* application = nullptr;
   EXPECT_EQ(CallSlot<Result>(object, 3, &id, std::uint32_t{1}, &application), zym::ZYM_OK);
-  EXPECT_TRUE(TracedAnew("CreateApplication() id: 42, priority: 1"));
+  EXPECT_TRUE(TracedAnew("ApplicationManager::CreateApplication("));
   void* opened = nullptr;
   EXPECT_EQ(CallSlot<Result>(object, 5, &id, &opened), zym::ZYM_OK);
-  EXPECT_TRUE(TracedAnew("OpenApplication() id: 42"));
+  EXPECT_TRUE(TracedAnew("ApplicationManager::OpenApplication("));
   EXPECT_EQ(opened, application);
   CallSlot<std::uint32_t>(opened, 1);
   EXPECT_EQ(CallSlot<Result>(object, 4, &id), zym::ZYM_OK);
-  EXPECT_TRUE(TracedAnew("DeleteApplication() id: 42"));
+  EXPECT_TRUE(TracedAnew("ApplicationManager::DeleteApplication("));
 
   void* none = nullptr;
   EXPECT_EQ(CallSlot<Result>(application, 3, &none), zym::ZYM_E_NO_INTERFACE) << "none is registered";

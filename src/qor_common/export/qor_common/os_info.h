@@ -22,6 +22,7 @@ struct KernelVersion {
   int patch = -1;
   int build = -1;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the 0 of a defaulted comparison for a pointer
   friend auto operator<=>(const KernelVersion&, const KernelVersion&) = default;
 };
 
