@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "qor_common/unique_fd.h"
+#include "support/temp_directory.h"
 
 #define PMHOST_NEEDS_ROOT() \
   if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root"
@@ -31,10 +33,24 @@ inline std::string TextOf(const rapidjson::Value& object, const char* name) {
   return value.IsString() ? std::string(value.GetString(), value.GetStringLength()) : std::string();
 }
 
+// A copy of pmhost beside one of its module, for other users: the build tree may be closed to them.
+inline const std::string& PmhostForEverybody() {
+  static const test_support::TempDirectory directory;
+  static const std::string copy = [] {
+    namespace fs = std::filesystem;
+    const fs::path original = PMHOST_BINARY;
+    fs::permissions(directory.Path(), fs::perms(0755));
+    for (const fs::path& file : {original, original.parent_path() / "libprocess_manager.so"})
+      fs::copy_file(file, fs::path(directory.Path()) / file.filename());
+    return (fs::path(directory.Path()) / original.filename()).string();
+  }();
+  return copy;
+}
+
 // Started at construction; ended, at the latest, at destruction.
 class Pmhost {
  public:
-  // `prepare` runs in the child, before pmhost does.
+  // `prepare` runs in the child, before pmhost does; it may become another user.
   explicit Pmhost(std::vector<std::string> arguments, const std::function<void()>& prepare = {}) {
     int out[2];
     int err[2];
@@ -45,12 +61,13 @@ class Pmhost {
     std::vector<char*> pointers;
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
+    const char* const program = prepare ? PmhostForEverybody().c_str() : PMHOST_BINARY;
     m_pid = ::fork();
     if (m_pid == 0) {
       ::dup2(out[1], STDOUT_FILENO);
       ::dup2(err[1], STDERR_FILENO);
       if (prepare) prepare();
-      ::execv(PMHOST_BINARY, pointers.data());
+      ::execv(program, pointers.data());
       ::_exit(127);
     }
     m_startedAs = m_pid;
@@ -177,7 +194,7 @@ struct Finished {
   int status;
 };
 
-// For the child: an ordinary user from now on. The binary may be out of its reach: then the status is 127.
+// For the child: an ordinary user from now on.
 inline void BecomeNobody() {
   if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
       ::setresuid(65534, 65534, 65534) != 0)

@@ -261,7 +261,6 @@ TEST(PmhostShow, AProcessOfAnotherUserIsToldInPartAndTheMissingRightIsNamed) {
   ASSERT_EQ(actor.HearPid(), actor.Pid());
   const std::string pid = std::to_string(actor.Pid());
   const Finished run({"--json", "show", pid}, BecomeNobody);
-  if (run.status == 127) GTEST_SKIP() << "the build tree can't be entered by another user";
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.errors,
             "pmhost: process " + pid +
