@@ -110,6 +110,8 @@ TEST(ServiceFaults, AClassOfAFactoryThatLacksAServiceGivesItsResultAndItsMemoryB
       {"ProcessUserLocalizationProvider",
        class_ids::kProcessUserLocalizationProvider,
        {zym::IAllocator::kIid, zym::ITracer::kIid, qor::IStartupDataProvider::kIid}},
+      {"ProcessModuleManager", class_ids::kProcessModuleManager, {zym::IAllocator::kIid, zym::ITracer::kIid}},
+      {"ProcessMemoryFactory", class_ids::kProcessMemoryFactory, {zym::IAllocator::kIid, zym::ITracer::kIid}},
       {"TypeDescriptorStaticRegistry", class_ids::kTypeDescriptorStaticRegistry, {zym::IAllocator::kIid}},
       {"ProcessManager", class_ids::kProcessManager, {zym::IAllocator::kIid, zym::ITracer::kIid}},
       {"ProcParser", class_ids::kProcParser, {zym::IAllocator::kIid, zym::ITracer::kIid}},
