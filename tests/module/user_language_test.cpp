@@ -3,40 +3,15 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <optional>
 #include <string>
-#include <utility>
 
 #include "module/module_host.h"
 #include "support/child.h"
+#include "support/lang.h"
 
 namespace {
 
 using namespace test_support;
-
-// The LANG of this program, and so of the programs that it starts, for a while.
-class Lang {
- public:
-  explicit Lang(const char* value) {
-    if (const char* const old = std::getenv("LANG")) m_old = old;
-    if (value != nullptr)
-      ::setenv("LANG", value, 1);
-    else
-      ::unsetenv("LANG");
-  }
-  ~Lang() {
-    if (m_old)
-      ::setenv("LANG", m_old->c_str(), 1);
-    else
-      ::unsetenv("LANG");
-  }
-  Lang(const Lang&) = delete;
-  Lang& operator=(const Lang&) = delete;
-
- private:
-  std::optional<std::string> m_old;
-};
 
 class ModuleUserLanguage : public testing::Test {
  protected:
