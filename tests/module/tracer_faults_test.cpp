@@ -12,8 +12,15 @@
 #include <vector>
 
 #include "module/fault_host.h"
+#include "process_manager/application_manager_facade.h"
+#include "process_manager/file_name_mapping.h"
 #include "process_manager/process_access.h"
+#include "process_manager/process_memory.h"
+#include "process_manager/process_modules.h"
+#include "process_manager/user_language.h"
 #include "support/actor.h"
+#include "support/fake_process_control.h"
+#include "support/memory_actor.h"
 #include "support/own_process.h"
 #include "support/threads.h"
 
@@ -121,6 +128,94 @@ void LiveWithProcesses(const ModuleHost& host, const std::function<void(zym::res
   note(control->GetTimes(times));
 }
 
+// The memory and the modules of a process: there, not there, refused.
+void LiveWithMemory(const ModuleHost& host, const std::function<void(zym::result_t)>& note) {
+  using namespace process_memory_manager;
+  const MemoryActor actor;
+  zym::intrusive_ptr<process_manager::IProcessManager> manager;
+  note(host.module.Make(class_ids::kProcessManager, host.host.locator.get(), manager));
+  zym::intrusive_ptr<process_manager::IProcessControl> control;
+  note(manager->GetControl(actor.Pid(), control.Ref()));
+  zym::intrusive_ptr<IProcessMemoryFactory> factory;
+  note(host.module.Make(class_ids::kProcessMemoryFactory, host.host.locator.get(), factory));
+  zym::intrusive_ptr<IProcessMemory> memory;
+  note(factory->Create(zym::CreateObject<FakeProcessControl>(0).get(), memory.Ref()));
+  note(factory->Create(zym::CreateObject<FakeProcessControl>(qor::kNoPid).get(), memory.Ref()));
+  note(factory->Create(control.get(), memory.Ref()));
+
+  const std::uint64_t file = actor.Get("file").address;
+  constexpr std::uint64_t kAboveAll = 0xfffffffffffff000;
+  ProcessMemoryRegionInformation region;
+  zym::types::string16_t text;
+  std::uint8_t byte = 0;
+  for (const std::uint64_t address : {std::uint64_t{0}, file, kAboveAll}) {
+    note(memory->QueryRegion(address, region));
+    note(memory->QueryMappedFilePath(address, text));
+  }
+  for (const std::uint64_t address : {std::uint64_t{0}, file, actor.Get("unmapped").address})
+    note(memory->ReadMemory(address, {&byte, &byte + 1}));
+  note(memory->WriteMemory(file, {&byte, &byte + 1}));
+  zym::intrusive_ptr<IProcessMemoryRegionEnumerator> regions;
+  note(memory->EnumerateMemoryRegions(regions.Ref()));
+  note(regions->Next(region));
+  while (regions->Next(region) == zym::ZYM_OK) {
+  }
+  note(regions->Next(region));
+  note(regions->Reset());
+
+  zym::intrusive_ptr<process_manager::IProcessModuleManager> modules;
+  note(host.module.Make(class_ids::kProcessModuleManager, host.host.locator.get(), modules));
+  zym::intrusive_ptr<process_manager::IProcessModuleEnumerator> enumerator;
+  zym::intrusive_ptr<process_manager::IProcessModule> module;
+  for (const qor::PidType pid : {qor::PidType{0}, qor::kNoPid, actor.Pid()})
+    note(modules->EnumerateModules(pid, enumerator.Ref()));
+  note(enumerator->Next(module.Ref()));
+  note(enumerator->Reset());
+  note(modules->GetModule(qor::kNoPid, file, module.Ref()));
+  note(modules->GetModule(actor.Pid(), file + 1, module.Ref()));
+  note(modules->GetModule(actor.Pid(), file, module.Ref()));
+  process_manager::ProcessModuleInformation information;
+  std::uint64_t number = 0;
+  note(module->GetImagePath(text));
+  note(module->GetBaseAddress(number));
+  note(module->GetSize(number));
+  note(module->GetInformation(information));
+}
+
+// Applications, languages of users, names of files.
+void LiveWithNames(const ModuleHost& host, const std::function<void(zym::result_t)>& note) {
+  using namespace application_manager_facade;
+  zym::intrusive_ptr<IApplicationManager> applications;
+  note(host.module.Make(class_ids::kApplicationManager, host.host.locator.get(), applications));
+  zym::intrusive_ptr<IApplication> application;
+  constexpr auto kPriority = application_manager::application_priority::kNormal;
+  note(applications->OpenApplication(7, application.Ref()));
+  note(applications->CreateApplication(7, kPriority, application.Ref()));
+  note(applications->CreateApplication(7, kPriority, application.Ref()));
+  note(applications->OpenApplication(7, application.Ref()));
+  zym::intrusive_ptr<interceptor_facade::IInterceptor> interceptor;
+  note(application->GetInterceptor(interceptor.Ref()));  // there is none
+  note(applications->DeleteApplication(7));
+  note(applications->DeleteApplication(7));
+
+  zym::intrusive_ptr<qor::process_manager::IProcessUserLocalizationProvider> languages;
+  note(host.module.Make(class_ids::kProcessUserLocalizationProvider, host.host.locator.get(), languages));
+  zym::types::string16_t text;
+  for (const qor::PidType pid : {static_cast<qor::PidType>(::getpid()), qor::PidType{0}, qor::kNoPid})
+    note(languages->GetProcessUserLocalization(pid, text));
+
+  zym::intrusive_ptr<file_name_mapper::IFileNameMapper> mapper;
+  note(host.module.Make(class_ids::kFileNameMapper, host.host.locator.get(), mapper));
+  zym::intrusive_ptr<file_name_mapper::IFileNameMapper2> mapper2;
+  note(zym::QueryInterface(mapper, mapper2.Ref()));
+  zym::intrusive_ptr<dorp::IFileNameMapper> dorps;
+  note(zym::QueryInterface(mapper, dorps.Ref()));
+  note(mapper->CopyName(u"/a/./b", text));
+  note(mapper->NormalizeName(u"/a/./b", text));
+  note(mapper2->CopyName(u"/a/./b", text, 1));
+  note(dorps->CopyNameBack(u"/a/./b", text));
+}
+
 // A whole day of a host: everything that gives a result, and the events of one child.
 struct Day {
   std::vector<zym::result_t> results;
@@ -189,6 +284,8 @@ Day Live(const ModuleHost& host) {
   note(host.parser->GetEnvironmentVariable(none, "PATH", path));
   note(host.cache->GetByUniquePid(77, info) ? 1 : 0);
   LiveWithProcesses(host, note);
+  LiveWithMemory(host, note);
+  LiveWithNames(host, note);
   zym::IObject* object = nullptr;
   const CreationRecord record{.locator = nullptr};
   note(host.module.createObject(0x12345678, &record, &object));
