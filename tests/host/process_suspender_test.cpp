@@ -3,23 +3,21 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/counting.h"
 #include "support/fresh_process.h"
 #include "support/memory_actor.h"
 #include "support/object_count.h"
@@ -29,6 +27,7 @@ namespace {
 
 using pmhost::ProcessSuspender;
 using pmhost::StopMeans;
+using test_support::Counting;
 using test_support::Eventually;
 using test_support::MemoryActor;
 
@@ -39,72 +38,6 @@ std::string ReadProcFile(std::uint32_t pid, const std::string& name) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
   return {std::istreambuf_iterator<char>(file), {}};
 }
-
-// A process whose two threads count, as long as they run.
-class Counting {
- public:
-  Counting() {
-    void* const memory =
-        ::mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::bad_alloc();
-    m_counters = new (memory) Counters;
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      std::thread([this] { Count(m_counters->of[1]); }).detach();
-      Count(m_counters->of[0]);
-    }
-    EXPECT_TRUE(IsRunning());
-  }
-  ~Counting() {
-    End();
-    ::munmap(m_counters, sizeof(Counters));
-  }
-  Counting(const Counting&) = delete;
-  Counting& operator=(const Counting&) = delete;
-
-  [[nodiscard]] std::uint32_t Pid() const { return static_cast<std::uint32_t>(m_pid); }
-  void Kill(int signal) const { ::kill(m_pid, signal); }
-  // Returns when both threads have stopped.
-  void Stop() const {
-    Kill(SIGSTOP);
-    siginfo_t info;
-    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(m_pid), &info, WSTOPPED), 0);
-  }
-  void End() {
-    if (m_pid <= 0) return;
-    ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
-  }
-
-  // Both threads go on.
-  [[nodiscard]] bool IsRunning() const {
-    const std::uint64_t before[] = {m_counters->of[0], m_counters->of[1]};
-    return Eventually([&] { return m_counters->of[0] != before[0] && m_counters->of[1] != before[1]; });
-  }
-  // Neither does, for as long as it takes to look many times.
-  [[nodiscard]] bool IsStill() const {
-    const std::uint64_t before[] = {m_counters->of[0], m_counters->of[1]};
-    for (int i = 0; i < 200; ++i) {
-      if (m_counters->of[0] != before[0] || m_counters->of[1] != before[1]) return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-
- private:
-  struct Counters {
-    std::atomic<std::uint64_t> of[2];
-  };
-
-  [[noreturn]] static void Count(std::atomic<std::uint64_t>& counter) {
-    for (;;) ++counter;
-  }
-
-  Counters* m_counters;
-  pid_t m_pid;
-};
 
 class Suspender : public testing::Test {
  protected:
