@@ -1,11 +1,14 @@
 // pmhost kill: the end of a process.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <fstream>
 #include <future>
 #include <iterator>
@@ -147,6 +150,16 @@ TEST(PmhostKill, WhoIsNotThereIsNamed) {
   }
 }
 
+TEST(PmhostKill, WhoIsGoneIsNotWaitedFor) {
+  const std::string pid = Text(test_support::RunTrue());
+  for (const char* wait : {"0", kLong}) {
+    const Finished run({"--json", "kill", pid, "--wait", wait});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "");
+    EXPECT_EQ(run.errors, "pmhost: cannot end process " + pid + ": there is no such process\n");
+  }
+}
+
 TEST(PmhostKill, TheKernelIsNotEnded) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{"kill", "0"}, {"kill", "0", "--wait", kLong}}) {
@@ -190,6 +203,38 @@ TEST(PmhostKill, AProcessOfAnotherUserStaysAndTheMissingRightIsNamed) {
     EXPECT_THAT(run.errors,
                 StartsWith("pmhost: cannot end process " + Text(victim.Pid()) + ": needs CAP_KILL"));
     EXPECT_THAT(run.errors, HasSubstr("run as root"));
+  }
+  EXPECT_TRUE(victim.Lives());
+}
+
+// For the child: an ordinary user from now on, who may look at every process.
+void BecomeAWatchingNobody() {
+  constexpr std::uint32_t kLook = CAP_TO_MASK(CAP_SYS_PTRACE);
+  static_assert(CAP_TO_INDEX(CAP_SYS_PTRACE) == 0);
+  __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+  const __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {
+      {.effective = kLook, .permitted = kLook, .inheritable = kLook}, {}};
+  if (::prctl(PR_SET_KEEPCAPS, 1) != 0) ::_exit(126);
+  BecomeNobody();
+  if (::syscall(SYS_capset, &header, data) != 0 ||
+      ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_SYS_PTRACE, 0, 0) != 0)
+    ::_exit(126);
+}
+
+// Found, read, and refused by kill(2) itself.
+TEST(PmhostKill, AProcessThatMayBeSeenAndNotSignalledStaysAndTheMissingRightIsNamed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs a process of another user: run as root";
+  if (::prctl(PR_CAPBSET_READ, CAP_SYS_PTRACE) != 1) GTEST_SKIP() << "needs CAP_SYS_PTRACE to give on";
+  Victim victim({});
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"kill", Text(victim.Pid())},
+        {"kill", Text(victim.Pid()), "--wait", "0"},
+        {"--json", "kill", Text(victim.Pid()), "--wait", kLong}}) {
+    const Finished run(arguments, BecomeAWatchingNobody);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "");
+    EXPECT_EQ(run.errors, "pmhost: cannot end process " + Text(victim.Pid()) +
+                              ": needs CAP_KILL, as it belongs to another user: run as root\n");
   }
   EXPECT_TRUE(victim.Lives());
 }
