@@ -22,7 +22,6 @@
 #include "host/commands/show.h"
 #include "host/commands/watch.h"
 #include "host/options.h"
-#include "host/run_limits.h"
 #include "host/services/path_pattern.h"
 
 namespace {
@@ -44,6 +43,7 @@ std::string CheckPattern(const std::string& text) {
 void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector<std::string>& features) {
   app.set_version_flag("--version", "pmhost " PMHOST_VERSION);
   app.set_config("--config", "", "Read options from FILE (INI or TOML)")->type_name("FILE");
+  app.allow_config_extras(CLI::config_extras_mode::error);
   app.add_option("--module", options.module, "The module (default: the one built or installed with pmhost)")
       ->type_name("FILE");
   app.add_option("--trace", options.traceLevel,
@@ -53,12 +53,14 @@ void AddGlobalOptions(CLI::App& app, pmhost::GlobalOptions& options, std::vector
   app.add_option("--trace-file", options.traceFile, "Append the trace to FILE (default: standard error)")
       ->type_name("FILE");
   app.add_option("--feature", features, "Turn a named switch of the module on; may be repeated")
-      ->type_name("NAME");
+      ->type_name("NAME")
+      ->allow_extra_args(false);
   app.add_option("--exclude-process", options.excludedProcesses,
                  "Interception leaves processes alone whose image matches GLOB; may be repeated")
       ->type_name("GLOB")
+      ->allow_extra_args(false)
       ->check(CheckPattern);
-  app.add_flag("--show-private", options.showPrivate, "Let command lines and console text into the trace");
+  app.add_flag("--show-private", options.showPrivate, "Let command lines and environments into the trace");
   app.add_flag("--json", options.json, "Print one JSON object a line");
   app.fallthrough();
 }
@@ -83,7 +85,7 @@ CLI::Option& AddPid(CLI::App& command, const std::function<void(std::uint32_t)>&
     if (pid == 0 && !takesKernel) throw CLI::ValidationError("PID", "0 is the kernel, and not a process");
     take(pid);
   };
-  return *command.add_option_function<std::string>("PID", parse, "The process")->type_name("PID");
+  return *command.add_option_function<std::string>("PID", parse, "The process")->type_name("");
 }
 
 // `numbers` keeps the texts of ADDRESS and LENGTH.
@@ -116,16 +118,28 @@ void TakeRange(pmhost::MemoryOptions& options, const std::vector<std::string>& n
   options.read = range;
 }
 
+// Nothing if it is a time to wait.
+std::string CheckSeconds(const std::string& text) {
+  constexpr double kLongest = 1e9;
+  const char* const end = text.data() + text.size();
+  double seconds = 0;
+  const auto [parsed, error] = std::from_chars(text.data(), end, seconds);
+  const bool isTime = error == std::errc() && parsed == end && seconds >= 0 && seconds <= kLongest;  // no NaN
+  return isTime ? std::string() : text + " is no number of seconds from 0 to 1000000000";
+}
+
 CLI::App& AddWatch(CLI::App& app, pmhost::WatchOptions& options) {
   CLI::App& command =
       *app.add_subcommand("watch", "Tell every process that starts, replaces its image, or ends");
   command.add_flag("--full", options.full, "Read credentials and environments too");
   command.add_option("--for", options.seconds, "End after so many seconds")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e9));
-  command.add_option("--count", options.count, "End after so many events")
-      ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(CheckSeconds);
+  const auto take = [&options](const std::string& text) {
+    options.count = TakeNumber("--count", text, std::numeric_limits<std::uint64_t>::max());
+    if (options.count == 0U) throw CLI::ValidationError("--count", "0 is no number of events to wait for");
+  };
+  command.add_option_function<std::string>("--count", take, "End after so many events")->type_name("N");
   return command;
 }
 
@@ -157,6 +171,12 @@ CLI::App& AddKill(CLI::App& app, pmhost::KillOptions& options) {
   return command;
 }
 
+std::string ExplainBadUsage(const CLI::App* app, const CLI::Error& e) {
+  std::string command = "pmhost";
+  for (const CLI::App* subcommand : app->get_subcommands()) command += " " + subcommand->get_name();
+  return "pmhost: " + std::string(e.what()) + "; " + command + " --help tells what there is\n";
+}
+
 int Run(int argc, char** argv) {
   pmhost::GlobalOptions global;
   pmhost::WatchOptions watch;
@@ -166,6 +186,10 @@ int Run(int argc, char** argv) {
   CLI::App app("Loads the process manager module and shows what it can do. Without a command: watch.",
                "pmhost");
   app.require_subcommand(0, 1);
+  app.failure_message(ExplainBadUsage);
+  app.footer(
+      "pmhost COMMAND --help tells the options of a command; those above go with each of them.\n"
+      "Exit status: 0 done, 1 the work failed, 2 bad usage.");
   AddGlobalOptions(app, global, features);
 
   AddWatch(app, watch);
@@ -216,8 +240,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Before any thread starts. A reader that goes away is told by the write that fails.
-  pmhost::RunLimits::BlockSignals();
+  // A reader that goes away is told by the write that fails.
   std::signal(SIGPIPE, SIG_IGN);
   try {
     return Run(argc, argv);

@@ -33,6 +33,10 @@ Reach ReachOf(std::uint32_t pid, const char* name) {
   return IsDenial(error) ? Reach::kDenied : Reach::kGone;
 }
 
+std::string Remedy() {
+  return ::geteuid() != 0 ? "run as root" : "this root lacks it";
+}
+
 std::string MissingRight() {
   if (::geteuid() != 0) return "needs CAP_SYS_PTRACE: run as root";
   return "needs CAP_SYS_PTRACE and every capability that they have, which this root lacks";
@@ -45,7 +49,7 @@ std::string ExplainProcess(const std::string& what, std::uint32_t pid, const cha
   if (file) return what + ": " + otherwise;
   if (error == ENOENT || error == ESRCH) return what + ": there is no such process";
   if (IsDenial(error))
-    return what + ": needs CAP_SYS_PTRACE, as it belongs to another user or is protected: run as root";
+    return what + ": needs CAP_SYS_PTRACE, as it belongs to another user or is protected: " + Remedy();
   return Explain(what, zym::ErrnoToResult(error));
 }
 

@@ -16,6 +16,9 @@ enum class Reach {
 // Tries the link `name` of the process's directory, as "exe": whoever may read that may read all the rest.
 Reach ReachOf(std::uint32_t pid, const char* name);
 
+// How to come by a capability that is missing.
+std::string Remedy();
+
 // The right that is missing for kDenied, and the remedy.
 std::string MissingRight();
 

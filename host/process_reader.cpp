@@ -91,8 +91,10 @@ std::vector<KnownProcess> ProcessReader::ReadAll() {
   zym::intrusive_ptr<IProcessInformation> information;
   zym::result_t next = zym::ZYM_OK;
   while ((next = snapshot->Next(information.Ref())) == zym::ZYM_OK) {
-    processes.push_back(Complete(*information));
-    found.insert(processes.back().record.pid);
+    std::optional<KnownProcess> process = Complete(*information);
+    if (!process) continue;
+    found.insert(process->record.pid);
+    processes.push_back(std::move(*process));
   }
   Require(next, "cannot go on with the list of processes");
   for (const std::uint32_t pid : listed) {
@@ -151,19 +153,24 @@ std::vector<unsigned int> ProcessReader::ListProcesses() {
   return pids;
 }
 
-KnownProcess ProcessReader::Complete(IProcessInformation& information) {
+std::optional<KnownProcess> ProcessReader::Complete(IProcessInformation& information) {
   KnownProcess process;
   Require(information.GetInformation(process.record), "cannot tell what is known of a process");
   process.sessionId = process.record.sessionId;
   process.flags = process.record.flags;
   process.userId = process.record.userId;
   ReadIds(process);
-  // The file in which the kernel tells its own ends with a line end.
-  if (process.record.pid == kKernel && process.record.commandLine.ends_with(u'\n'))
-    process.record.commandLine.pop_back();
+  const std::uint32_t pid = process.record.pid;
+  if (pid == kKernel) {
+    // The file in which the kernel tells its own command line ends with a line end.
+    if (process.record.commandLine.ends_with(u'\n')) process.record.commandLine.pop_back();
+    return process;
+  }
+  // A process that was replacing its image had none for a moment.
+  if (process.record.commandLine.empty()) process.record.commandLine = DecodeBytes(ReadCommandLine(pid));
   qor::procfs::Stat stat;
-  if (process.record.pid != kKernel && ZYM_SUCCEEDED(m_parser->GetStat(process.record.pid, stat)))
-    process.record.startTime = StartTimeOf(stat);
+  if (ReachOfLiving(pid, stat) == Reach::kGone) return std::nullopt;  // known by halves, it may be
+  if (stat.pid == pid) process.record.startTime = StartTimeOf(stat);
   return process;
 }
 

@@ -66,7 +66,7 @@ class ProcessReader {
   using IProcessInformation = system_interceptors::process_manager::IProcessInformation;
 
   std::vector<unsigned int> ListProcesses();
-  KnownProcess Complete(IProcessInformation& information);
+  std::optional<KnownProcess> Complete(IProcessInformation& information);
   std::optional<KnownProcess> ReadInPart(std::uint32_t pid);
   Reach ReachOfLiving(std::uint32_t pid, qor::procfs::Stat& stat);
   void ReadIds(KnownProcess& process);

@@ -13,7 +13,7 @@ namespace pmhost {
 class RunLimits {
  public:
   // Blocks the two signals, for the calling thread and all that it starts afterwards: call it before any
-  // thread.
+  // thread. Commands that don't are ended by them at once, as any program.
   static void BlockSignals();
 
   // While it lives the two signals end the program at once, if the calling thread is its only one that takes
@@ -32,7 +32,7 @@ class RunLimits {
   // From any thread: the command has done what it was asked for.
   void Finish() { m_finished.Notify(); }
 
-  // Returns when the command is to end.
+  // Returns when the command is to end, and takes the signal if it was one.
   void Wait();
   // The command is to end now.
   [[nodiscard]] bool AreReached() const { return Poll(0); }

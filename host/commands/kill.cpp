@@ -13,7 +13,6 @@
 #include "host/output/line_writer.h"
 #include "host/output/shown_text.h"
 #include "host/process_reader.h"
-#include "host/run_limits.h"
 
 namespace pmhost {
 namespace {
@@ -35,7 +34,8 @@ class Target {
     if (m_process.denied)
       throw Failure(What() +
                     ": needs CAP_KILL, and CAP_SYS_PTRACE to look at it first, as it belongs to "
-                    "another user or is protected: run as root");
+                    "another user or is protected: " +
+                    Remedy());
     if (const zym::result_t result = reader.Manager()->GetControl(pid, m_control.Ref());
         !ZYM_SUCCEEDED(result))
       throw Failure(Explain(What() + ": the module can't read it in full; kill -TERM " + std::to_string(pid) +
@@ -47,10 +47,12 @@ class Target {
 
   // Asks it to end; with `wait`, waits and forces it. Gives back whether it has ended.
   bool End(std::optional<std::uint32_t> wait) {
-    const zym::result_t result = wait ? EndAndWait(*wait) : m_control->Terminate();
+    // An interrupt while the module waits ends pmhost as it ends any program: the signal that was sent stays
+    // sent, and no other one follows.
+    const zym::result_t result = wait ? m_control->TerminateAndWait(*wait) : m_control->Terminate();
     if (result == zym::ErrnoToResult(ESRCH)) return true;  // it was quicker than the last signal
     if (result == zym::ZYM_E_ACCESS_DENIED)
-      throw Failure(What() + ": needs CAP_KILL, as it belongs to another user: run as root");
+      throw Failure(What() + ": needs CAP_KILL, as it belongs to another user: " + Remedy());
     if (result == zym::ZYM_E_INVALID_ARGUMENT && m_pid == 0)
       throw Failure(What() + ": it is the kernel, which no signal ends");
     Require(result, What());
@@ -66,13 +68,6 @@ class Target {
 
  private:
   [[nodiscard]] std::string What() const { return "cannot end process " + std::to_string(m_pid); }
-
-  // An interrupt while the module waits ends pmhost as it ends any program: the signal that was sent stays
-  // sent, and no other one follows.
-  zym::result_t EndAndWait(std::uint32_t milliseconds) {
-    const RunLimits::Unblocked unblocked;
-    return m_control->TerminateAndWait(milliseconds);
-  }
 
   // The same process is still in /proc, alive or not.
   bool IsListed(qor::procfs::Stat& stat) const {

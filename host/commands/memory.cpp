@@ -215,6 +215,7 @@ std::optional<std::uint64_t> ParseMemoryNumber(const std::string& text) {
 }
 
 void ShowMemory(const GlobalOptions& global, const MemoryOptions& options) {
+  if (options.read) RunLimits::BlockSignals();
   Host host(global);
   const zym::intrusive_ptr<IProcessMemory> memory = MemoryOf(host, options.pid);
   if (options.read)

@@ -19,12 +19,16 @@ bool HasNetAdmin() {
 
 }  // namespace
 
+void NetlinkSource::RequireRight() {
+  if (!HasNetAdmin())
+    throw Failure("cannot watch processes: the kernel's proc connector needs CAP_NET_ADMIN: run as root");
+}
+
 NetlinkSource::NetlinkSource(
     const zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2>& interceptor,
     std::uint32_t type)
     : m_type(type) {
-  if (!HasNetAdmin())
-    throw Failure("cannot watch processes: the kernel's proc connector needs CAP_NET_ADMIN: run as root");
+  RequireRight();
   Require(zym::QueryInterface(interceptor, m_control.Ref()), "the interceptor cannot be controlled");
   Require(m_control->EnableNonBlockingInterceptor(m_type),
           "cannot watch processes: the kernel's proc connector cannot be used (--trace 300 says why)");

@@ -11,6 +11,9 @@ namespace pmhost {
 // On from construction to destruction. Throws Failure, with the right that is missing.
 class NetlinkSource {
  public:
+  // Throws Failure without the right; nothing is begun.
+  static void RequireRight();
+
   NetlinkSource(const zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2>& interceptor,
                 std::uint32_t type);
   ~NetlinkSource();

@@ -67,7 +67,7 @@ void ShowOs(const GlobalOptions& global) {
   writer.WriteLine("version      " + info.version);
   writer.WriteLine("description  " + info.description);
   writer.WriteLine("kernel       " + kernel);
-  writer.WriteLine(std::string("kind         ") + (workstation ? "workstation" : "server"));
+  writer.WriteLine(std::string("workstation  ") + (workstation ? "yes" : "no, a server"));
   writer.Finish();
 }
 

@@ -117,10 +117,12 @@ class Filters {
 }  // namespace
 
 void Watch(const GlobalOptions& global, const WatchOptions& options) {
+  RunLimits::BlockSignals();
   Host host(global);
   RunLimits limits(options.seconds);
   LineWriter writer(STDOUT_FILENO);
   auto printer = global.json ? MakeJsonPrinter() : MakeColumnPrinter(writer.Width());
+  NetlinkSource::RequireRight();
   if (const std::string_view heading = printer->Heading(); !heading.empty()) writer.WriteLine(heading);
 
   const auto handler =
@@ -131,6 +133,7 @@ void Watch(const GlobalOptions& global, const WatchOptions& options) {
   const NetlinkSource source(host.GetInterceptor(), type);
   if (::isatty(STDERR_FILENO) == 1) std::fputs("pmhost: watching; end with Ctrl-C\n", stderr);
   limits.Wait();
+  const RunLimits::Unblocked aSecondSignalEndsItAtOnce;  // a reader that stands still would hold it up
   handler->Drain();
   writer.Finish();
 }

@@ -1,7 +1,5 @@
 #include "process_manager/application_manager.h"
 
-#include <cstdint>
-
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"
 
@@ -13,10 +11,9 @@ using zym::trace::kFailure;
 
 }  // namespace
 
-zym::result_t ApplicationManager::CreateApplication(const ApplicationId& id, Priority priority,
+zym::result_t ApplicationManager::CreateApplication(const ApplicationId& id, Priority /*priority*/,
                                                     IApplication** application) try {
-  ZYM_TRACE(GetTracer(), kCall,
-            __PRETTY_FUNCTION__ << " id: " << id << ", priority: " << static_cast<std::uint32_t>(priority));
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   auto created = zym::CreateObject<Application>(GetServiceLocator());
   {
     const std::scoped_lock lock(m_mutex);
@@ -29,14 +26,14 @@ zym::result_t ApplicationManager::CreateApplication(const ApplicationId& id, Pri
 }
 
 zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) try {
-  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " id: " << id);
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   decltype(m_applications)::node_type deleted;
   {
     const std::scoped_lock lock(m_mutex);
     deleted = m_applications.extract(id);
   }
   if (deleted.empty()) {
-    ZYM_TRACE(GetTracer(), kFailure, __PRETTY_FUNCTION__ << " id: " << id);
+    ZYM_TRACE(GetTracer(), kFailure, __PRETTY_FUNCTION__);
     return zym::ZYM_E_NOT_FOUND;
   }
   return zym::ZYM_OK;
@@ -45,7 +42,7 @@ zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) try
 }
 
 zym::result_t ApplicationManager::OpenApplication(const ApplicationId& id, IApplication** application) try {
-  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " id: " << id);
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   const std::scoped_lock lock(m_mutex);
   const auto found = m_applications.find(id);
   if (found == m_applications.end()) return zym::ZYM_E_NOT_FOUND;

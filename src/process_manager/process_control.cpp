@@ -107,6 +107,7 @@ bool ProcessControl::IsExcludedBySettings(const NativePath& imagePath) const {
   zym::intrusive_ptr<IPathMatcher> matcher;
   ZYM_CHECK_RESULT_OR_THROW(factory->CreatePathMatcher(settings.excludedProcesses, matcher.Ref()),
                             "Cannot create path matcher");
+  ZYM_CHECK_RESULT_OR_THROW(matcher ? zym::ZYM_OK : zym::ZYM_E_NO_INTERFACE, "Cannot create path matcher");
   return matcher->Match(imagePath) == zym::ZYM_OK;
 }
 

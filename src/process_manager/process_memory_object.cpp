@@ -71,6 +71,8 @@ PidType PidOf(IProcessControl* control) {
   zym::intrusive_ptr<IProcessInformation> information;
   ZYM_CHECK_RESULT_OR_THROW(control->GetInformation(information.Ref()),
                             "Couldn't obtain IProcessInformation interface");
+  ZYM_CHECK_RESULT_OR_THROW(information ? zym::ZYM_OK : zym::ZYM_E_NO_INTERFACE,
+                            "Couldn't obtain IProcessInformation interface");
   system_interceptors::process_manager::ProcessInformation record;
   ZYM_CHECK_RESULT_OR_THROW(information->GetInformation(record), "Couldn't obtain information about process");
   ZYM_CHECK_RESULT_OR_THROW(record.pid != 0 ? zym::ZYM_OK : zym::ZYM_E_INVALID_ARGUMENT,

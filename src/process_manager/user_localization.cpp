@@ -43,17 +43,17 @@ void ProcessUserLocalizationProvider::FinalRelease() {
 
 zym::result_t ProcessUserLocalizationProvider::GetProcessUserLocalization(
     process_id_t pid, zym::types::string16_t& localization) try {
-  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " pid: " << pid);
+  ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   zym::intrusive_ptr<procfs::IParser> procfsParser;
   ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(GetServiceLocator(), procfsParser.Ref()));
   const std::string language = LanguageOf(*procfsParser, pid);
   if (language.empty()) {
-    ZYM_TRACE(GetTracer(), kCall, __func__ << ": Cannot get localization for " << pid << ", use default");
+    ZYM_TRACE(GetTracer(), kCall, "Cannot get localization for " << pid << ", use default");
     localization = m_defaultLocalization;
     return zym::ZYM_OK;
   }
   localization.assign(language.begin(), language.end());  // ASCII
-  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- localization: " << language);
+  ZYM_TRACE(GetTracer(), kCall, "localization: " << language);
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);

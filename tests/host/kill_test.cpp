@@ -19,6 +19,8 @@
 #include "host/process_list.h"
 #include "host/run_pmhost.h"
 #include "support/actor.h"
+#include "support/temp_directory.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -255,28 +257,17 @@ TEST(PmhostKill, ControlCharactersAreShownAndNotSent) {
 
 // --- an interrupt ------------------------------------------------------------------------------------------
 
-std::string Field(pid_t pid, const std::string& name) {
-  std::ifstream status("/proc/" + Text(pid) + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.starts_with(name + ":")) return line.substr(line.find_last_of(" \t") + 1);
-  return "0";
-}
-
-// It blocks the two signals before it loads the module, and takes them again while it waits.
-bool Waits(const Pmhost& pmhost) {
-  std::ifstream maps("/proc/" + Text(pmhost.Pid()) + "/maps");
-  const std::string text(std::istreambuf_iterator<char>(maps), {});
-  const bool blocked = (std::stoull(Field(pmhost.Pid(), "SigBlk"), nullptr, 16) & 1ULL << (SIGINT - 1)) != 0;
-  return text.find("libprocess_manager") != std::string::npos && !blocked;
-}
-
 TEST(PmhostKill, AnInterruptEndsTheWaitAndForcesNothing) {
   for (const int signal : {SIGINT, SIGTERM}) {
     Victim victim({"ignore", "15"});
-    Pmhost pmhost({"kill", Text(victim.Pid()), "--wait", kLong});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!Waits(pmhost) && std::chrono::steady_clock::now() < deadline) ::usleep(1000);
-    ASSERT_TRUE(Waits(pmhost));
+    const test_support::TempDirectory directory;
+    const std::string trace = directory.Path() + "/trace";
+    Pmhost pmhost({"--trace", "800", "--trace-file", trace, "kill", Text(victim.Pid()), "--wait", kLong});
+    ASSERT_TRUE(test_support::Eventually([&] {
+      std::ifstream file(trace);
+      const std::string text(std::istreambuf_iterator<char>(file), {});
+      return text.find("Kill() signo=15") != std::string::npos;
+    }));
     pmhost.Kill(signal);
     EXPECT_EQ(pmhost.Wait(), 128 + signal);
     EXPECT_TRUE(victim.Lives());

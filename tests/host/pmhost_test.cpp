@@ -1,22 +1,60 @@
 // pmhost as a person and a script use it.
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
+
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "host/run_pmhost.h"
+#include "support/actor.h"
+#include "support/child.h"
 #include "support/temp_directory.h"
+#include "support/threads.h"
 
 namespace {
 
+using host_tests::Finished;
 using host_tests::Pmhost;
 using rapidjson::Document;
+using test_support::Child;
+using test_support::Eventually;
+
+// A thread of the process sleeps in a write(2) to standard output: /proc/<pid>/syscall in proc(5), which
+// tells the call of a thread that doesn't run.
+bool IsHeldUp(pid_t pid) {
+  std::error_code error;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    std::ifstream file(task.path() / "syscall");
+    std::string text;
+    if (std::getline(file, text) && text.starts_with(std::to_string(SYS_write) + " 0x1 ")) return true;
+  }
+  return false;
+}
+
+// Of the first thread, by SigBlk in proc(5).
+bool Blocks(pid_t pid, int signal) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::uint64_t blocked = 0;
+  for (std::string word; status >> word;)
+    if (word == "SigBlk:") status >> std::hex >> blocked;
+  return (blocked >> (signal - 1) & 1) != 0;
+}
 
 TEST(Pmhost, BadUsageExitsWithTwo) {
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--no-such-option"},
                                                     {"no-such-command"},
                                                     {"watch", "--for", "soon"},
+                                                    {"watch", "--for", "nan"},
+                                                    {"watch", "--for", "inf"},
+                                                    {"watch", "--for", "-1"},
+                                                    {"watch", "--count", "1e3"},
                                                     {"--trace", "1"},
                                                     {"watch", "--count", "0"},
                                                     {"--exclude-process", "bin/sh", "os"},
@@ -109,6 +147,40 @@ TEST(Pmhost, OptionsComeFromAConfigurationFileToo) {
   Pmhost missing({"--config", "/no/such/file.ini", "os"});
   EXPECT_EQ(missing.Wait(), 2);
   ::unlink(path.c_str());
+}
+
+TEST(Pmhost, AnUnknownOptionInAConfigurationFileIsNotPassedOver) {
+  const test_support::TempDirectory directory;
+  const Finished run({"--config", directory.Write("pmhost.ini", "exclude-proces = [\"sshd\"]\n"), "os"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.errors.find("exclude-proces"), std::string::npos) << run.errors;
+}
+
+TEST(Pmhost, AnOptionThatMayBeRepeatedLeavesTheArgumentsOfTheCommandAlone) {
+  const Finished run({"show", "--json", "--exclude-process", "no such program", "--feature", "none", "1"});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_NE(run.output.find("\"pid\":1,"), std::string::npos);
+}
+
+// A reader that stands still holds up what is to be delivered, and with it the end.
+TEST(Pmhost, ACommandThatIsHeldUpByItsReaderIsEndedByASignal) {
+  const Child child = Child::Shell("/bin/sh", {std::string(1 << 16, 'x')});  // its line fills the pipe
+  Pmhost pmhost({"ps", "--json"});
+  ASSERT_TRUE(Eventually([&] { return IsHeldUp(pmhost.Pid()); }));
+  pmhost.Kill(SIGTERM);
+  EXPECT_EQ(pmhost.Wait(), 128 + SIGTERM);
+}
+
+TEST(PmhostWatch, ASecondSignalEndsOneThatIsHeldUpByItsReader) {
+  PMHOST_NEEDS_ROOT();
+  Pmhost pmhost({"watch", "--json"});
+  const test_support::Actor storm({"storm", "0"});
+  ASSERT_TRUE(Eventually([&] { return IsHeldUp(pmhost.Pid()); }));
+  ASSERT_TRUE(Blocks(pmhost.Pid(), SIGTERM));
+  pmhost.Kill(SIGTERM);
+  ASSERT_TRUE(Eventually([&] { return !Blocks(pmhost.Pid(), SIGTERM); }));
+  pmhost.Kill(SIGTERM);
+  EXPECT_EQ(pmhost.Wait(), 128 + SIGTERM);
 }
 
 TEST(Pmhost, FeaturesTellTheProcConnector) {

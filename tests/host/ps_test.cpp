@@ -198,12 +198,14 @@ TEST(PmhostPs, TwentyRunsInAStormFailNeverAndTellNothingByHalves) {
   std::set<pid_t> inPart;
   for (const auto& [pid, process] : ObjectsOf(Finished({"ps", "--json"}).output))
     if (IsToldInPart(process)) inPart.insert(pid);
-  const Actor storms[] = {Actor({"storm", "0"}), Actor({"storm", "0"})};
+  const Actor storms[] = {Actor({"storm", "0"}), Actor({"storm-of-programs"}), Actor({"storm-of-programs"})};
+  int ended = 0;  // soon after they were told
   for (int i = 0; i < 20; ++i) {
     const Finished run({"ps", "--json"});
     ASSERT_EQ(run.status, 0) << run.errors;
     const ProcessObjects processes = ObjectsOf(run.output);
-    EXPECT_TRUE(processes.contains(storms[0].Pid()));
+    ASSERT_TRUE(processes.contains(storms[0].Pid()));
+    const std::string begin = TextOf(processes.at(storms[0].Pid()), "start_time");
     for (const auto& [pid, process] : processes) {
       SCOPED_TRACE(pid);
       EXPECT_EQ(process.MemberCount(), std::size(kMembers));
@@ -215,8 +217,14 @@ TEST(PmhostPs, TwentyRunsInAStormFailNeverAndTellNothingByHalves) {
       for (const char* name : {"parent_pid", "creator_pid", "session_id", "user_id"})
         EXPECT_TRUE(process[name].IsUint()) << name;
       EXPECT_TRUE(process["flags"].IsArray());
+      const auto isParent = [&](const Actor& storm) { return process["parent_pid"].GetInt() == storm.Pid(); };
+      if (std::ranges::none_of(storms, isParent)) continue;
+      ++ended;
+      EXPECT_TRUE(process["command_line"].IsString());
+      EXPECT_GE(TextOf(process, "start_time"), begin) << "the kernel's time, and not that of a directory";
     }
   }
+  EXPECT_GT(ended, 0) << "the storms blew elsewhere";
 }
 
 TEST(PmhostPs, OnlyProcessesThatCouldNotBeReadAreNotedOnStandardError) {

@@ -109,6 +109,11 @@ TEST(InterfaceOrder, OfTheServicesOfTheHost) {
 
 TEST(InterfaceOrder, OfSettingsAndMatchers) {
   EXPECT_EQ(SlotOf(&IAppSettingsProvider::GetSettings), 4U) << "the first isn't called";
+  EXPECT_EQ(SlotOf(&IQorProcessSuspender::SuspendProcess), 3U);
+  EXPECT_EQ(SlotOf(&IQorProcessSuspender::ReleaseProcess), 4U);
+  EXPECT_EQ(SlotOf(&IQorProcessSuspender::ReadMemory), 5U);
+  EXPECT_EQ(SlotOf(&IQorProcessSuspender::Start), 6U);
+  EXPECT_EQ(SlotOf(&IQorProcessSuspender::Stop), 7U);
   EXPECT_EQ(SlotOf(&IPathMatcherFactory::CreateMountMatcher), 7U) << "the fifth operation";
   EXPECT_EQ(SlotOf(&IPathMatcherFactory::CreatePathMatcher), 10U) << "the eighth";
   EXPECT_EQ(SlotOf(&IPathMatcher::Match), 3U);
@@ -178,6 +183,7 @@ TEST(InterfaceNumbers, AreThoseThatHostAndModuleKnow) {
       {procfs::IParser::kIid, 0xc9b36ad4},
       {system_interceptors::process_manager::IProcessManager::kIid, 0x476789db},
       {IAppSettingsProvider::kIid, 0x345e2eb8},
+      {IQorProcessSuspender::kIid, 0xdd65aa6a},
       {IPathMatcherFactory::kIid, 0x38514cf7},
       {zym::IMetaInfoProvider::kIid, 0xa53230cb},
       {zym::IStructMetaInfoRegistry::kIid, 0xfe7da4e6},

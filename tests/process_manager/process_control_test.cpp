@@ -156,13 +156,14 @@ struct Need {
   const char* text;
   void (*fail)(ProcessObjectsParser&, test_support::FakeHost&, test_support::FakeAppSettingsProvider&,
                test_support::FakePathMatcherFactory&);
+  zym::result_t code = zym::ZYM_E_LOCKED;
 };
 
 class ProcessControlNeeds : public ProcessControlTest, public testing::WithParamInterface<Need> {};
 
 TEST_P(ProcessControlNeeds, WhatFailsIsNamedAndItsCodeGiven) {
   GetParam().fail(*m_parser, *m_host, *m_settings, *m_matchers);
-  EXPECT_EQ(CodeOfMaking(), zym::ZYM_E_LOCKED);
+  EXPECT_EQ(CodeOfMaking(), GetParam().code);
   EXPECT_TRUE(Traced(300, GetParam().text));
 }
 
@@ -181,6 +182,8 @@ INSTANTIATE_TEST_SUITE_P(
              [](auto&, auto& host, auto&, auto&) { host.locator->FailWith(0x345e2eb8, zym::ZYM_E_LOCKED); }},
         Need{"TheMatcher", "Cannot create path matcher",
              [](auto&, auto&, auto&, auto& matchers) { matchers.result = zym::ZYM_E_LOCKED; }},
+        Need{"AMatcherBesideTheSuccess", "Cannot create path matcher",
+             [](auto&, auto&, auto&, auto& matchers) { matchers.givesNone = true; }, zym::ZYM_E_NO_INTERFACE},
         Need{"TheMatcherFactory", "Cannot create path matcher",
              [](auto&, auto& host, auto&, auto&) { host.locator->FailWith(0x38514cf7, zym::ZYM_E_LOCKED); }}),
     [](const auto& need) { return need.param.name; });
@@ -499,9 +502,9 @@ TEST_F(ProcessControlTest, IoCountersAreThoseOfTheSystemCalls) {
   EXPECT_EQ(counters.readBytes, 1U);
   EXPECT_EQ(counters.writeBytes, 2U);
   EXPECT_EQ(counters.otherBytes, 0U);
-  EXPECT_TRUE(
-      m_host->tracer->Has("ProcessControl::GetIoCounters("
-                          "system_interceptors::process_manager::ProcessIoCounters&)"));
+  EXPECT_TRUE(m_host->tracer->Has(800,
+                                  "ProcessControl::GetIoCounters("
+                                  "system_interceptors::process_manager::ProcessIoCounters&)"));
 }
 
 TEST_F(ProcessControlTest, TheLayoutsOfTheRecordsAreThoseOfTheInterface) {

@@ -73,6 +73,7 @@ TEST_F(ProcessManagerTest, GivesTheControlOfAPid) {
   EXPECT_EQ(RecordOf(*information).pid, kPid);
   const std::string text = m_host->tracer->Find("ProcessManager::GetControl(");
   EXPECT_TRUE(text.ends_with(" pid: 77")) << text;
+  EXPECT_TRUE(m_host->tracer->Has(800, text));
 }
 
 TEST_F(ProcessManagerTest, GivesTheControlOfAUniquePid) {
@@ -84,6 +85,7 @@ TEST_F(ProcessManagerTest, GivesTheControlOfAUniquePid) {
   EXPECT_EQ(RecordOf(*information).uniquePid, uniquePid);
   const std::string text = m_host->tracer->Find("ProcessManager::GetControlByUniqueId(");
   EXPECT_TRUE(text.ends_with(" uniqueId: " + std::to_string(uniquePid) + " (200)")) << text;
+  EXPECT_TRUE(m_host->tracer->Has(800, text));
 }
 
 TEST_F(ProcessManagerTest, EnumeratesAllProcesses) {

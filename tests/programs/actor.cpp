@@ -9,6 +9,7 @@
 #include <linux/sched.h>
 #include <pthread.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -184,6 +185,21 @@ void Storm(std::uint32_t count) {
   }
 }
 
+// Other programs that live for a moment, eight at a time, without end.
+[[noreturn]] void StormOfPrograms() {
+  char program[] = "/bin/sleep";
+  char argument[] = "0.02";
+  char* arguments[] = {program, argument, nullptr};
+  for (;;) {
+    pid_t children[8];
+    for (pid_t& child : children) {
+      errno = ::posix_spawn(&child, program, nullptr, nullptr, arguments, nullptr);
+      Check(errno == 0, "posix_spawn");
+    }
+    for (const pid_t child : children) Check(::waitpid(child, nullptr, 0) == child, "waitpid");
+  }
+}
+
 std::uint32_t Number(const char* text) {
   return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
 }
@@ -218,6 +234,8 @@ const Step kSteps[] = {
      }},
     {"storm", 1, "so many children that end at once, one after the other; without end for 0",
      [](char** argument) { Storm(Number(*argument)); }},
+    {"storm-of-programs", 0, "children that become /bin/sleep for 20 ms, eight at a time, without end",
+     [](char**) { StormOfPrograms(); }},
     {"kernel-thread", 0, "start a thread of the kernel that lives as long as this process; print its pid",
      [](char**) { StartKernelThread(); }},
     {"user", 1, "all three user ids",

@@ -54,11 +54,12 @@ class FakePathMatcherFactory : public zym::object::Ifaces<qor::IPathMatcherFacto
     return Refuse();
   }
   zym::result_t CreatePathMatcher(const qor::PathList& patterns, qor::IPathMatcher** matcher) override {
-    if (ZYM_SUCCEEDED(result)) *matcher = zym::CreateObject<FakePathMatcher>(patterns).Detach();
+    if (ZYM_SUCCEEDED(result) && !givesNone) *matcher = zym::CreateObject<FakePathMatcher>(patterns).Detach();
     return result;
   }
 
   zym::result_t result = zym::ZYM_OK;
+  bool givesNone = false;  // and says that it did
 
  private:
   static zym::result_t Refuse() { return zym::ZYM_E_NOT_IMPLEMENTED; }

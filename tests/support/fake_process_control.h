@@ -23,14 +23,15 @@ class FakeProcessInformation
 
 class FakeProcessControl : public zym::object::Ifaces<system_interceptors::process_manager::IProcessControl> {
  public:
-  // `objectResult`: of asking for the information object; `recordResult`: of asking that for its record.
+  // `objectResult`: of asking for the information object, which is given with ZYM_OK alone; `recordResult`:
+  // of asking that for its record.
   explicit FakeProcessControl(qor::PidType pid, zym::result_t objectResult = zym::ZYM_OK,
                               zym::result_t recordResult = zym::ZYM_OK)
       : m_pid(pid), m_objectResult(objectResult), m_recordResult(recordResult) {}
 
   zym::result_t GetInformation(
       system_interceptors::process_manager::IProcessInformation** information) override {
-    if (ZYM_SUCCEEDED(m_objectResult))
+    if (m_objectResult == zym::ZYM_OK)
       *information = zym::CreateObject<FakeProcessInformation>(m_pid, m_recordResult).Detach();
     return m_objectResult;
   }

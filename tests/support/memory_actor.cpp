@@ -132,10 +132,12 @@ std::vector<std::uint8_t> ReadMemFile(std::uint32_t pid, std::uint64_t address, 
   const qor::UniqueFd file(::open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) throw std::runtime_error("cannot open the memory of " + std::to_string(pid));
   std::vector<std::uint8_t> bytes(size);
+  // Not pread(2), which refuses addresses of the upper half before the file is asked.
+  if (::lseek64(file.Get(), static_cast<off64_t>(address), SEEK_SET) == -1 && address != ~std::uint64_t{0})
+    return {};
   std::size_t done = 0;
   while (done < size) {
-    const ssize_t count =
-        ::pread64(file.Get(), bytes.data() + done, size - done, static_cast<off64_t>(address + done));
+    const ssize_t count = ::read(file.Get(), bytes.data() + done, size - done);
     if (count <= 0) break;
     done += static_cast<std::size_t>(count);
   }

@@ -25,7 +25,7 @@ struct StartupData {
 struct IStartupDataProvider : zym::IObject {
   static constexpr zym::iid_t kIid = 0xa26c8413;
 
-  // Valid and unchanged while the provider lives.
+  // Never null; valid and unchanged while the provider lives.
   virtual const StartupData* GetStartupData() = 0;
 
  protected:
