@@ -83,7 +83,7 @@ void IO::Close(int fd) const noexcept {
   ZYM_TRACE(GetTracer(), kFailure, "~IO: (fd: " << fd << ") close: " << ::strerror(error));
 }
 
-// --- zym::IIO ---------------------------------------------------------------------------------------------
+// --- zym::IIO ---
 
 zym::result_t IO::Read(void* data, std::uint32_t size, std::uint32_t& done) {
   ZYM_TRACE(GetTracer(), kCall, "Read() size: " << size << " (fd: " << m_fd << ")");
@@ -163,8 +163,7 @@ zym::result_t IO::Flush() {
   return zym::ZYM_OK;
 }
 
-// --- zym::IAccessModeController
-// -----------------------------------------------------------------------------
+// --- zym::IAccessModeController ---
 
 zym::result_t IO::GetAccessMode(mode::Type& current) const {
   current = m_accessMode;
@@ -215,8 +214,7 @@ zym::result_t IO::ReopenWith(mode::Type wanted) {
   return zym::ZYM_OK;
 }
 
-// --- zym::IPropertyBag
-// --------------------------------------------------------------------------------------
+// --- zym::IPropertyBag ---
 
 zym::result_t IO::Get(zym::propid_t id, zym::types::variant_t* value) const try {
   ZYM_TRACE(GetTracer(), kCall,
@@ -260,8 +258,7 @@ bool IO::IsDeleteOnClose() const {
   return marked != nullptr && *marked;
 }
 
-// --- removal
-// ------------------------------------------------------------------------------------------------
+// --- removal ---
 
 zym::result_t IO::RemoveFile() const {
   const NativePath& nativePath = m_path;
@@ -303,8 +300,7 @@ zym::result_t IO::RemoveInForeignNamespace(const NativePath& filename) const {
                            "Cannot remove '" << filename << "' in ns=" << m_nsId);
 }
 
-// --- zym::IFileDescriptor
-// -----------------------------------------------------------------------------------
+// --- zym::IFileDescriptor ---
 
 zym::result_t IO::GetPathImpl(NativePath& path) const {
   return tools::GetDescriptorPath(m_fd, path);

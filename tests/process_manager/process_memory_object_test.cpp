@@ -69,7 +69,7 @@ class ProcessMemoryTest : public testing::Test {
   zym::intrusive_ptr<FakeProcessSuspender> m_suspender = zym::CreateObject<FakeProcessSuspender>();
 };
 
-// --- creation ----------------------------------------------------------------------------------------------
+// --- creation ---
 
 TEST_F(ProcessMemoryTest, EachStepOfCreationFailsWithATextOfItsOwn) {
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_E_LOCKED)),
@@ -114,7 +114,7 @@ TEST_F(ProcessMemoryTest, LivesInTheHostsMemoryAndKeepsItsControl) {
   control->Release();
 }
 
-// --- a process that must be stopped ------------------------------------------------------------------------
+// --- a process that must be stopped ---
 
 TEST_F(ProcessMemoryTest, IsSuspendedFromItsCreationToItsLastRelease) {
   auto memory = Create(kNobody, true);
@@ -179,7 +179,7 @@ TEST_F(ProcessMemoryTest, AReadThatNeedsASuspenderWhichIsNotThereFails) {
   EXPECT_EQ(m_suspender->calls, Calls()) << "nothing is released that wasn't stopped";
 }
 
-// --- reads -------------------------------------------------------------------------------------------------
+// --- reads ---
 
 class ProcessMemoryReads : public ProcessMemoryTest {
  protected:
@@ -369,7 +369,7 @@ TEST_F(ProcessMemoryReads, AnyOtherExceptionIsTracedAsUnknown) {
   EXPECT_TRUE(m_host.tracer->Has(300, "Couldn't read memory file " + MemPath() + ": Unknown error :("));
 }
 
-// --- the snapshot ------------------------------------------------------------------------------------------
+// --- the snapshot ---
 
 TEST_F(ProcessMemoryTest, TheSnapshotNeverChanges) {
   const auto memory = Create(kNobody);

@@ -179,7 +179,7 @@ TEST_F(TraceTest, AThrowingCheckCarriesTheCodeAndTheMessage) {
   EXPECT_THROW(ZYM_CHECK_OR_THROW(1 == 2, "no"), CheckFailedException);
 }
 
-// --- prefixes ---------------------------------------------------------------------------------------------
+// --- prefixes ---
 
 TEST_F(TraceTest, APrefixStandsBeforeEachRecord) {
   const auto prefixed = trace::WithPrefix(m_tracer, "NetlinkInterceptor");
