@@ -75,7 +75,8 @@ TEST_F(ProcessMemoryTest, EachStepOfCreationFailsWithATextOfItsOwn) {
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_E_LOCKED)),
             "Expression failed. Couldn't obtain IProcessInformation interface: 0x8000004f (Locked)");
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_FALSE)),
-            "Expression failed. Couldn't obtain IProcessInformation interface: 0x80000001 (Interface not supported)")
+            "Expression failed. Couldn't obtain IProcessInformation interface: 0x80000001 (Interface not "
+            "supported)")
       << "a success without an object is none";
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_OK, zym::ZYM_E_LOCKED)),
             "Expression failed. Couldn't obtain information about process: 0x8000004f (Locked)");
