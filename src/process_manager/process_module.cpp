@@ -51,7 +51,8 @@ zym::result_t ProcessModuleInfoBase::GetSize(std::uint64_t& size) const {
 
 zym::result_t ProcessModuleInfoBase::GetInformation(ProcessModuleInformation& information) const try {
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
-  information = {.imagePath = zym::RequireUtf16(Facts().path), .baseAddress = Facts().base, .size = Facts().size};
+  information = {
+      .imagePath = zym::RequireUtf16(Facts().path), .baseAddress = Facts().base, .size = Facts().size};
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), "GetInformation");
