@@ -359,6 +359,16 @@ TEST_F(FeatureTechsAggregatorTest, AScopedTechIsRegisteredForAsLongAsItLives) {
   EXPECT_EQ(Report(), (Table{{8, {}}}));
 }
 
+TEST_F(FeatureTechsAggregatorTest, OfTwoScopedTechsOfOneTechnologyTheFirstToEndUnregistersIt) {
+  {
+    const ScopedTech mark(m_locator.get(), m_tracer.get(), 8, 1);
+    { const ScopedTech other(m_locator.get(), m_tracer.get(), 8, 1); }
+    EXPECT_EQ(Report(), (Table{{8, {}}})) << "technologies are not counted";
+    EXPECT_FALSE(m_tracer->Has(300, "UnregisterTech"));
+  }
+  EXPECT_TRUE(m_tracer->Has(300, "Attempt to unregister non-registered tech"));
+}
+
 TEST_F(FeatureTechsAggregatorTest, AScopedTechWithoutAnAggregatorThrows) {
   m_locator->FailWith(IFeatureTechsAggregator::kIid, zym::ZYM_E_NO_INTERFACE);
   try {
