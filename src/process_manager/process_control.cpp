@@ -208,6 +208,7 @@ bool ProcessControl::WaitForExit(unsigned timeout) const {
   for (unsigned looks = 0;;) {
     const int error = m_surroundings.exists(path) == 0 ? -1 : errno;
     if (error == EINTR) continue;
+    // No errno of access(2) has a code of success; one that came to have it would mean an end, too.
     if (error != -1) return error == ENOENT || ZYM_SUCCEEDED(zym::ErrnoToResult(error));
     const bool last = ++looks > steps;
     if (!last || steps == 0) SleepOneStep();

@@ -64,6 +64,8 @@ IO::IO(zym::IServiceLocator* locator, int fd, int directoryFd, ino_t namespaceId
       m_availableMode(m_accessMode),
       m_autoClose(autoClose) {}
 
+// Where a record names a whole operation, here and below, the text is written out: compilers differ in how
+// they print the names of types.
 IO::~IO() {
   ZYM_TRACE(GetTracer(), kCall, "virtual qor::IO::~IO() (fd: " << m_fd << ")");
   try {
@@ -206,7 +208,7 @@ zym::result_t IO::ReopenWith(mode::Type wanted) {
   ZYM_CHECK(GetTracer(), newFd != -1, error == ETXTBSY ? zym::ZYM_E_LOCKED : zym::ZYM_E_UNSPECIFIED,
             "Cannot reopen, fd: " << m_fd << ": " << ::strerror(error));
 
-  // The numbers stand in place of the names because the trace prints the expressions.
+  // Numbers stand in place of the names because the trace prints the expressions, and its texts are fixed.
   static_assert(SEEK_SET == 0 && O_CLOEXEC == 02000000);
   ZYM_CHECK(GetTracer(), ::lseek(newFd, off, 0) != -1, zym::ZYM_E_UNSPECIFIED, "Cannot reseek, fd: " << m_fd);
   ZYM_CHECK(GetTracer(), ::dup3(newFd, m_fd, 02000000) != -1, zym::ZYM_E_UNSPECIFIED,
