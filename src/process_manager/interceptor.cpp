@@ -40,7 +40,7 @@ Interceptor::~Interceptor() {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
 }
 
-// --- filters ----------------------------------------------------------------------------------------------
+// --- filters ---
 
 zym::result_t Interceptor::GetOfflineLog() {
   ZYM_TRACE(GetTracer(), kWarning,
@@ -168,7 +168,7 @@ zym::result_t Interceptor::GetFilterStatus(std::uint32_t filterId, bool* enabled
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// --- sources ----------------------------------------------------------------------------------------------
+// --- sources ---
 
 zym::result_t Interceptor::EnableNonBlockingInterceptor(std::uint32_t type) try {
   const std::scoped_lock lock(m_mutex);

@@ -225,7 +225,7 @@ zym::result_t ProcParser::GetDescriptors(PidType pid, std::vector<unsigned int>&
   ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
             "Cannot open " << path.c_str() << ": " << std::strerror(error));
   while (const dirent* const entry = ::readdir(dir.get())) {
-    char* end = nullptr;
+    char* end = nullptr;  // the kernel's names are numbers of type int, beside "." and ".."
     const long fd = std::strtol(entry->d_name, &end, 10);
     if (end != entry->d_name && *end == '\0') fds.push_back(static_cast<unsigned int>(fd));
   }
@@ -236,8 +236,10 @@ zym::result_t ProcParser::GetDescriptors(PidType pid, std::vector<unsigned int>&
 
 zym::result_t ProcParser::GetDescriptorInfo(PidType pid, unsigned int fd, DescriptorInfo& info) try {
   char path[4096];
-  std::snprintf(path, sizeof(path), "%s%zu/fd/%d", GetProcfsRoot().c_str(), std::size_t{pid},
-                static_cast<int>(fd));
+  const int length = std::snprintf(path, sizeof(path), "%s%zu/fd/%d", GetProcfsRoot().c_str(),
+                                   std::size_t{pid}, static_cast<int>(fd));
+  // A path that is cut would name another descriptor.
+  if (length < 0 || static_cast<std::size_t>(length) >= sizeof(path)) return zym::ZYM_E_UNSPECIFIED;
   struct stat status {};
   if (::stat(path, &status) != 0) return zym::ZYM_E_UNSPECIFIED;
   info = {.inode = status.st_ino, .fileType = FileTypeOf(status.st_mode)};

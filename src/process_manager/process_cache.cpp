@@ -106,7 +106,7 @@ void ProcessCache::ReportSize() {
   m_metrics.size->Set(static_cast<std::int64_t>(m_live.Size()));
 }
 
-// --- the pieces
+// --- the pieces ---
 
 std::string ProcessCache::Describe(const ProcessInformation& info) const {
   return DescribeProcess(info, m_tracerCategoryFilter.get());
@@ -181,7 +181,7 @@ void ProcessCache::Bury(Entry& entry) {
   m_live.Erase(entry.pid);
 }
 
-// --- questions
+// --- questions ---
 
 bool ProcessCache::Get(pid_t pid, ProcessInformation& info) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() pid: " << pid);

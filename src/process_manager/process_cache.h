@@ -53,7 +53,7 @@ class ProcessCache : public zym::object::Ifaces<IProcessInfoProvider, IEventInfo
                ProcessCacheSurroundings surroundings = ProcessCacheSurroundings::Real());
   ~ProcessCache();
 
-  // Throws zym::datetime::TimeSystemError when the process ended at a time that the platform can't hold.
+  // What Get and Update throw, IProcessInfoProvider says.
   bool Get(pid_t pid, ProcessInformation& info) override;
   bool GetByUniquePid(UniquePidType uniquePid, ProcessInformation& info) override;
   void Update(ProcessInformation& info) override;

@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <typeinfo>
 #include <utility>
 
 #include "process_manager/app_settings.h"
@@ -40,12 +39,6 @@ zym::intrusive_ptr<IProcessInformation> MakeInformation(zym::IServiceLocator* lo
   zym::CheckResultFailedException failure(__FILE__, __LINE__, zym::ExceptionToResult(nullptr));
   failure << ". Cannot get informatio for process " << key;  // the word is meant to be spelled so
   std::throw_with_nested(std::move(failure));
-}
-
-NativePath ToUtf8(std::u16string_view text) {
-  std::optional<std::string> result = zym::Utf16ToUtf8(text);
-  if (!result) throw std::bad_cast();
-  return std::move(*result);
 }
 
 // Whole seconds, for the division comes first; that is meant.
@@ -87,7 +80,7 @@ ProcessControl::ProcessControl(zym::IServiceLocator* locator, By<Key> by,
     m_attributeFlags = kInvisibleProcess;
     return;
   }
-  const NativePath path = ToUtf8(record.imagePath);
+  const NativePath path = zym::RequireUtf8(record.imagePath);
   if (IsExcludedBySettings(path)) {
     ZYM_TRACE(GetTracer(), kCall,
               __func__ << ": is invisible: process '" << path << "' excluded by settings");
@@ -215,6 +208,7 @@ bool ProcessControl::WaitForExit(unsigned timeout) const {
   for (unsigned looks = 0;;) {
     const int error = m_surroundings.exists(path) == 0 ? -1 : errno;
     if (error == EINTR) continue;
+    // No errno of access(2) has a code of success; one that came to have it would mean an end, too.
     if (error != -1) return error == ENOENT || ZYM_SUCCEEDED(zym::ErrnoToResult(error));
     const bool last = ++looks > steps;
     if (!last || steps == 0) SleepOneStep();

@@ -50,8 +50,9 @@ class ProcessInformation
  private:
   enum ReadLevel : std::uint8_t { kBase = 0, kFull = 1, kAdditional = 2 };
 
-  // The record of the cache; its environment goes by a name of its own in the trace, too.
-  struct Info : process_cache::ProcessInformation {
+  // The record of the cache; its environment goes by a name of its own in the trace, too. A copy's name would
+  // still mean the environment of the original.
+  struct Info : process_cache::ProcessInformation, zym::NonCopyable {
     const zym::types::vector_t<zym::types::string_t>& m_environmentVariables = environment;
   };
 

@@ -40,6 +40,8 @@ zym::result_t ProcessMemoryFactory::FinalConstruct() try {
   return zym::ExceptionInFunctionToResult(GetTracer(), "FinalConstruct");
 }
 
+// After a FinalConstruct that failed, too: a suspender that was had and didn't start is stopped all the same.
+// That is meant: whether its start left something behind, the suspender knows best.
 void ProcessMemoryFactory::FinalRelease() {
   if (!m_suspender) return;
   if (!ZYM_SUCCEEDED(m_suspender->Stop()))

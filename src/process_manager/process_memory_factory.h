@@ -29,7 +29,8 @@ class ProcessMemoryFactory
   explicit ProcessMemoryFactory(zym::IServiceLocator* locator, ProcessMemoryFactorySurroundings surroundings =
                                                                    ProcessMemoryFactorySurroundings::Real());
 
-  // The code of a suspender that is needed and can't be had, or not started.
+  // The code of a suspender that is needed and can't be had, or not started. One that can't be started is
+  // stopped, as FinalRelease runs then as well.
   zym::result_t FinalConstruct();
   void FinalRelease();
 

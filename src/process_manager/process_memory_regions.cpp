@@ -1,9 +1,6 @@
 #include "process_manager/process_memory_regions.h"
 
-#include <optional>
 #include <stdexcept>
-#include <typeinfo>
-#include <utility>
 
 #include "zym/exception.h"
 #include "zym/exception_to_result.h"
@@ -73,9 +70,7 @@ zym::result_t QueryMappedFilePath(zym::ITracer* tracer, const procfs::Maps& maps
   ProcessMemoryRegionInformation region;
   ZYM_CHECK_RESULT_OR_THROW(QueryRegion(tracer, maps, address, region),
                             "Failed to query memory region at address" << address);
-  std::optional<zym::types::string16_t> text = zym::Utf8ToUtf16(MappingAt(maps, region.baseAddress).path);
-  if (!text) throw std::bad_cast();
-  path = std::move(*text);
+  path = zym::RequireUtf16(MappingAt(maps, region.baseAddress).path);
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(tracer, "QueryMappedFilePath");

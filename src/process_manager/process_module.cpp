@@ -1,8 +1,5 @@
 #include "process_manager/process_module.h"
 
-#include <optional>
-#include <typeinfo>
-
 #include "process_manager/process_memory_regions.h"
 #include "zym/exception.h"
 #include "zym/exception_to_result.h"
@@ -16,12 +13,6 @@ using zym::trace::kCall;
 
 ProcessModuleFacts FactsOf(const procfs::MapsEntry& entry) {
   return {.path = entry.path, .base = entry.begin, .size = entry.end - entry.begin};
-}
-
-zym::types::string16_t ToUtf16(const NativePath& path) {
-  std::optional<zym::types::string16_t> text = zym::Utf8ToUtf16(path);
-  if (!text) throw std::bad_cast();
-  return std::move(*text);
 }
 
 }  // namespace
@@ -40,7 +31,7 @@ ByAddressModuleInfoProvider::ByAddressModuleInfoProvider(zym::IServiceLocator* l
 
 zym::result_t ProcessModuleInfoBase::GetImagePath(zym::types::string16_t& path) const try {
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
-  path = ToUtf16(Facts().path);
+  path = zym::RequireUtf16(Facts().path);
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), "GetImagePath");
@@ -60,7 +51,8 @@ zym::result_t ProcessModuleInfoBase::GetSize(std::uint64_t& size) const {
 
 zym::result_t ProcessModuleInfoBase::GetInformation(ProcessModuleInformation& information) const try {
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
-  information = {.imagePath = ToUtf16(Facts().path), .baseAddress = Facts().base, .size = Facts().size};
+  information = {
+      .imagePath = zym::RequireUtf16(Facts().path), .baseAddress = Facts().base, .size = Facts().size};
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), "GetInformation");

@@ -28,12 +28,6 @@ std::shared_ptr<const zym::types::string16_t> Share(zym::types::string16_t text)
   return std::make_shared<const zym::types::string16_t>(std::move(text));
 }
 
-zym::types::string16_t ToUtf16(std::string_view text) {
-  std::optional<zym::types::string16_t> result = zym::Utf8ToUtf16(text);
-  if (!result) throw std::bad_cast();
-  return std::move(*result);
-}
-
 // What is found out about the program that a process runs.
 struct Image {
   NativePath path;
@@ -121,8 +115,8 @@ zym::result_t GetProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs, PidT
 
   // What can fail comes before the first field: a failure leaves the record as it came.
   const zym::datetime_t startTime = zym::datetime::FromUnixSeconds(stat.directoryChangeTime);
-  zym::types::string16_t workingDirectory = ToUtf16(cwd);
-  zym::types::string16_t imagePath = ToUtf16(image.path);
+  zym::types::string16_t workingDirectory = zym::RequireUtf16(cwd);
+  zym::types::string16_t imagePath = zym::RequireUtf16(image.path);
   auto commandLine = Share(std::move(image.commandLine));
 
   pinfo.pid = stat.pid;

@@ -59,6 +59,8 @@ zym::result_t EventFdDescriptorNotifier::Reset() {
 }
 
 PipeDescriptorNotifier::PipeDescriptorNotifier(bool inheritable) {
+  // Not pipe2(2), which the C libraries that this kind is for have no more than eventfd(2): glibc got it one
+  // version later. Until the flags are set a child that another thread starts inherits the ends.
   int ends[2];
   if (::pipe(ends) != 0) BOOST_THROW_EXCEPTION(LastError("Creation of pipe failed"));
   m_read.Reset(ends[0]);

@@ -46,6 +46,8 @@ zym::result_t FeatureTechsAggregator::RegisterFeature(std::uint32_t feature) try
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
+// A technology is there or not, however often it was registered: the first to unregister it takes it away for
+// all. That is meant.
 zym::result_t FeatureTechsAggregator::RegisterTech(std::uint32_t feature, std::uint32_t tech) try {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << FeatureName(feature) << ", " << TechName(tech));
   const std::scoped_lock lock(m_mutex);

@@ -64,6 +64,8 @@ IO::IO(zym::IServiceLocator* locator, int fd, int directoryFd, ino_t namespaceId
       m_availableMode(m_accessMode),
       m_autoClose(autoClose) {}
 
+// Where a record names a whole operation, here and below, the text is written out: compilers differ in how
+// they print the names of types.
 IO::~IO() {
   ZYM_TRACE(GetTracer(), kCall, "virtual qor::IO::~IO() (fd: " << m_fd << ")");
   try {
@@ -83,7 +85,7 @@ void IO::Close(int fd) const noexcept {
   ZYM_TRACE(GetTracer(), kFailure, "~IO: (fd: " << fd << ") close: " << ::strerror(error));
 }
 
-// --- zym::IIO ---------------------------------------------------------------------------------------------
+// --- zym::IIO ---
 
 zym::result_t IO::Read(void* data, std::uint32_t size, std::uint32_t& done) {
   ZYM_TRACE(GetTracer(), kCall, "Read() size: " << size << " (fd: " << m_fd << ")");
@@ -163,8 +165,7 @@ zym::result_t IO::Flush() {
   return zym::ZYM_OK;
 }
 
-// --- zym::IAccessModeController
-// -----------------------------------------------------------------------------
+// --- zym::IAccessModeController ---
 
 zym::result_t IO::GetAccessMode(mode::Type& current) const {
   current = m_accessMode;
@@ -207,7 +208,7 @@ zym::result_t IO::ReopenWith(mode::Type wanted) {
   ZYM_CHECK(GetTracer(), newFd != -1, error == ETXTBSY ? zym::ZYM_E_LOCKED : zym::ZYM_E_UNSPECIFIED,
             "Cannot reopen, fd: " << m_fd << ": " << ::strerror(error));
 
-  // The numbers stand in place of the names because the trace prints the expressions.
+  // Numbers stand in place of the names because the trace prints the expressions, and its texts are fixed.
   static_assert(SEEK_SET == 0 && O_CLOEXEC == 02000000);
   ZYM_CHECK(GetTracer(), ::lseek(newFd, off, 0) != -1, zym::ZYM_E_UNSPECIFIED, "Cannot reseek, fd: " << m_fd);
   ZYM_CHECK(GetTracer(), ::dup3(newFd, m_fd, 02000000) != -1, zym::ZYM_E_UNSPECIFIED,
@@ -215,8 +216,7 @@ zym::result_t IO::ReopenWith(mode::Type wanted) {
   return zym::ZYM_OK;
 }
 
-// --- zym::IPropertyBag
-// --------------------------------------------------------------------------------------
+// --- zym::IPropertyBag ---
 
 zym::result_t IO::Get(zym::propid_t id, zym::types::variant_t* value) const try {
   ZYM_TRACE(GetTracer(), kCall,
@@ -260,8 +260,7 @@ bool IO::IsDeleteOnClose() const {
   return marked != nullptr && *marked;
 }
 
-// --- removal
-// ------------------------------------------------------------------------------------------------
+// --- removal ---
 
 zym::result_t IO::RemoveFile() const {
   const NativePath& nativePath = m_path;
@@ -303,8 +302,7 @@ zym::result_t IO::RemoveInForeignNamespace(const NativePath& filename) const {
                            "Cannot remove '" << filename << "' in ns=" << m_nsId);
 }
 
-// --- zym::IFileDescriptor
-// -----------------------------------------------------------------------------------
+// --- zym::IFileDescriptor ---
 
 zym::result_t IO::GetPathImpl(NativePath& path) const {
   return tools::GetDescriptorPath(m_fd, path);

@@ -8,7 +8,8 @@ namespace qor::procfs {
 namespace {
 
 std::string FindProcfsRoot() {
-  const char* const other = std::getenv("VORN_HOST_PROCFS");
+  // Not from whom a set-user-id program was started by: what is read here decides whom the module trusts.
+  const char* const other = ::secure_getenv("VORN_HOST_PROCFS");
   if (other == nullptr || *other == '\0' || ::access(other, F_OK) != 0) return "/proc/";
   std::string root = other;
   if (!root.ends_with('/')) root += '/';

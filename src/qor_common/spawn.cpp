@@ -83,8 +83,7 @@ bool IsExecutableFile(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && ::access(path.c_str(), X_OK) == 0;
 }
 
-// --- async-signal-safe from here on: it runs between fork and execve
-// ------------------------------------------
+// --- async-signal-safe from here on: it runs between fork and execve ---
 
 // By a direct system call, so that no handler of pthread_atfork(3) runs in a process with threads. `signal`
 // is what the parent gets at the child's end.
@@ -197,8 +196,7 @@ void SetIds(const Plan& plan) {
   ::_Exit(0);
 }
 
-// --- the parent
-// -----------------------------------------------------------------------------------------------
+// --- the parent ---
 
 zym::result_t WaitFor(pid_t child) {
   int status = 0;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "zym/hash.h"
+
 namespace zym {
 namespace {
 
@@ -18,13 +20,6 @@ std::string ResultInHexadecimal(std::uint64_t value) {
   return "0x" + Hexadecimal(static_cast<std::uint32_t>(value), 8);
 }
 
-// The key is the hash of the name (FNV-1a), so that two properties of one name compare by one number.
-std::uint32_t KeyOf(std::string_view name) {
-  std::uint32_t key = 2166136261U;
-  for (const char c : name) key = (key ^ static_cast<unsigned char>(c)) * 16777619U;
-  return key;
-}
-
 types::string16_t ToUtf16(std::string_view text) {
   return Utf8ToUtf16(text).value_or(types::string16_t(u"<invalid UTF-8>"));
 }
@@ -33,7 +28,7 @@ types::string16_t ToUtf16(std::string_view text) {
 
 Property::Property(std::string_view name, Type type, std::variant<std::uint64_t, std::string> value)
     : m_nameLength(std::min(name.size(), kMaxNameLength)),
-      m_key(KeyOf(name)),
+      m_key(HashOf(name)),  // so that two properties of one name compare by one number
       m_type(type),
       m_value(std::move(value)) {
   std::memcpy(m_name.data(), name.data(), m_nameLength);

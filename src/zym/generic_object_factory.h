@@ -9,7 +9,8 @@ namespace zym {
 
 inline constexpr std::string_view kConstructionPrefix = "Exception during object construction: ";
 
-// A root of an object that takes its services from somewhere, or from nowhere.
+// Says, in the name of a factory's type, where the object takes its services from: a factory from nowhere. It
+// has no content.
 template <class Strategy>
 class ObjectRootEx : private Strategy {};
 

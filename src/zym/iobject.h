@@ -8,17 +8,16 @@
 #include <cstdint>
 #include <string_view>
 
+#include "zym/hash.h"
 #include "zym/result.h"
 
 namespace zym {
 
 using iid_t = std::uint32_t;
 
-// Interface ids that the interfaces' authors left open: FNV-1a (32 bits) over the interface's qualified name.
+// Interface ids that the interfaces' authors left open: the hash of the interface's qualified name.
 consteval iid_t IidOf(std::string_view qualifiedName) {
-  std::uint32_t hash = 2166136261U;
-  for (const char c : qualifiedName) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
-  return hash;
+  return HashOf(qualifiedName);
 }
 
 struct NonCopyable {

@@ -68,15 +68,16 @@ struct Ifaces<> : IObject {
 
 }  // namespace object
 
-// The strategies of the object templates.
+// The strategies of the object templates. They have no content, nor have the two tags below: they are there
+// for the names of the types, which symbols, debuggers and __PRETTY_FUNCTION__ show.
 struct LocatorObjectFactory;
 struct SimpleObjectFactory;
 struct NoServiceStrategy {};
-class abi_v2_allocator;
+class abi_v2_allocator;  // says that the memory comes from malloc
 
 namespace detail {
 
-struct ObjectLifetimeBase;
+struct ObjectLifetimeBase;  // says that the object is counted by the module and by its references
 
 class RefCounter {
  public:

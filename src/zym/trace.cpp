@@ -37,13 +37,13 @@ void Record::Commit() noexcept {
 }
 
 Record& Record::operator<<(std::string_view text) noexcept {
-  const std::uint32_t width = std::exchange(m_width, 0);
-  for (std::size_t i = text.size(); i < width; ++i) Append({&m_fill, 1});
+  FillFor(text.size());
   Append(text);
   return *this;
 }
 
 Record& Record::operator<<(std::u16string_view text) noexcept {
+  FillFor(text.size());
   while (!text.empty()) {
     char bytes[4];
     Append({bytes, EncodeUtf8(TakeCodePoint(text).value_or(U'\uFFFD'), bytes)});
@@ -66,6 +66,11 @@ Record& Record::operator<<(Code code) noexcept {
   const std::string_view text = ResultText(code.result);
   if (text != ResultText(-1)) *this << " (" << text << ")";
   return *this;
+}
+
+void Record::FillFor(std::size_t length) noexcept {
+  const std::uint32_t width = std::exchange(m_width, 0);
+  for (std::size_t i = length; i < width; ++i) Append({&m_fill, 1});
 }
 
 void Record::Append(std::string_view text) noexcept {

@@ -31,7 +31,7 @@ struct Code {
   result_t result;
 };
 
-// The width of the next value, filled from the left.
+// The width of the next value, filled from the left. A text counts by its units, bytes or UTF-16 words.
 struct Width {
   std::uint32_t width;
   char fill = ' ';
@@ -112,6 +112,7 @@ class Record {
  private:
   static char* OpenBuffer(ITracer* tracer, std::uint32_t level) noexcept;
   void Commit() noexcept;
+  void FillFor(std::size_t length) noexcept;
   void Append(std::string_view text) noexcept;
   bool Grow(std::uint64_t needed) noexcept;
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <typeinfo>
+#include <utility>
 
 namespace zym {
 namespace {
@@ -137,6 +139,18 @@ std::optional<std::string> Utf16ToUtf8(std::u16string_view text) {
     result.append(bytes, EncodeUtf8(*point, bytes));
   }
   return result;
+}
+
+types::string16_t RequireUtf16(std::string_view text) {
+  std::optional<types::string16_t> result = Utf8ToUtf16(text);
+  if (!result) throw std::bad_cast();
+  return std::move(*result);
+}
+
+std::string RequireUtf8(std::u16string_view text) {
+  std::optional<std::string> result = Utf16ToUtf8(text);
+  if (!result) throw std::bad_cast();
+  return std::move(*result);
 }
 
 }  // namespace zym

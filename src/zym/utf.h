@@ -13,6 +13,10 @@ namespace zym {
 std::optional<types::string16_t> Utf8ToUtf16(std::string_view text);
 std::optional<std::string> Utf16ToUtf8(std::u16string_view text);
 
+// The same, for a caller to whom anything else is a failure: they throw std::bad_cast as well.
+types::string16_t RequireUtf16(std::string_view text);
+std::string RequireUtf8(std::u16string_view text);
+
 // Decodes one code point at the front of `text` and drops it from there. An invalid sequence drops one unit
 // and gives no value. `text` must not be empty.
 std::optional<char32_t> TakeCodePoint(std::string_view& text) noexcept;

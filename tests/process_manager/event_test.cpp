@@ -110,7 +110,7 @@ class EventTest : public testing::Test {
   std::shared_ptr<const EventContext> m_context;
 };
 
-// --- What it says of itself. ------------------------------------------------------------------------------
+// --- What it says of itself. ---
 
 TEST_F(EventTest, ItsInterfacesAreTheEventAndThePropertyBag) {
   const auto event = MakeCreation();
@@ -261,7 +261,7 @@ TEST(EventNames, EachTypeButTheJournalsHasAText) {
   EXPECT_EQ(EventTypeText(0xda30757c), "3660608892");
 }
 
-// --- Completion. ------------------------------------------------------------------------------------------
+// --- Completion. ---
 
 TEST_F(EventTest, AnExitTellsTheCacheWhichMaySkipIt) {
   const auto event = Make(event_type::kExitProcess, MakeInfo());
@@ -303,7 +303,7 @@ TEST_F(EventTest, WhatTheCacheRaisesIsTracedAndLosesTheEvent) {
   EXPECT_TRUE(Has(zym::trace::kFailure, "Complete: no such version"));
 }
 
-// --- Statistics. ------------------------------------------------------------------------------------------
+// --- Statistics. ---
 
 TEST_F(EventTest, TheImageOfANewProcessIsCountedOnceAndTheEventKeepsItsPath) {
   const auto event = MakeCreation();
@@ -408,7 +408,7 @@ TEST_F(EventTest, ACollectorThatRaisesDoesNotLoseTheEvent) {
   m_host.locator->Add(m_host.scanStatistics);
 }
 
-// --- What the listener knows. -----------------------------------------------------------------------------
+// --- What the listener knows. ---
 
 class ExecStringsTest : public EventTest {
  protected:

@@ -155,7 +155,7 @@ class FilterManagerTest : public testing::Test {
   zym::intrusive_ptr<SomeEvent> m_event = zym::CreateObject<SomeEvent>();
 };
 
-// --- Who makes the source run. ----------------------------------------------------------------------------
+// --- Who makes the source run. ---
 
 TEST_F(FilterManagerTest, AFilterWithoutAHandlerStartsNothingAndAttachHandlerThenDoes) {
   EXPECT_EQ(Register(1, {}), zym::ZYM_OK);
@@ -241,7 +241,7 @@ TEST_F(FilterManagerTest, TheStatusOfAnUnknownFilterIsNotFoundAndTheOutputIsLeft
   EXPECT_TRUE(enabled);
 }
 
-// --- Starting and stopping that fail. ---------------------------------------------------------------------
+// --- Starting and stopping that fail. ---
 
 TEST_F(FilterManagerTest, AStartThatFailsIsTracedAndReturnedAndTheFilterStays) {
   m_source->startResult = zym::ZYM_E_ACCESS_DENIED;
@@ -312,7 +312,7 @@ TEST_F(FilterManagerTest, EnableDisableReturnsADisableThatFails) {
   EXPECT_TRUE(m_host.tracer->Has(zym::trace::kFailure, "(DisableFilters(filtersToDisable)),(ZYM_SUCCEEDED("));
 }
 
-// --- Who gets an event. -----------------------------------------------------------------------------------
+// --- Who gets an event. ---
 
 TEST_F(FilterManagerTest, AnEventOfATypeWithNoFilterCallsNobody) {
   const auto handler = zym::CreateObject<Handler>();
@@ -401,7 +401,7 @@ TEST_F(FilterManagerTest, NoLockIsHeldDuringStartStopAndHandlers) {
   EXPECT_EQ(looks, 3);
 }
 
-// --- Removal while handlers run. --------------------------------------------------------------------------
+// --- Removal while handlers run. ---
 
 void FilterManagerTest::ExpectToWaitForTheRunningHandler(const std::function<zym::result_t()>& remove) {
   HeldCall held;
@@ -595,7 +595,7 @@ TEST_F(FilterManagerTest, ManyThreadsSendAndChangeAtOnceAndNoCallOutlivesItsRemo
   EXPECT_EQ(lateCalls, 0);
 }
 
-// --- The blocking table. ----------------------------------------------------------------------------------
+// --- The blocking table. ---
 
 class NoControl : public zym::object::Ifaces<IEventControl> {
  public:

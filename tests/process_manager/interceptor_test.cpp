@@ -88,7 +88,7 @@ class InterceptorTest : public testing::Test {
   zym::intrusive_ptr<Interceptor> m_interceptor;
 };
 
-// --- registration ------------------------------------------------------------------------------------------
+// --- registration ---
 
 TEST_F(InterceptorTest, IdsFollowEachOtherAndARefusedRegistrationLeavesAGap) {
   const std::uint32_t first = Registered(event_type::kCreateProcess);
@@ -191,7 +191,7 @@ TEST_F(InterceptorTest, AFailedStartOfTheSourceIsTheResultOfTheRegistrationWhich
   EXPECT_EQ(Status(id), 1);
 }
 
-// --- filters -----------------------------------------------------------------------------------------------
+// --- filters ---
 
 TEST_F(InterceptorTest, TheStatusOfAFilterFollowsItsChanges) {
   std::uint32_t id = Registered(event_type::kCreateProcess, false);
@@ -328,7 +328,7 @@ TEST_F(InterceptorTest, AnOperationWaitsForAnotherThatWaitsForARunningHandler) {
   EXPECT_EQ(Status(id), -1);
 }
 
-// --- sources -----------------------------------------------------------------------------------------------
+// --- sources ---
 
 TEST_F(InterceptorTest, AFailedStartOfTheNetlinkSourceIsTracedAndReturned) {
   m_host.locator->FailWith(qor::IExecListenerFactory::kIid, zym::ZYM_E_ACCESS_DENIED);
@@ -364,7 +364,7 @@ TEST_F(InterceptorTest, TheReservedOperationDoesNothing) {
   EXPECT_TRUE(m_host.tracer->Records().empty());
 }
 
-// --- the object --------------------------------------------------------------------------------------------
+// --- the object ---
 
 TEST_F(InterceptorTest, ThreeInterfacesShareOnePointerAndTheFourthHasItsOwn) {
   void* const primary = static_cast<facade::IInterceptor2*>(m_interceptor.get());

@@ -147,7 +147,7 @@ TEST_F(MetaInfoRegistryTest, TheListIsReachedThroughItsHelper) {
   EXPECT_EQ(helper.GetCount(list), 0U);
 }
 
-// --- the descriptor's operations, on settings -------------------------------------------------------------
+// --- the descriptor's operations, on settings ---
 
 struct RawMemory {
   alignas(InterceptorSettings) unsigned char bytes[sizeof(InterceptorSettings)];
@@ -214,7 +214,7 @@ TEST_F(MetaInfoRegistryTest, MovesAListWithItsAllocator) {
   EXPECT_EQ(allocator->Live(), 0);
 }
 
-// --- the descriptors of the two small records -------------------------------------------------------------
+// --- the descriptors of the two small records ---
 
 template <class T>
 class FieldDescriptor : public testing::Test {
@@ -274,7 +274,7 @@ TYPED_TEST(FieldDescriptor, EachOwnedValueHasTheTagOfItsKind) {
   EXPECT_EQ(variant_t(variant_t::vector_type(2)).GetTag(), 0x1007U);
 }
 
-// --- the class ---------------------------------------------------------------------------------------------
+// --- the class ---
 
 // Once for the object's memory, and once for the object's own use.
 TEST(MetaInfoRegistry, NeedsTheAllocatorTwice) {

@@ -634,6 +634,21 @@ TEST_F(ProcParserTest, ADescriptorThatIsNotOpenIsAnError) {
   EXPECT_EQ(info.inode, 77U);
 }
 
+TEST(ProcParser, ADescriptorWhosePathIsTooLongIsNotTakenForAnother) {
+  InFreshProcess([] {
+    const TempDirectory tree;
+    tree.Write("77/fd/1", "");
+    std::string root = tree.Path();
+    root.append(PATH_MAX - 1 - root.size() - std::string("77/fd/1").size(), '/');
+    ::setenv("VORN_HOST_PROCFS", root.c_str(), 1);
+    Setting setting;
+    DescriptorInfo info{.inode = 77};
+    EXPECT_EQ(setting.parser->GetDescriptorInfo(77, 12, info), zym::ZYM_E_UNSPECIFIED);
+    EXPECT_EQ(info.inode, 77U);
+    EXPECT_EQ(setting.parser->GetDescriptorInfo(77, 1, info), zym::ZYM_OK) << "this one just fits";
+  });
+}
+
 TEST(ProcParser, ABlockDeviceIsTold) {
   if (!IsRoot()) GTEST_SKIP() << "making a device needs CAP_MKNOD: run as root";
   WithFakeRoot([](FakeRoot& root) {

@@ -10,7 +10,7 @@ namespace {
 
 using ProcessCacheEvents = ProcessCacheTest;
 
-// --- fork
+// --- fork ---
 
 TEST_F(ProcessCacheEvents, AForkIsToldWithTheFirstNumber) {
   const EventInfo create = Fork();
@@ -83,7 +83,7 @@ TEST_F(ProcessCacheEvents, AForkOfAProcessThatIsGoneIsToldWithItsParentsImage) {
   EXPECT_EQ(create.info.startTime, 0) << "not touched by a read that failed";
 }
 
-// --- exec
+// --- exec ---
 
 TEST_F(ProcessCacheEvents, AnExecEndsTheOldImageAndAppendsANewOne) {
   const EventInfo fork = Fork();
@@ -217,7 +217,7 @@ TEST_F(ProcessCacheEvents, AnExecWithNothingToEndThrows) {
   EXPECT_THROW(ReportExec(ReadOf(kChild, kParent, u"/bin/new")), zym::CheckFailedException);
 }
 
-// --- exit
+// --- exit ---
 
 TEST_F(ProcessCacheEvents, AnExitIsToldWithTheTimeOfTheCall) {
   Fork();
@@ -294,7 +294,7 @@ TEST_F(ProcessCacheEvents, AHandledExitDoesNotWaitForTheFirstImage) {
   EXPECT_EQ(Ask(kChild).state, kTerminated);
 }
 
-// --- denial
+// --- denial ---
 
 TEST_F(ProcessCacheEvents, ADeniedProcessGoesOnAsWhatItWasUnderANewUniquePid) {
   const EventInfo fork = Fork();
@@ -378,7 +378,7 @@ TEST_F(ProcessCacheEvents, ADenialThatNobodyAnnouncedThrowsBeforeItChangesAnythi
   EXPECT_EQ(exit.sequence, 2U);
 }
 
-// --- completion of a create event
+// --- completion of a create event ---
 
 TEST_F(ProcessCacheEvents, ACompletedCreationOfAnUnknownProcessIsSkippedAndNotFound) {
   for (const bool update : {false, true}) {
@@ -434,7 +434,7 @@ TEST_F(ProcessCacheEvents, ACompletedCreationOfAnUnknownImageIsNotFoundAndTraced
   EXPECT_TRUE(Traced(zym::trace::kFailure, "(procInfo),(bool) failed: result = false"));
 }
 
-// --- credentials
+// --- credentials ---
 
 TEST_F(ProcessCacheEvents, ChangesOfCredentialsReachTheLastImage) {
   const EventInfo fork = Fork();
@@ -461,7 +461,7 @@ TEST_F(ProcessCacheEvents, ChangesOfCredentialsOfAnUnknownProcessOnlyCountAMiss)
   EXPECT_EQ(LiveSize(), 1);
 }
 
-// --- of all
+// --- of all ---
 
 TEST_F(ProcessCacheEvents, TheTimestampIsTheCallersAndIsKept) {
   EventInfo create;

@@ -18,7 +18,7 @@
 namespace qor::process_manager {
 namespace {
 
-// --- the model
+// --- the model ---
 
 struct ModelVersion {
   std::uint64_t startSequence = 0;
@@ -420,7 +420,7 @@ class Model {
   std::uint64_t m_sequence = 0;
 };
 
-// --- the comparison
+// --- the comparison ---
 
 auto Tie(const Info& info) {
   return std::tie(info.pid, info.creatorPid, info.parentPid, info.uniquePid, info.creatorUniquePid,

@@ -19,7 +19,7 @@
 namespace qor::process_manager {
 namespace {
 
-// --- unique pids
+// --- unique pids ---
 
 std::uint64_t CounterOf(UniquePidType uniquePid) {
   return uniquePid >> 23 & 0x1ff;
@@ -83,7 +83,7 @@ TEST_F(ProcessCacheTest, TheRealSurroundingsTellTheTime) {
   EXPECT_LE(now, zym::datetime::FromUnixSeconds(std::time(nullptr) + 1));
 }
 
-// --- the tables
+// --- the tables ---
 
 TEST_F(ProcessCacheTest, BeginsWithAnEntryForTheKernelThatIsNotReady) {
   EXPECT_EQ(LiveSize(), 1);
@@ -160,7 +160,7 @@ TEST_F(ProcessCacheTest, AnEntryThatIsNotReadyHidesADeadRecord) {
   EXPECT_FALSE(Knows(kChild));
 }
 
-// --- Get
+// --- Get ---
 
 TEST_F(ProcessCacheTest, GetAnswersWithTheLastImage) {
   Fork();
@@ -244,7 +244,7 @@ TEST_F(ProcessCacheTest, TracesHoldSensitiveTextBackUnlessTheFilterAllowsIt) {
   EXPECT_TRUE(m_host->tracer->Has("cmd: x --password=secret, env: TOKEN=secret"));
 }
 
-// --- GetByUniquePid
+// --- GetByUniquePid ---
 
 TEST_F(ProcessCacheTest, AnEarlierImageIsFoundByUniquePidUntilTheEntryGoes) {
   const EventInfo fork = Fork();
@@ -292,7 +292,7 @@ TEST_F(ProcessCacheTest, WhyAUniquePidIsNotFoundIsTraced) {
   }
 }
 
-// --- Update
+// --- Update ---
 
 TEST_F(ProcessCacheTest, AnUpdateTeachesEveryFieldAndGivesTheUniquePids) {
   Info read = ReadOf(kChild, kParent, u"/bin/x");
@@ -353,7 +353,7 @@ TEST_F(ProcessCacheTest, AnUpdateIsTracedWithItsSignatureAndTheRecord) {
   EXPECT_TRUE(Traced(zym::trace::kCall, ") " + DescribeProcess(told, m_host->categoryFilter.get())));
 }
 
-// --- UpdateAdditionalInfo
+// --- UpdateAdditionalInfo ---
 
 TEST_F(ProcessCacheTest, AdditionalInfoReplacesThreeIdsAndTheEnvironment) {
   Info info = Fork().info;
@@ -386,7 +386,7 @@ TEST_F(ProcessCacheTest, AdditionalInfoReachesTheImageThatItNames) {
   EXPECT_EQ(first.environment, info.environment);
 }
 
-// --- failures
+// --- failures ---
 
 class ThrowingCounter : public zym::object::Ifaces<zym::telemetry::ICounter> {
  public:
@@ -457,7 +457,7 @@ TEST_F(ProcessCacheTest, CannotBeMadeWithoutItsMetrics) {
   EXPECT_EQ(source->asked, "process_cache");
 }
 
-// --- metrics
+// --- metrics ---
 
 TEST_F(ProcessCacheTest, EachFindCountsAHitOrAMiss) {
   struct Case {
@@ -570,7 +570,7 @@ TEST_F(ProcessCacheTest, AnswersBothOfItsFaces) {
   EXPECT_EQ(zym::QueryInterface(m_cache, event.Ref()), zym::ZYM_OK);
 }
 
-// --- threads
+// --- threads ---
 
 // One thread reports, as the poll thread does; a second handles the exits, as the dispatcher's does; two ask
 // and teach; one reads the metrics.

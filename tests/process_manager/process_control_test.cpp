@@ -106,7 +106,7 @@ class ProcessControlTest : public ProcessObjectsTest {
   }
 };
 
-// --- construction
+// --- construction ---
 
 TEST_F(ProcessControlTest, KnowsItsProcessFromTheFirstLook) {
   const auto control = Make();
@@ -188,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(
              [](auto&, auto& host, auto&, auto&) { host.locator->FailWith(0x38514cf7, zym::ZYM_E_LOCKED); }}),
     [](const auto& need) { return need.param.name; });
 
-// --- invisible processes
+// --- invisible processes ---
 
 TEST_F(ProcessControlTest, AProcessIsVisibleUnlessSomethingHidesIt) {
   EXPECT_EQ(FlagsOf(*Make()), 0U);
@@ -293,7 +293,7 @@ TEST_F(ProcessControlTest, NoUpdateOfFlagsIsLost) {
   EXPECT_EQ(FlagsOf(*control), 0xff00U);
 }
 
-// --- signals
+// --- signals ---
 
 TEST_F(ProcessControlTest, TerminateSendsSigtermAndDoesNotWait) {
   EXPECT_EQ(Make()->Terminate(), zym::ZYM_OK);
@@ -464,7 +464,7 @@ TEST_F(ProcessControlTest, ARealProcessThatIsGoneGivesTheErrnoOfKill) {
   EXPECT_EQ(static_cast<std::uint32_t>(control->TerminateAndWait(kLong)), 0x80060003U);
 }
 
-// --- counters
+// --- counters ---
 
 TEST_F(ProcessControlTest, TimesAreWholeSecondsForTheDivisionComesFirst) {
   const std::int64_t ticks = ::sysconf(_SC_CLK_TCK);

@@ -56,7 +56,7 @@ class ProcessInformationTest : public ProcessObjectsTest {
   }
 };
 
-// --- where it comes from
+// --- where it comes from ---
 
 TEST_F(ProcessInformationTest, IsAskedOfTheCacheFirst) {
   Learn(ReadOf(kPid, 5, u"/bin/cached"));
@@ -148,7 +148,7 @@ TEST_F(ProcessInformationTest, APidOfAllOnesIsInvalid) {
   EXPECT_EQ(CodeOfMaking(kNoPid, true), zym::ZYM_E_INVALID_ARGUMENT);
 }
 
-// --- how much
+// --- how much ---
 
 TEST_F(ProcessInformationTest, NotFullReadsNoCredentialsAndNoEnvironment) {
   const auto information = Make(kPid);
@@ -279,7 +279,7 @@ TEST_F(ProcessInformationTest, ACacheThatTakesNoMoreOfAHitIsAFailure) {
   }
 }
 
-// --- what fails
+// --- what fails ---
 
 TEST_F(ProcessInformationTest, AServiceThatIsMissingIsNamed) {
   const struct {
@@ -344,7 +344,7 @@ TEST_F(ProcessInformationTest, WithoutAnyKeyItIsABadOptionalAccess) {
   EXPECT_THROW(zym::CreateObject<WithoutKey>(Locator()), std::bad_optional_access);
 }
 
-// --- what it says
+// --- what it says ---
 
 TEST_F(ProcessInformationTest, TracesWhereItComesFrom) {
   Make(kPid);
@@ -498,7 +498,7 @@ TEST_F(ProcessInformationTest, TellsTheMountNamespace) {
   }
 }
 
-// --- what it is
+// --- what it is ---
 
 TEST_F(ProcessInformationTest, NothingChangesAfterConstruction) {
   const auto information = Make(kPid);

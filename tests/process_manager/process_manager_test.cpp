@@ -111,7 +111,7 @@ TEST_F(ProcessManagerTest, AnEnumeratorIsOfUseWhenItsManagerHasBeenReleased) {
   EXPECT_EQ(RecordOf(*information).pid, kPid);
 }
 
-// --- failures
+// --- failures ---
 
 struct Getter {
   const char* name;

@@ -69,13 +69,14 @@ class ProcessMemoryTest : public testing::Test {
   zym::intrusive_ptr<FakeProcessSuspender> m_suspender = zym::CreateObject<FakeProcessSuspender>();
 };
 
-// --- creation ----------------------------------------------------------------------------------------------
+// --- creation ---
 
 TEST_F(ProcessMemoryTest, EachStepOfCreationFailsWithATextOfItsOwn) {
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_E_LOCKED)),
             "Expression failed. Couldn't obtain IProcessInformation interface: 0x8000004f (Locked)");
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_FALSE)),
-            "Expression failed. Couldn't obtain IProcessInformation interface: 0x80000001 (Interface not supported)")
+            "Expression failed. Couldn't obtain IProcessInformation interface: 0x80000001 (Interface not "
+            "supported)")
       << "a success without an object is none";
   EXPECT_EQ(FailureOf(*zym::CreateObject<FakeProcessControl>(kNobody, zym::ZYM_OK, zym::ZYM_E_LOCKED)),
             "Expression failed. Couldn't obtain information about process: 0x8000004f (Locked)");
@@ -114,7 +115,7 @@ TEST_F(ProcessMemoryTest, LivesInTheHostsMemoryAndKeepsItsControl) {
   control->Release();
 }
 
-// --- a process that must be stopped ------------------------------------------------------------------------
+// --- a process that must be stopped ---
 
 TEST_F(ProcessMemoryTest, IsSuspendedFromItsCreationToItsLastRelease) {
   auto memory = Create(kNobody, true);
@@ -179,7 +180,7 @@ TEST_F(ProcessMemoryTest, AReadThatNeedsASuspenderWhichIsNotThereFails) {
   EXPECT_EQ(m_suspender->calls, Calls()) << "nothing is released that wasn't stopped";
 }
 
-// --- reads -------------------------------------------------------------------------------------------------
+// --- reads ---
 
 class ProcessMemoryReads : public ProcessMemoryTest {
  protected:
@@ -369,7 +370,7 @@ TEST_F(ProcessMemoryReads, AnyOtherExceptionIsTracedAsUnknown) {
   EXPECT_TRUE(m_host.tracer->Has(300, "Couldn't read memory file " + MemPath() + ": Unknown error :("));
 }
 
-// --- the snapshot ------------------------------------------------------------------------------------------
+// --- the snapshot ---
 
 TEST_F(ProcessMemoryTest, TheSnapshotNeverChanges) {
   const auto memory = Create(kNobody);

@@ -219,7 +219,7 @@ TEST_F(SystemEventsFactoryTest, TheCreationIsTracedWithItsKind) {
       m_host.tracer->Has(zym::trace::kCall, "SystemEventsFactory::process fork fake event: " + process));
 }
 
-// --- The image. -------------------------------------------------------------------------------------------
+// --- The image. ---
 
 TEST_F(SystemEventsFactoryTest, WithoutADescriptorThereIsNoImage) {
   EXPECT_FALSE(ImageOf(Create({})));
@@ -273,7 +273,7 @@ TEST_F(SystemEventsFactoryTest, TheListenerIsAskedWithTheDescriptorOfTheImage) {
   EXPECT_EQ(listener->questions[0].fd, static_cast<std::uint32_t>(DescriptorOf(ImageOf(event))));
 }
 
-// --- Images of other mount namespaces. --------------------------------------------------------------------
+// --- Images of other mount namespaces. ---
 
 class ForeignImageTest : public SystemEventsFactoryTest {
  protected:

@@ -191,7 +191,7 @@ TEST_F(FeatureTechsAggregatorTest, TheResultDoesNotDependOnTheTraceLevel) {
   EXPECT_TRUE(m_tracer->Records().empty());
 }
 
-// --- Report. ----------------------------------------------------------------------------------------------
+// --- Report. ---
 
 TEST_F(FeatureTechsAggregatorTest, ReportTracesItsBeginningAndItsEnd) {
   Report();
@@ -277,7 +277,7 @@ TEST_F(FeatureTechsAggregatorTest, SettingsThatCannotBeReadMeanNoAep) {
   EXPECT_TRUE(m_tracer->Has(300, "Cannot get settings for 'scan' task"));
 }
 
-// --- The lock. --------------------------------------------------------------------------------------------
+// --- The lock. ---
 
 TEST_F(FeatureTechsAggregatorTest, TheHostMayCallTheTableWhileItIsAsked) {
   m_values->onAsked = [this] { EXPECT_EQ(m_aggregator->RegisterTech(8, 1), zym::ZYM_OK); };
@@ -336,7 +336,7 @@ TEST_F(FeatureTechsAggregatorTest, ManyThreadsKeepTheTableWhole) {
   EXPECT_EQ(Report(), (Table{{8, {}}}));
 }
 
-// --- The object and the scoped mark. ----------------------------------------------------------------------
+// --- The object and the scoped mark. ---
 
 TEST_F(FeatureTechsAggregatorTest, IsFoundByItsInterfaceId) {
   void* found = nullptr;
@@ -357,6 +357,16 @@ TEST_F(FeatureTechsAggregatorTest, AScopedTechIsRegisteredForAsLongAsItLives) {
     EXPECT_EQ(Report(), (Table{{8, {1}}}));
   }
   EXPECT_EQ(Report(), (Table{{8, {}}}));
+}
+
+TEST_F(FeatureTechsAggregatorTest, OfTwoScopedTechsOfOneTechnologyTheFirstToEndUnregistersIt) {
+  {
+    const ScopedTech mark(m_locator.get(), m_tracer.get(), 8, 1);
+    { const ScopedTech other(m_locator.get(), m_tracer.get(), 8, 1); }
+    EXPECT_EQ(Report(), (Table{{8, {}}})) << "technologies are not counted";
+    EXPECT_FALSE(m_tracer->Has(300, "UnregisterTech"));
+  }
+  EXPECT_TRUE(m_tracer->Has(300, "Attempt to unregister non-registered tech"));
 }
 
 TEST_F(FeatureTechsAggregatorTest, AScopedTechWithoutAnAggregatorThrows) {

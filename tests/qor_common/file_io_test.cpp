@@ -89,8 +89,7 @@ class FileIo : public testing::Test {
   int m_fd = -1;
 };
 
-// --- the object
-// -----------------------------------------------------------------------------------------------
+// --- the object ---
 
 TEST_F(FileIo, GivesItsInterfacesById) {
   Open(O_RDONLY);
@@ -157,8 +156,7 @@ TEST_F(FileIo, AConstructorThatThrowsLeavesTheDescriptorToTheCaller) {
   EXPECT_TRUE(IsOpen(file.Get()));
 }
 
-// --- the stream
-// -----------------------------------------------------------------------------------------------
+// --- the stream ---
 
 TEST_F(FileIo, ReadsOnAtItsOwnOffset) {
   IO& io = Open(O_RDONLY);
@@ -274,8 +272,7 @@ TEST_F(FileIo, ACallOnADescriptorClosedUnderfootGivesItsErrno) {
             "");
 }
 
-// --- the access mode
-// ------------------------------------------------------------------------------------------
+// --- the access mode ---
 
 TEST_F(FileIo, BeginsWithTheModeOfTheDescriptor) {
   const struct {
@@ -408,8 +405,7 @@ TEST_F(FileIo, EachStepOfAChangeMayFail) {
   EXPECT_EQ(change(SYS_dup3, std::nullopt, "::dup3(newFd, m_fd, 02000000) != -1", "Cannot dup back, "), "");
 }
 
-// --- properties
-// -----------------------------------------------------------------------------------------------
+// --- properties ---
 
 TEST_F(FileIo, OtherPropertiesGoToTheMap) {
   IO& io = Open(O_RDONLY);
@@ -434,8 +430,7 @@ TEST_F(FileIo, TheDescriptorIsAProperty) {
   EXPECT_EQ(Int(io, 0x30c02001), m_fd);
 }
 
-// --- removal
-// --------------------------------------------------------------------------------------------------
+// --- removal ---
 
 TEST_F(FileIo, DeleteOnCloseRemovesTheFileInTheEnd) {
   IO& io = Open(O_RDONLY);
@@ -601,8 +596,7 @@ TEST_F(FileIo, AnotherMountNamespaceNeedsTheHostsProvider) {
   m_host.locator->Remove(IRootFdProvider::kIid);
 }
 
-// --- the file behind
-// ------------------------------------------------------------------------------------------
+// --- the file behind ---
 
 TEST_F(FileIo, TellsItsPath) {
   IO& io = Open(O_RDONLY);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "process_manager/types.h"
+#include "qor_common/gained_rights.h"
 #include "support/child_process.h"
 
 namespace qor::tools {
@@ -175,6 +176,16 @@ TEST_F(ValgrindCheck, OnMakesNoThread) {
 
 TEST_P(ValgrindCheck, AnyOtherValueChangesNothing) {
   EXPECT_EXIT(ExitByResult(GetParam(), zym::ErrnoToResult(EAGAIN)), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ValgrindCheck, IsNotTakenFromTheStarterOfAProgramWithMoreRights) {
+  if (test_support::HasGainedRights()) {
+    EXPECT_STREQ(std::getenv("QOR_VALGRIND_CHECK"), "ON");
+    EXPECT_EQ(UnlinkInNamespace(-1, AT_FDCWD, "/none"), zym::ErrnoToResult(EBADF));
+    return;
+  }
+  if (::geteuid() != 0) GTEST_SKIP() << "changing the group needs root";
+  test_support::RunAgainWithGainedRights("QOR_VALGRIND_CHECK", "ON");
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, ValgrindCheck, testing::Values("on", "1", "OFF", "ON ", ""));

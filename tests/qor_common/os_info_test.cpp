@@ -262,7 +262,7 @@ TEST_F(OsInfoTest, OfThisMachineSaysTheSameAsItsOsReleaseFile) {
   EXPECT_EQ(info.name, line.substr(std::strlen("NAME=")));
 }
 
-// --- Hostile files. ---------------------------------------------------------------------------------------
+// --- Hostile files. ---
 
 TEST_F(OsInfoTest, HostileFilesEndInTheAnswerOfUname) {
   std::string allBytes(256, '\0');
@@ -315,7 +315,7 @@ TEST_F(OsInfoTest, ADirectoryOrALoopInPlaceOfAFileIsAReadFailure) {
   EXPECT_TRUE(m_tracer->Has(PathOf("/etc/lsb-release") + "': error: " + std::strerror(ELOOP)));
 }
 
-// --- uname. -----------------------------------------------------------------------------------------------
+// --- uname. ---
 
 TEST_F(OsInfoTest, FailsOnlyWhenUnameFails) {
   OsInfo info{.name = "untouched", .version = {}, .description = {}};
@@ -376,7 +376,7 @@ TEST(KernelVersion, ComparesByMajorThenMinorThenPatchThenBuild) {
     EXPECT_LT(ParseKernelRelease(ascending[i - 1]), ParseKernelRelease(ascending[i])) << ascending[i];
 }
 
-// --- Workstation or server. -------------------------------------------------------------------------------
+// --- Workstation or server. ---
 
 const std::vector<std::string> kBrowsers = {"chrome",  "chromium",      "chromium-browser",
                                             "firefox", "firefox-esr",   "google-chrome",

@@ -157,8 +157,7 @@ TEST_F(OpenLongPathTest, APathWithANulOpensNothing) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-// --- another process's files
-// ----------------------------------------------------------------------------------
+// --- another process's files ---
 
 class ProcessRoot : public testing::Test {
  protected:
@@ -263,8 +262,7 @@ TEST_F(ProcessRoot, APathThatIsNoTextOpensNothing) {
             zym::ZYM_E_UNSPECIFIED);
 }
 
-// --- paths through a root
-// -------------------------------------------------------------------------------------
+// --- paths through a root ---
 
 TEST(ProcRootPath, IsRecognisedAsAWhole) {
   for (const char* const path : {"/proc/1/root/", "/proc/1/root/bin/sh", "/proc/0123456789/root/a\nb"})

@@ -2,8 +2,11 @@
 #include "qor_common/procfs_root.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
+
+#include "qor_common/gained_rights.h"
 
 namespace qor::procfs {
 namespace {
@@ -41,6 +44,16 @@ TEST_F(ProcfsRoot, StaysProcForAPathThatIsMissing) {
 
 TEST_F(ProcfsRoot, StaysProcForAnEmptyValue) {
   EXPECT_EXIT(ExitByRoot("", "/proc/"), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcfsRoot, StaysProcInAProgramWithMoreRightsThanItsStarter) {
+  if (test_support::HasGainedRights()) {
+    EXPECT_STREQ(std::getenv("VORN_HOST_PROCFS"), "/tmp");
+    EXPECT_EQ(GetProcfsRoot(), "/proc/");
+    return;
+  }
+  if (::geteuid() != 0) GTEST_SKIP() << "changing the group needs root";
+  test_support::RunAgainWithGainedRights("VORN_HOST_PROCFS", "/tmp");
 }
 
 }  // namespace

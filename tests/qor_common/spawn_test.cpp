@@ -167,8 +167,7 @@ TEST(SecureDaemonSpawn, TheProgramSurvivesItsStarter) {
   EXPECT_EQ(ReadToEnd(out.read.Get()), "alive\n");
 }
 
-// --- descriptors
-// ----------------------------------------------------------------------------------------------
+// --- descriptors ---
 
 TEST(SecureDaemonSpawn, TheProgramHasTheStandardStreamsAndNothingElse) {
   const UniqueFd low(::open("/dev/zero", O_RDONLY));
@@ -248,8 +247,7 @@ TEST(SecureDaemonSpawn, ADescriptorThatIsNotOpenIsAnInvalidArgument) {
   }
 }
 
-// --- the rest of what it inherits
-// -----------------------------------------------------------------------------
+// --- the rest of what it inherits ---
 
 TEST(SecureDaemonSpawn, NoSignalIsBlockedAndTwoAreIgnored) {
   EXPECT_EQ(
@@ -327,8 +325,7 @@ TEST(SecureDaemonSpawn, ARelativeProgramIsMeantFromTheCallersDirectory) {
             "ran in /\n");
 }
 
-// --- arguments and environment
-// --------------------------------------------------------------------------------
+// --- arguments and environment ---
 
 TEST(SecureDaemonSpawn, PassesArgumentsAndEnvironmentAndNothingElse) {
   ::setenv("OF_THE_STARTER", "1", 1);
@@ -369,8 +366,7 @@ TEST(SecureDaemonSpawn, CutsStringsAt4095Bytes) {
   EXPECT_EQ(Output(context), "A=" + std::string(4093, 'x') + "\nB=" + std::string(4093, 'y') + "\n");
 }
 
-// --- ids
-// ------------------------------------------------------------------------------------------------------
+// --- ids ---
 
 class SpawnIds : public testing::Test {
  protected:
@@ -427,8 +423,7 @@ TEST_F(SpawnIds, ThreadsOfTheStarterDontMatter) {
   other.join();
 }
 
-// --- failures
-// -------------------------------------------------------------------------------------------------
+// --- failures ---
 
 TEST(SecureDaemonSpawn, WhatIsNoExecutableFileIsNotFound) {
   const test_support::TemporaryDirectory directory;

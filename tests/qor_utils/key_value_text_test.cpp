@@ -52,8 +52,7 @@ TEST(VariantToString, ThrowsForAValueWithoutAText) {
   EXPECT_EQ(What(variant_t(string16_t(kLoneSurrogate))), "Invalid UTF-16 in VariantToString");
 }
 
-// --- plain form
-// -----------------------------------------------------------------------------------------------
+// --- plain form ---
 
 TEST(PlainText, IsOneLineForEachField) {
   const std::vector<NamedField> fields = {{"name", Text("value")}, {"pid", variant_t(std::uint32_t{7})}};
@@ -81,8 +80,7 @@ TEST(PlainText, AValueThatCantBeReadIsCorrupted) {
   EXPECT_EQ(ToPlainText(fields), "a=<CORRUPTED>\nb=<CORRUPTED>\nc=fine");
 }
 
-// --- quoted form
-// ----------------------------------------------------------------------------------------------
+// --- quoted form ---
 
 TEST(QuotedText, IsOnePairForEachField) {
   const std::vector<NamedField> fields = {{"name", Text("value")}, {"pid", variant_t(std::uint32_t{7})}};

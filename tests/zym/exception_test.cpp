@@ -67,7 +67,7 @@ TEST(Property, CarriesItsTypeInATagAndCutsALongName) {
   EXPECT_NE(Property::Result(0).Key(), Property::SystemError(0).Key());
 }
 
-// --- translation ------------------------------------------------------------------------------------------
+// --- translation ---
 
 class ExceptionToResultTest : public testing::Test {
  protected:

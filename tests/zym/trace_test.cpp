@@ -34,6 +34,15 @@ TEST_F(TraceTest, WritesTextsAndNumbers) {
             "n=7 u=18446744073709551615 i=-1 b=true c=x w=caf\u00e9 \U0001F600 h=ff d=255 f=0.5 z=0007");
 }
 
+TEST_F(TraceTest, AWidthIsForTheNextValueWhateverThatIs) {
+  using trace::Width;
+  const std::u16string_view wide = u"caf\u00e9";
+  ZYM_TRACE(m_tracer, trace::kCall, Width{6, '.'} << wide << 7 << "|" << Width{3} << wide << 7);
+  EXPECT_EQ(Last(), "..caf\u00e97|caf\u00e97") << "the width is used up by the wide text";
+  ZYM_TRACE(m_tracer, trace::kCall, Width{6, '.'} << "cafe" << 7 << "|" << Width{4, '0'} << 7 << 7);
+  EXPECT_EQ(Last(), "..cafe7|00077");
+}
+
 TEST_F(TraceTest, AUtf16TextWithALoneSurrogateIsTracedWithAReplacement) {
   const char16_t lone[] = {u'a', 0xd800, u'b'};
   ZYM_TRACE(m_tracer, trace::kCall, std::u16string_view(lone, 3));
@@ -179,7 +188,7 @@ TEST_F(TraceTest, AThrowingCheckCarriesTheCodeAndTheMessage) {
   EXPECT_THROW(ZYM_CHECK_OR_THROW(1 == 2, "no"), CheckFailedException);
 }
 
-// --- prefixes ---------------------------------------------------------------------------------------------
+// --- prefixes ---
 
 TEST_F(TraceTest, APrefixStandsBeforeEachRecord) {
   const auto prefixed = trace::WithPrefix(m_tracer, "NetlinkInterceptor");

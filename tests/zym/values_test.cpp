@@ -3,11 +3,13 @@
 
 #include <cerrno>
 #include <limits>
+#include <typeinfo>
 
 #include "support/fake_services.h"
 #include "zym/containers.h"
 #include "zym/datetime.h"
 #include "zym/exception.h"
+#include "zym/hash.h"
 #include "zym/property_bag.h"
 #include "zym/utf.h"
 #include "zym/variant.h"
@@ -68,11 +70,23 @@ TEST(Variant, AMoveLeavesTheSourceEmptyAndReleasesNothingTwice) {
   object->Release();
 }
 
+// The published vectors of FNV-1a, and the two users of the one hash.
+TEST(Hash, IsTheOneByWhichInterfacesAndPropertiesAreNumbered) {
+  EXPECT_EQ(HashOf(""), 0x811c9dc5U);
+  EXPECT_EQ(HashOf("a"), 0xe40c292cU);
+  EXPECT_EQ(HashOf("foobar"), 0xbf9cf968U);
+  EXPECT_EQ(HashOf("\xff"), (0x811c9dc5U ^ 0xffU) * 0x01000193U) << "bytes above 127 are not negative";
+  EXPECT_EQ(IidOf("foobar"), 0xbf9cf968U);
+  EXPECT_EQ(Property::Unsigned("foobar", 0).Key(), 0xbf9cf968U);
+}
+
 TEST(Utf, ConvertsBothWays) {
   for (const char* text : {"", "plain", "caf\u00e9", "\u20ac", "\U0001F600 and \U0010FFFF"}) {
     const auto wide = Utf8ToUtf16(text);
     ASSERT_TRUE(wide) << text;
     EXPECT_EQ(Utf16ToUtf8(*wide), text);
+    EXPECT_EQ(RequireUtf16(text), *wide);
+    EXPECT_EQ(RequireUtf8(*wide), text);
   }
 }
 
@@ -93,14 +107,20 @@ TEST(Utf, RefusesWhatIsNotUtf8) {
                                   "\xf8\x88\x80\x80\x80",
                                   "\xff",
                                   "ok then \xe2\x82"};
-  for (const std::string_view text : bad) EXPECT_FALSE(Utf8ToUtf16(text)) << text;
+  for (const std::string_view text : bad) {
+    EXPECT_FALSE(Utf8ToUtf16(text)) << text;
+    EXPECT_THROW(RequireUtf16(text), std::bad_cast) << text;
+  }
 }
 
 TEST(Utf, RefusesLoneSurrogates) {
   const char16_t high[] = {u'a', 0xd83d};
   const char16_t low[] = {0xde00, u'a'};
   const char16_t swapped[] = {0xde00, 0xd83d};
-  for (const auto& text : {high, low, swapped}) EXPECT_FALSE(Utf16ToUtf8({text, 2}));
+  for (const auto& text : {high, low, swapped}) {
+    EXPECT_FALSE(Utf16ToUtf8({text, 2}));
+    EXPECT_THROW(RequireUtf8({text, 2}), std::bad_cast);
+  }
 }
 
 TEST(Datetime, CountsFrom1601) {

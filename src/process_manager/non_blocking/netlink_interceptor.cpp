@@ -120,7 +120,7 @@ zym::result_t NetlinkInterceptor::StopImpl(std::uint32_t type) {
   return zym::ZYM_OK;
 }
 
-// --- the proc connector -----------------------------------------------------------------------------------
+// --- the proc connector ---
 
 zym::result_t NetlinkInterceptor::StartNetlink() try {
   if (m_socket) {
@@ -168,7 +168,7 @@ zym::result_t NetlinkInterceptor::ConfigureNetlinkConnector(bool listen) {
   return m_socket->Configure(GetTracer(), listen);
 }
 
-// --- the poll thread --------------------------------------------------------------------------------------
+// --- the poll thread ---
 
 zym::result_t NetlinkInterceptor::PollTask() noexcept {
   ::prctl(PR_SET_NAME, kThreadName);
@@ -267,7 +267,7 @@ void NetlinkInterceptor::DispatchEvents(Transition& transition) {
   m_dispatcher->Dispatch(events);
 }
 
-// --- the exec listener ------------------------------------------------------------------------------------
+// --- the exec listener ---
 
 zym::intrusive_ptr<IExecListener> NetlinkInterceptor::CopyListener() {
   const std::scoped_lock lock(m_listenerLock);

@@ -29,7 +29,9 @@ class NetlinkSocket final : public IDatagramSource {
 
   [[nodiscard]] int GetDescriptor() const override { return mnl_socket_get_fd(m_socket.get()); }
 
-  // ENOBUFS: the kernel dropped datagrams before this one. ENOSPC: this one is longer than `size`, and lost.
+  // Who sent a datagram needn't be looked at: in this protocol only the kernel and those with CAP_NET_ADMIN
+  // may send to another socket (netlink_sendmsg in net/netlink/af_netlink.c). ENOBUFS: the kernel dropped
+  // datagrams before this one. ENOSPC: this one is longer than `size`, and lost.
   std::int64_t Receive(void* buffer, std::size_t size) override {
     return mnl_socket_recvfrom(m_socket.get(), buffer, size);
   }

@@ -286,7 +286,7 @@ TEST_F(EventDispatcherTest, EventsThatComeWhileTheWorkerRestsAreHandledInTheirOr
   EXPECT_EQ(seen, expected);
 }
 
-// --- The limit. -------------------------------------------------------------------------------------------
+// --- The limit. ---
 
 TEST_F(EventDispatcherTest, TheEventThatFindsTheTotalAtTheLimitIsAcceptedAndBeyondOnlyExitProcess) {
   Create(3);
@@ -323,7 +323,7 @@ TEST_F(EventDispatcherTest, TheEventThatFindsTheTotalAtTheLimitIsAcceptedAndBeyo
   EXPECT_EQ(afterwards->completions, 1);
 }
 
-// --- Who counts. ------------------------------------------------------------------------------------------
+// --- Who counts. ---
 
 TEST_F(EventDispatcherTest, ACpidOf0Or1OrOfThePidItselfTakesNoReference) {
   Create();
@@ -377,7 +377,7 @@ TEST_F(EventDispatcherTest, TheStagesOfAnEventAreTraced) {
           "all: 0"));
 }
 
-// --- Handlers and setters. --------------------------------------------------------------------------------
+// --- Handlers and setters. ---
 
 TEST_F(EventDispatcherTest, ASetterWaitsForTheRunningHandlerAndTheOldFunctionIsNotCalledAgain) {
   Create();
@@ -444,7 +444,7 @@ TEST_F(EventDispatcherTest, AHandlerMayDispatch) {
   handled.Wait();
 }
 
-// --- The end. ---------------------------------------------------------------------------------------------
+// --- The end. ---
 
 TEST_F(EventDispatcherTest, ADispatcherWhoseWorkerRestsEndsAtOnceAndLeavesNothing) {
   for (int i = 0; i < 20; ++i) {

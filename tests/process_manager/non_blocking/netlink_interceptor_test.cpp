@@ -40,7 +40,7 @@ class NetlinkInterceptorTest : public testing::Test, protected NetlinkHarness {
   }
 };
 
-// --- construction ------------------------------------------------------------------------------------------
+// --- construction ---
 
 TEST_F(NetlinkInterceptorTest, EachRequiredServiceIsAskedForAtConstruction) {
   for (const zym::iid_t iid : {0x6ef3329bU, 0xc9b36ad4U, 0x79864d30U, 0x2b6ab0fbU}) {
@@ -117,7 +117,7 @@ TEST_F(NetlinkInterceptorTest, EventsOfTheDispatcherReachTheFiltersOfTheirType) 
                                {event_type::kExitProcess, 12U}, {event_type::kCreateProcess, 11U}}));
 }
 
-// --- datagrams ---------------------------------------------------------------------------------------------
+// --- datagrams ---
 
 TEST_F(NetlinkInterceptorTest, AForkIsReadFromProcAndReportedUnderTheEventsParent) {
   m_parser->processes[200] = {.parentPid = 1, .imagePath = "/usr/bin/child"};
@@ -299,7 +299,7 @@ TEST_F(NetlinkInterceptorTest, TheCacheIsToldBeforeTheEventIsDispatched) {
   EXPECT_EQ(m_dispatcher->Dispatched().size(), 1U);
 }
 
-// --- types -------------------------------------------------------------------------------------------------
+// --- types ---
 
 TEST_F(NetlinkInterceptorTest, ATypeIsTracedByTheNamesOfItsBits) {
   OfferListener(zym::CreateObject<PlainExecListener>());
@@ -337,7 +337,7 @@ TEST_F(NetlinkInterceptorTest, AStopWithNothingRunningSucceeds) {
   EXPECT_TRUE(m_host.tracer->Has(800, "nonblocking kprobes interceptor is stopped already"));
 }
 
-// --- the exec listener -------------------------------------------------------------------------------------
+// --- the exec listener ---
 
 TEST_F(NetlinkInterceptorTest, KprobesNeedAListenerFactory) {
   m_host.locator->FailWith(qor::IExecListenerFactory::kIid, zym::ZYM_E_NOT_FOUND);
@@ -456,7 +456,7 @@ TEST_F(NetlinkInterceptorTest, AListenerThatRefusesToStopCapturingIsLetGoAllTheS
   listener->Release();
 }
 
-// --- the mask ----------------------------------------------------------------------------------------------
+// --- the mask ---
 
 TEST_F(NetlinkInterceptorTest, AStartByTheTableRestoresWhatTheHostAskedFor) {
   OfferListener(zym::CreateObject<ControllableExecListener>());

@@ -207,7 +207,7 @@ TEST_F(NetlinkParserTest, ARefusedDatagramHasNoEffectOnTheNextOne) {
   ExpectRecord(EventRecord::kFork, 20, 10, 0, 5);
 }
 
-// --- any datagram ------------------------------------------------------------------------------------------
+// --- any datagram ---
 
 template <class T>
 T At(const std::vector<std::uint8_t>& bytes, std::size_t offset) {

@@ -130,7 +130,7 @@ TEST_F(NetlinkSocketTest, AMessageThatIsCutIsLostWithAReason) {
   EXPECT_EQ(errno, ENOSPC);
 }
 
-// --- the receive buffer ------------------------------------------------------------------------------------
+// --- the receive buffer ---
 
 TEST(MnlReceiveBuffer, IsReadAsTheKernelKeepsIt) {
   const MnlSocket socket = RouteSocket();

@@ -173,7 +173,7 @@ TEST_F(NetlinkThreadTest, ItStopsInTheMiddleOfAStorm) {
   ExpectStopped();
 }
 
-// --- starts that fail --------------------------------------------------------------------------------------
+// --- starts that fail ---
 
 TEST_F(NetlinkThreadTest, WithoutADescriptorToBeHadItDoesntStart) {
   rlimit limit{};
@@ -282,7 +282,7 @@ TEST_F(NetlinkThreadTest, WithoutAThreadItStaysHalfStartedUntilAStop) {
   ExpectEvents();
 }
 
-// --- a thread that ends by itself --------------------------------------------------------------------------
+// --- a thread that ends by itself ---
 
 TEST_F(NetlinkThreadTest, ABrokenSocketEndsTheThreadAndRestartsTheProduct) {
   Start();
@@ -339,7 +339,7 @@ TEST_F(NetlinkThreadTest, ItsDestructionEndsTheThreadAlsoWhenTheGroupCantBeLeft)
   EXPECT_TRUE(m_host.tracer->Has("Received stop event, stopping polling"));
 }
 
-// --- loss --------------------------------------------------------------------------------------------------
+// --- loss ---
 
 TEST_F(NetlinkThreadTest, WhatTheKernelDropsIsLostAndTheSourceGoesOn) {
   Gate inCache;
@@ -375,7 +375,7 @@ TEST_F(NetlinkThreadTest, AnEventThatTheCacheRefusesDoesntEndTheThread) {
   EXPECT_TRUE(m_host.tracer->Has(300, "NetlinkInterceptor::ProcessNetlink: "));
 }
 
-// --- threads -----------------------------------------------------------------------------------------------
+// --- threads ---
 
 TEST_F(NetlinkThreadTest, StartsAndStopsOfSeveralThreadsFollowEachOther) {
   {

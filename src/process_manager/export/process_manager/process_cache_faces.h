@@ -26,7 +26,10 @@ struct EventInfo {
 
 }  // namespace process_cache
 
-// Questions by pid and unique pid. Any thread; answers are copies.
+// Questions by pid and unique pid. Any thread; answers are copies. The operations with a result trace what is
+// raised in them and give false, but for Get. Get and Update throw std::bad_alloc, and std::system_error when
+// the cache's lock can't be taken; Get throws zym::datetime::TimeSystemError, too, for a process that ended
+// at a time which the platform can't hold.
 struct IProcessInfoProvider : zym::IObject {
   static constexpr zym::iid_t kIid = 0xffc9e198;
 
