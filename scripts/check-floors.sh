@@ -7,7 +7,8 @@
 set -euo pipefail
 
 # Floor, then patterns of paths below src/ without their suffix. The first line that matches counts.
-# "contract" is the SDK: pure declarations over zym, which every floor may include.
+# "contract" is the SDK: pure declarations over zym, which every floor may include. A pattern may name what isn't there
+# yet: its floor is agreed before it is built.
 floors='
 0         zym/*
 1         qor_common/* qor_utils/* qor_tracing/*
