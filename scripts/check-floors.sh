@@ -90,7 +90,7 @@ function check(from, line, name, quoted,    target, mine, theirs, at) {
     if (quoted) {
       fail(at "includes \"" name "\", which is no file of this tree; write it from src/ on, and what is outside in <>")
     } else if ((mine = floor_of(from)) ~ /^(0|contract)$/ && from ~ /^src\// &&
-               name ~ /^(boost|gtest|gmock|libmnl|prometheus|rapidjson|CLI|zlib[.]h|minizip)/) {
+               name ~ /^(boost|gtest|gmock|libmnl|prometheus|rapidjson|CLI)/) {
       fail(at "includes <" name ">; this floor is built on the C++ library and the kernel alone")
     }
     return
