@@ -3,7 +3,6 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(Boost 1.74 REQUIRED COMPONENTS thread regex)
-find_package(ZLIB REQUIRED)
 pkg_check_modules(LIBMNL REQUIRED IMPORTED_TARGET libmnl)
 
 # Boost's headers as this project uses them.

@@ -1,11 +1,14 @@
-// The smallest host: loads the module, offers it what it needs, and prints the next ten process starts and
-// ends. As root: minimal_host MODULE
+// The smallest host: prints the next ten starts and ends of processes. As root: minimal_host MODULE
 #include <dlfcn.h>
-#include <semaphore.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
 
 #include "process_manager/entry.h"
 #include "process_manager/host_services.h"
@@ -14,59 +17,43 @@
 #include "process_manager/procfs.h"
 #include "qor_common/feature_techs_aggregator.h"
 #include "zym/object.h"
+#include "zym/service_provider.h"
 #include "zym/utf.h"
 
 namespace {
 using namespace system_interceptors;
+using namespace zym::telemetry;
 using zym::result_t;
 using zym::object::Ifaces;
 
-// The services, each as small as it can be.
-struct NoTracer : Ifaces<zym::ITracer> {
-  result_t GetRecord(std::uint32_t, void**, std::uint64_t) override { return zym::ZYM_FALSE; }
+// The locator, which is the services too, each as small as it can be, and hands out what was put in besides.
+struct Host : Ifaces<zym::IServiceLocator, zym::ITracer, zym::IAllocator, zym::ITracerCategoryFilter,
+                     qor::IStartupDataProvider, qor::IScanStatisticsCollector, IMetricSource,
+                     IMetricsRegistry, IGauge, ICounter> {
+  result_t GetRecord(std::uint32_t, void**, std::uint64_t) override { return zym::ZYM_FALSE; }  // no trace
   void CommitRecord(void*, std::uint64_t) override {}
-};
-struct Allocator : Ifaces<zym::IAllocator> {
   void* Alloc(std::uint64_t size) override { return std::malloc(size); }
   void* Reallocate(void* p, std::uint64_t size) override { return std::realloc(p, size); }
   void Free(void* p) override { std::free(p); }
-};
-struct NothingPrivate : Ifaces<zym::ITracerCategoryFilter> {
-  result_t Check(std::uint32_t) override { return zym::ZYM_FALSE; }
-};
-struct StartupData : Ifaces<qor::IStartupDataProvider> {
-  const qor::StartupData* GetStartupData() override { return &data; }
-  const qor::StartupData data;
-};
-struct NoStatistics : Ifaces<qor::IScanStatisticsCollector> {
+  result_t Check(std::uint32_t) override { return zym::ZYM_FALSE; }  // nothing private is traced
+  const qor::StartupData* GetStartupData() override { return &startupData; }
   result_t RegisterScannedProcessFilePath(zym::types::string16_t&&) override { return zym::ZYM_OK; }
-};
-struct Metric : Ifaces<zym::telemetry::IGauge, zym::telemetry::ICounter> {
   void Set(std::int64_t) override {}
   void Increment() override {}
   void Reset() override {}
-};
-struct NoMetrics : Ifaces<zym::telemetry::IMetricSource, zym::telemetry::IMetricsRegistry> {
-  result_t GetTableMetrics(const char*, zym::telemetry::TableMetrics& metrics) override {
-    const auto metric = zym::CreateObject<Metric>();
-    metrics = {metric, metric, metric};
+  result_t GetTableMetrics(const char*, TableMetrics& metrics) override {
+    metrics.size = zym::intrusive_ptr<IGauge>(this);
+    metrics.hits = metrics.misses = zym::intrusive_ptr<ICounter>(this);
     return zym::ZYM_OK;
   }
   result_t GetText(zym::types::string_t&) override { return zym::ZYM_E_NOT_SUPPORTED; }
-  result_t RegisterCollector(zym::telemetry::ICollector*, std::uint64_t*) override { return zym::ZYM_OK; }
+  result_t RegisterCollector(ICollector*, std::uint64_t*) override { return zym::ZYM_OK; }
   result_t UnregisterCollector(std::uint64_t) override { return zym::ZYM_OK; }
-};
-
-// Hands out what was put in, by interface id.
-struct Locator : Ifaces<zym::IServiceLocator> {
   result_t GetInterface(zym::iid_t iid, std::uint32_t, void** out) override {
     const auto found = services.find(iid);
-    return found == services.end() ? zym::ZYM_E_NO_INTERFACE : found->second->QueryInterface(iid, out);
+    return found == services.end() ? QueryInterface(iid, out) : found->second->QueryInterface(iid, out);
   }
-  template <class I, class T>
-  void Add(const zym::intrusive_ptr<T>& service) {
-    services[I::kIid] = zym::intrusive_ptr<zym::IObject>(static_cast<I*>(service.get()));
-  }
+  const qor::StartupData startupData;
   std::map<zym::iid_t, zym::intrusive_ptr<zym::IObject>> services;
 };
 
@@ -77,73 +64,86 @@ struct Handler : Ifaces<event_processing::INonBlockingEventHandler> {
     zym::types::range_t<const std::uint8_t*> view;
     event->GetParam(event_param::kImagePath, &view);
     const std::u16string_view path(reinterpret_cast<const char16_t*>(view.begin()), view.size() / 2);
-    const bool start = event->GetType() == event_type::kCreateProcess;
-    std::printf("%s %u %s\n", start ? "start" : "end  ", event->GetPid(),
-                zym::Utf16ToUtf8(path).value_or("?").c_str());
-    if (--left == 0) ::sem_post(&done);
+    std::printf("%s %u %s\n", event->GetType() == event_type::kCreateProcess ? "start" : "end  ",
+                event->GetPid(), zym::Utf16ToUtf8(path).value_or("?").c_str());
+    if (--left == 0) left.notify_one();
   }
-  int left = 10;
-  sem_t done{};
+  std::atomic<int> left{10};
 };
 
-bool Run(void* module) {
-  using namespace qor::process_manager;
-  const auto getFactory =
-      reinterpret_cast<decltype(&zymGetObjectFactory)>(::dlsym(module, "zymGetObjectFactory"));
-  const auto create = reinterpret_cast<decltype(&zymCreateObject)>(::dlsym(module, "zymCreateObject"));
-  const auto locator = zym::CreateObject<Locator>();
-  locator->Add<zym::ITracer>(zym::CreateObject<NoTracer>());
-  locator->Add<zym::IAllocator>(zym::CreateObject<Allocator>());
-  locator->Add<zym::ITracerCategoryFilter>(zym::CreateObject<NothingPrivate>());
-  locator->Add<qor::IStartupDataProvider>(zym::CreateObject<StartupData>());
-  locator->Add<qor::IScanStatisticsCollector>(zym::CreateObject<NoStatistics>());
-  const auto metrics = zym::CreateObject<NoMetrics>();
-  locator->Add<zym::telemetry::IMetricSource>(metrics);
-  locator->Add<zym::telemetry::IMetricsRegistry>(metrics);
-  locator->Add<qor::IFeatureTechsAggregator>(zym::CreateObject<qor::FeatureTechsAggregator>(locator.get()));
+void Require(bool fulfilled, const std::string& otherwise) {
+  if (!fulfilled) throw std::runtime_error(otherwise);
+}
 
-  // What the module takes back from the locator: its reader of /proc, its settings and its cache.
-  zym::intrusive_ptr<zym::IObjectFactory> factory;
-  getFactory(locator.get(), qor::class_ids::kProcParser, factory.Ref());
-  zym::intrusive_ptr<qor::procfs::IParser> parser;
-  factory->CreateInstance(locator.get(), qor::procfs::IParser::kIid, reinterpret_cast<void**>(parser.Ref()));
-  locator->Add<qor::procfs::IParser>(parser);
-  const auto make = [&](std::uint32_t classId) {
-    const SettingsCreationRecord record{{locator.get()}, nullptr, nullptr};
+// The loaded module. It is unloaded when the last of its objects is gone.
+struct Module {
+  explicit Module(const char* file) : library(::dlopen(file, RTLD_NOW | RTLD_LOCAL), &::dlclose) {
+    if (library == nullptr) throw std::runtime_error(::dlerror());
+    Find(getFactory, "zymGetObjectFactory");
+    Find(create, "zymCreateObject");
+    Find(canUnload, "zymCanUnloadModule");
+  }
+  ~Module() {
+    while (canUnload() != zym::ZYM_OK) std::this_thread::yield();
+  }
+  template <class F>
+  void Find(F*& entry, const char* name) {
+    entry = reinterpret_cast<F*>(::dlsym(library.get(), name));
+    Require(entry != nullptr, std::string("the library has no entry ") + name);
+  }
+  std::unique_ptr<void, int (*)(void*)> library;
+  decltype(zymGetObjectFactory)* getFactory = nullptr;
+  decltype(zymCreateObject)* create = nullptr;
+  decltype(zymCanUnloadModule)* canUnload = nullptr;
+};
+
+void Run(const Module& module, Host* host) {
+  using namespace qor::process_manager;
+  const auto create = [&](std::uint32_t classId) {
+    const SettingsCreationRecord record{{host}, nullptr, nullptr};
     zym::intrusive_ptr<zym::IObject> object;
-    create(classId, &record.base, object.Ref());
+    module.create(classId, &record.base, object.Ref());
+    Require(object != nullptr, "an object of the module can't be made");
     return object;
   };
-  locator->services[IInterceptorSettingsSubscription::kIid] =
-      make(qor::class_ids::kInterceptorSettingsSubscription);
-  const auto cache = make(qor::class_ids::kProcessCache);
-  locator->services[IEventInfoProvider::kIid] = cache;
-  locator->services[IProcessInfoProvider::kIid] = cache;
+  // What the module takes back from the locator: its reader of /proc, its settings and its cache.
+  zym::intrusive_ptr<zym::IObjectFactory> factory;
+  module.getFactory(host, qor::class_ids::kProcParser, factory.Ref());
+  Require(factory != nullptr, "the module has no reader of /proc");
+  zym::intrusive_ptr<qor::procfs::IParser> parser;
+  factory->CreateInstance(host, qor::procfs::IParser::kIid, reinterpret_cast<void**>(parser.Ref()));
+  Require(parser != nullptr, "the reader of /proc can't be made");
+  host->services[qor::procfs::IParser::kIid] = parser;
+  host->services[IInterceptorSettingsSubscription::kIid] =
+      create(qor::class_ids::kInterceptorSettingsSubscription);
+  host->services[IEventInfoProvider::kIid] = create(qor::class_ids::kProcessCache);
+  host->services[IProcessInfoProvider::kIid] = host->services[IEventInfoProvider::kIid];
+  host->services[qor::IFeatureTechsAggregator::kIid] = zym::CreateObject<qor::FeatureTechsAggregator>(host);
 
   const auto handler = zym::CreateObject<Handler>();
-  const auto interceptor = make(qor::class_ids::kInterceptor);
+  const auto interceptor = create(qor::class_ids::kInterceptor);
   zym::intrusive_ptr<interceptor_facade::IInterceptor2> filters;
   zym::intrusive_ptr<IQorInterceptor> sources;
-  zym::QueryInterface(interceptor, filters.Ref());
-  zym::QueryInterface(interceptor, sources.Ref());
+  Require(zym::QueryInterface(interceptor, filters.Ref()) == zym::ZYM_OK, "there are no filters");
+  Require(zym::QueryInterface(interceptor, sources.Ref()) == zym::ZYM_OK, "there are no sources");
   std::uint32_t id = 0;
   for (const std::uint32_t type : {event_type::kCreateProcess, event_type::kExitProcess})
-    filters->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0, handler.get(), &id);
-  const bool enabled = sources->EnableNonBlockingInterceptor(non_blocking_type::kNetlink) == zym::ZYM_OK;
-  enabled ? ::sem_wait(&handler->done) : std::puts("the proc connector needs CAP_NET_ADMIN: run as root");
+    Require(filters->RegisterNonBlockingFilterAttachHandler({.type = type}, true, 0, handler.get(), &id) ==
+                zym::ZYM_OK,
+            "a filter can't be registered");
+  Require(sources->EnableNonBlockingInterceptor(non_blocking_type::kNetlink) == zym::ZYM_OK,
+          "the proc connector can't be listened to (kernels below 6.6 want CAP_NET_ADMIN)");
+  while (const int left = handler->left) handler->left.wait(left);
   sources->DisableNonBlockingInterceptor(non_blocking_type::kNetlink);
-  locator->services.clear();  // some of them hold the locator
-  return enabled;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  void* const module = ::dlopen(argc == 2 ? argv[1] : "libprocess_manager.so", RTLD_NOW | RTLD_LOCAL);
-  if (module == nullptr) return std::puts(::dlerror()), 1;
-  const bool done = Run(module);
-  const auto canUnload =
-      reinterpret_cast<decltype(&zymCanUnloadModule)>(::dlsym(module, "zymCanUnloadModule"));
-  if (canUnload() != zym::ZYM_OK) return std::puts("an object of the module is still alive"), 1;
-  return ::dlclose(module) == 0 && done ? 0 : 1;
+int main(int argc, char** argv) try {
+  const Module module(argc == 2 ? argv[1] : "libprocess_manager.so");
+  const auto host = zym::CreateObject<Host>();
+  const std::shared_ptr<void> atTheEnd(nullptr, [&](void*) { host->services.clear(); });  // some hold it
+  Run(module, host.get());
+} catch (const std::exception& error) {
+  return std::fprintf(stderr, "minimal_host: %s\n", error.what()), 1;
 }

@@ -48,7 +48,7 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
   // The host's: `type` is a set of non_blocking_type bits, added to what was asked for, or taken from it; the
   // source starts or stops at once, whether or not a filter is active.
   //
-  // Start: ZYM_E_UNSPECIFIED: the socket can't be opened, bound (CAP_NET_ADMIN is missing) or subscribed; the
+  // Start: ZYM_E_UNSPECIFIED: the socket can't be opened, bound (as for NetlinkSocket) or subscribed; the
   // aggregator's code when the feature can't be marked; a thread that can't be made gives its error. The exec
   // listener is not tried then. A failure behind the opening of the socket (the mark, the subscription, the
   // thread) leaves it open: a later start does nothing and succeeds, and only a stop clears the way. The

@@ -21,7 +21,9 @@ class NetlinkSocket final : public IDatagramSource {
   // is.
   static void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket);
 
-  // Opens and binds; on failure the reason is traced and the pointer is null. Needs CAP_NET_ADMIN.
+  // Opens and binds; on failure the reason is traced and the pointer is null. Kernels below 6.6 want
+  // CAP_NET_ADMIN (NL_CFG_F_NONROOT_RECV in drivers/connector/connector.c; seen on 6.18: every user may). The
+  // connector is in the machine's first network namespace alone.
   static std::unique_ptr<NetlinkSocket> Open(zym::ITracer* tracer);
 
   // Subscribes to the process events, or leaves them. ZYM_E_UNSPECIFIED: traced, with the reason.

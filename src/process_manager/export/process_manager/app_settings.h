@@ -19,7 +19,7 @@ struct AppSettings {
   bool systemEventsTransmission = false;
 };
 
-// Optional. Any thread.
+// Needed for controls of processes (process_access.h). Any thread.
 struct IAppSettingsProvider : zym::IObject {
   static constexpr zym::iid_t kIid = 0x345e2eb8;
 

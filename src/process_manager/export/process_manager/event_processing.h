@@ -8,9 +8,8 @@
 
 namespace system_interceptors::event_processing {
 
-// Called on the module's worker thread, one event after the other. A handler must not register, delete,
-// disable or detach filters, nor enable or disable sources, from inside the call: those wait for it to
-// return.
+// Called on the module's worker thread, one event after the other. From inside the call no operation of the
+// interceptor may be called, nor its last reference released (interceptor_facade.h says why).
 struct INonBlockingEventHandler : zym::IObject {
   virtual void OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t filterId) = 0;
 

@@ -19,8 +19,13 @@ static_assert(sizeof(FilterDescriptor) == 96);
 
 using FilterIds = zym::types::range_t<unsigned int*>;
 
-// Any thread; one operation runs at a time. A source runs while at least one of its filters is enabled and
-// has a handler. Ids that a table doesn't hold are no error in a list of ids.
+// Any thread but that of a handler; one operation runs at a time. A source runs while at least one of its
+// filters is enabled and has a handler. Ids that a table doesn't hold are no error in a list of ids.
+//
+// From inside a handler call no operation of the interceptor, of whichever interface: another thread may be
+// in one that waits for the handler to return, and all wait for each other then. Nor release the last
+// reference to the interceptor there: it joins the thread that calls handlers, which can't wait for itself,
+// and ends the process.
 struct IInterceptor : zym::IObject {
   static constexpr zym::iid_t kIid = 0xde7726f2;
 
@@ -79,15 +84,17 @@ namespace qor::process_manager {
 
 // Bits of the non-blocking interceptor's type.
 namespace non_blocking_type {
-inline constexpr std::uint32_t kNetlink = 1;          // the kernel's proc connector; needs CAP_NET_ADMIN
+// The kernel's proc connector. Kernels below 6.6 want CAP_NET_ADMIN. Later ones let every user listen; but
+// without rights what /proc tells of other users' processes stays unknown, and without that one the socket's
+// buffer isn't larger than the system's limit (net.core.rmem_max).
+inline constexpr std::uint32_t kNetlink = 1;
 inline constexpr std::uint32_t kKprobes = 2;          // the host's exec listener
 inline constexpr std::uint32_t kFullProcessInfo = 4;  // credentials and environments with each exec
 inline constexpr std::uint32_t kConsoleInput = 8;     // named in the trace; it starts nothing here
 }  // namespace non_blocking_type
 
-// Turns the sources on and off, apart from their filters. Any thread; one operation runs at a time. Enabling
-// what is enabled and disabling what is disabled return ZYM_OK. ZYM_E_NOT_SUPPORTED: this build has no such
-// source.
+// Turns the sources on and off, apart from their filters. Threads as for IInterceptor. Enabling what is
+// enabled and disabling what is disabled return ZYM_OK. ZYM_E_NOT_SUPPORTED: this build has no such source.
 struct IQorInterceptor : zym::IObject {
   static constexpr zym::iid_t kIid = 0xdae40c14;
 

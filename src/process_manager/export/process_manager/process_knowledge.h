@@ -22,7 +22,7 @@ struct IProcessInformation : zym::IObject {
 
 // What Linux tells beyond the public record. ZYM_E_NOT_FOUND: it was not read for this object; the value is
 // left alone. Everything was read for the objects of a snapshot; an object that was asked for by its pid has
-// what the cache had, or the real user alone. The audit user and the names are never read
+// what the cache had, or the user of GetRealUserId alone. The audit user and the names are never read
 // (ZYM_E_NOT_IMPLEMENTED).
 struct IPosixProcessInformation : zym::IObject {
   static constexpr zym::iid_t kIid =
@@ -33,7 +33,8 @@ struct IPosixProcessInformation : zym::IObject {
   virtual zym::result_t GetAuditUserId(std::uint32_t& id) = 0;
   virtual zym::result_t GetUserName(zym::types::string_t& name) = 0;
   // Read from /proc it is the owner of the process's directory there: the effective user, or root for a
-  // process that may not be dumped (proc(5)).
+  // process that may not be dumped (proc(5)). Of a process that has changed its ids while the module listened
+  // to the kernel it is the real user that the kernel told. An exec keeps it.
   virtual zym::result_t GetRealUserId(std::uint32_t& id) = 0;
   virtual zym::result_t GetEffectiveUserId(std::uint32_t& id) = 0;
   virtual zym::result_t GetGroupName(zym::types::string_t& name) = 0;

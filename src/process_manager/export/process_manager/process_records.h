@@ -28,8 +28,8 @@ struct ProcessInformation {
   std::shared_ptr<const zym::types::string16_t> commandLine;  // null: none was read
   std::uint32_t flags = 0;                                    // ProcessFlags
   std::uint32_t state = kStarting;                            // ProcessState
-  std::optional<std::uint32_t> realUserId;                    // these four are absent until they are read
-  std::optional<std::uint32_t> effectiveUserId;
+  std::optional<std::uint32_t> realUserId;                    // IPosixProcessInformation says whose it is
+  std::optional<std::uint32_t> effectiveUserId;               // these too are absent until they are known
   std::optional<std::uint32_t> realGroupId;
   std::optional<std::uint32_t> effectiveGroupId;
   zym::types::vector_t<zym::types::string_t> environment;  // "NAME=value", as the process has it
@@ -54,7 +54,7 @@ struct ProcessInformation {
   zym::types::string16_t imagePath;
   zym::types::string16_t workingDirectory;
   zym::types::string16_t commandLine;
-  std::uint32_t userId = 0;  // the real user id; 0 when it isn't known
+  std::uint32_t userId = 0;  // as IPosixProcessInformation::GetRealUserId; 0 when it isn't known
   std::uint32_t flags = 0;
   std::uint32_t state = 0;
 };

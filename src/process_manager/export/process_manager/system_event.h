@@ -19,7 +19,8 @@ inline constexpr std::uint32_t kConsoleInput = 0x0e21bfd7;
 inline constexpr std::uint32_t kJournal = 0xda30757c;
 }  // namespace event_type
 
-// The parameters of process events. Integers are in host order; texts are UTF-16 without a terminator.
+// The parameters of process events. Integers are in host order; texts are UTF-16 without a terminator. The
+// real user is what IPosixProcessInformation says of it (process_knowledge.h).
 namespace event_param {
 inline constexpr std::uint32_t kMountNamespaceId = 0x00000014;  // u64, all ones when unknown
 inline constexpr std::uint32_t kTimestamp = 0x0c000007;         // u64, nanoseconds of CLOCK_MONOTONIC
@@ -33,7 +34,7 @@ inline constexpr std::uint32_t kSessionId = 0x05000f00;         // u32
 inline constexpr std::uint32_t kSessionIdToo = 0x82000002;      // u32, the same under its other number
 inline constexpr std::uint32_t kImagePath = 0x0b000400;         // text
 inline constexpr std::uint32_t kIsFake = 0x0e000000;            // u8
-inline constexpr std::uint32_t kFromExec = 0x82001500;          // u32, 1: from an exec, 0: from a fork
+inline constexpr std::uint32_t kFromExec = 0x82001500;          // u32, 0: a create by a fork; 1: any other
 inline constexpr std::uint32_t kState = 0x82001600;             // u32, ProcessState
 inline constexpr std::uint32_t kAlwaysZero = 0x85000900;        // u64, always 0
 inline constexpr std::uint32_t kWorkingDirectory = 0x8b000600;  // text

@@ -13,8 +13,13 @@ namespace qor {
 using NativePath = std::string;  // a path as the kernel has it: bytes without a NUL, not always UTF-8
 using PidType = std::uint32_t;   // a process id (the kernel's tgid)
 
-// One image of one pid; never given twice, across a reuse of the pid and a restart of the module. Bits 63 to
-// 32: seconds since 1970; bits 31 to 23: a counter; bits 22 to 0: the pid (Linux has at most 2^22 of them).
+// One image of one pid, across a reuse of the pid and a restart of the module. Bits 63 to 32: seconds since
+// 1970; bits 31 to 23: a counter of all images; bits 22 to 0: the pid (Linux has at most 2^22 of them).
+//
+// Two images have one value only where one pid got both in the same second, by a clock that may be set back,
+// and the counter, which each run of the module begins at random, stood the same: as after 512 images; or
+// where the pid was given again before the end of its former owner was handled. One image has two values
+// where the cache has evicted it and met it again.
 using UniquePidType = std::uint64_t;
 
 inline constexpr PidType kNoPid = 0xffffffff;
