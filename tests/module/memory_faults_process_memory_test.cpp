@@ -167,12 +167,14 @@ TEST_F(ProcessMemoryFaults, AWalkOverModulesSkipsNone) {
     for (;;) {
       zym::intrusive_ptr<IProcessModule> module;
       if (failing) {
-        const HeapFaults faults(Threads::kThis, Failing::kFromThenOn, 0);
+        HeapFaults faults(Threads::kThis, Failing::kFromThenOn, 0);
         const zym::result_t result = enumerator->Next(module.Ref());
-        EXPECT_TRUE(IsOneOf(result, {zym::ZYM_E_OUT_OF_MEMORY, zym::ZYM_FALSE})) << std::hex << result;
-        EXPECT_FALSE(module);
+        faults.End();
+        // In a sanitized build, where operator new alone fails, one with a short path needs nothing.
+        EXPECT_EQ(result == zym::ZYM_E_OUT_OF_MEMORY, faults.Fired()) << std::hex << result;
+        EXPECT_EQ(bool(module), result == zym::ZYM_OK);
       }
-      if (enumerator->Next(module.Ref()) != zym::ZYM_OK) return bases;
+      if (!module && enumerator->Next(module.Ref()) != zym::ZYM_OK) return bases;
       bases.emplace_back();
       EXPECT_EQ(module->GetBaseAddress(bases.back()), zym::ZYM_OK);
     }

@@ -188,7 +188,7 @@ void Storm(std::uint32_t count) {
 // Other programs that live for a moment, eight at a time, without end.
 [[noreturn]] void StormOfPrograms() {
   char program[] = "/bin/sleep";
-  char argument[] = "0.02";
+  char argument[] = "0.2";
   char* arguments[] = {program, argument, nullptr};
   for (;;) {
     pid_t children[8];
@@ -234,7 +234,7 @@ const Step kSteps[] = {
      }},
     {"storm", 1, "so many children that end at once, one after the other; without end for 0",
      [](char** argument) { Storm(Number(*argument)); }},
-    {"storm-of-programs", 0, "children that become /bin/sleep for 20 ms, eight at a time, without end",
+    {"storm-of-programs", 0, "children that become /bin/sleep for 200 ms, eight at a time, without end",
      [](char**) { StormOfPrograms(); }},
     {"kernel-thread", 0, "start a thread of the kernel that lives as long as this process; print its pid",
      [](char**) { StartKernelThread(); }},
