@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <latch>
 #include <map>
@@ -29,7 +30,7 @@ class FakeProductValues : public zym::object::Ifaces<IProductValues> {
     return result;
   }
 
-  std::uint32_t askedFor = 0;
+  std::atomic<std::uint32_t> askedFor{0};
   std::uint32_t value = 0;
   zym::result_t result = zym::ZYM_OK;
   std::function<void()> onAsked;
