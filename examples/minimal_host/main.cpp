@@ -132,7 +132,7 @@ void Run(const Module& module, Host* host) {
                 zym::ZYM_OK,
             "a filter can't be registered");
   Require(sources->EnableNonBlockingInterceptor(non_blocking_type::kNetlink) == zym::ZYM_OK,
-          "the proc connector can't be listened to (kernels below 6.6 want CAP_NET_ADMIN)");
+          "the proc connector can't be listened to (older kernels want CAP_NET_ADMIN)");
   while (const int left = handler->left) handler->left.wait(left);
   sources->DisableNonBlockingInterceptor(non_blocking_type::kNetlink);
 }

@@ -21,7 +21,7 @@ class NetlinkSocket final : public IDatagramSource {
   // is.
   static void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket);
 
-  // Opens and binds; on failure the reason is traced and the pointer is null. Kernels below 6.6 want
+  // Opens and binds; on failure the reason is traced and the pointer is null. Older kernels want
   // CAP_NET_ADMIN (NL_CFG_F_NONROOT_RECV in drivers/connector/connector.c; seen on 6.18: every user may). The
   // connector is in the machine's first network namespace alone.
   static std::unique_ptr<NetlinkSocket> Open(zym::ITracer* tracer);

@@ -84,7 +84,7 @@ namespace qor::process_manager {
 
 // Bits of the non-blocking interceptor's type.
 namespace non_blocking_type {
-// The kernel's proc connector. Kernels below 6.6 want CAP_NET_ADMIN. Later ones let every user listen; but
+// The kernel's proc connector. Older kernels want CAP_NET_ADMIN. Newer ones (6.18) let every user listen; but
 // without rights what /proc tells of other users' processes stays unknown, and without that one the socket's
 // buffer isn't larger than the system's limit (net.core.rmem_max).
 inline constexpr std::uint32_t kNetlink = 1;
