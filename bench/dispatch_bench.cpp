@@ -12,10 +12,10 @@
 #include <thread>
 
 #include "allocation_counter.h"
-#include "process_manager/filter_manager.h"
-#include "process_manager/non_blocking/event_dispatcher.h"
-#include "process_manager/process_cache_faces.h"
-#include "process_manager/system_events_factory.h"
+#include "process_manager/interception/event_dispatcher.h"
+#include "process_manager/interception/filter_manager.h"
+#include "process_manager/interception/system_events_factory.h"
+#include "process_manager/process_cache.h"
 #include "support/fake_services.h"
 #include "table.h"
 #include "zym/object.h"

@@ -11,11 +11,11 @@
 #include <vector>
 
 #include "allocation_counter.h"
-#include "process_manager/interceptor_facade.h"
-#include "process_manager/non_blocking/event_dispatcher.h"
+#include "process_manager/interception/event_dispatcher.h"
+#include "process_manager/interception/system_events_factory.h"
+#include "process_manager/interceptor.h"
 #include "process_manager/non_blocking/netlink_interceptor.h"
-#include "process_manager/process_cache.h"
-#include "process_manager/system_events_factory.h"
+#include "process_manager/process_cache/process_cache.h"
 #include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/proc_connector.h"

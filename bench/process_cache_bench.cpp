@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "process_manager/process_cache.h"
+#include "process_manager/process_cache/process_cache.h"
 #include "support/fake_services.h"
 #include "table.h"
 #include "zym/utf.h"

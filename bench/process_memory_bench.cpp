@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "process_manager/proc_parser.h"
-#include "process_manager/process_memory_object.h"
+#include "process_manager/memory/process_memory_object.h"
+#include "process_manager/procfs/proc_parser.h"
 #include "qor_common/unique_fd.h"
 #include "support/fake_process_control.h"
 #include "support/fake_services.h"

@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "process_manager/proc_parser.h"
-#include "process_manager/process_cache.h"
-#include "process_manager/process_manager.h"
+#include "process_manager/process/process_manager.h"
+#include "process_manager/process_cache/process_cache.h"
+#include "process_manager/procfs/proc_parser.h"
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/fake_services.h"

@@ -11,9 +11,9 @@
 #include <string>
 
 #include "allocation_counter.h"
-#include "process_manager/proc_parser.h"
-#include "process_manager/procfs_text.h"
-#include "process_manager/tools.h"
+#include "process_manager/process/tools.h"
+#include "process_manager/procfs/proc_parser.h"
+#include "process_manager/procfs/procfs_text.h"
 #include "support/child.h"
 #include "support/fake_services.h"
 #include "table.h"

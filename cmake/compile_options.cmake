@@ -25,6 +25,11 @@ if(ZYM_HAVE_NO_GNU_UNIQUE)
 endif()
 
 add_compile_options(-fstack-protector-strong)
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # A precompiled header stays out of the preprocessed text, by which ccache knows a file again.
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fpch-preprocess>)
+endif()
 add_link_options(-Wl,-z,relro,-z,now)
 
 if(ZYM_FUZZ)
@@ -65,7 +70,9 @@ find_program(ZYM_CCACHE ccache)
 if(ZYM_CCACHE)
   foreach(language C CXX)
     if(NOT CMAKE_${language}_COMPILER_LAUNCHER)
-      set(CMAKE_${language}_COMPILER_LAUNCHER ${ZYM_CCACHE})
+      # What a precompiled header leaves out of the preprocessed text is said by the header's own checksum.
+      set(CMAKE_${language}_COMPILER_LAUNCHER
+        ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${ZYM_CCACHE})
     endif()
   endforeach()
 endif()

@@ -18,7 +18,7 @@ if(TARGET pmhost)
 endif()
 
 install(DIRECTORY ${source_dir}/zym/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zym FILES_MATCHING PATTERN "*.h")
-foreach(part process_manager qor_common qor_utils qor_tracing)
+foreach(part process_manager qor_common qor_utils)
   if(EXISTS ${source_dir}/${part}/export)
     install(DIRECTORY ${source_dir}/${part}/export/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
       FILES_MATCHING PATTERN "*.h")

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "process_manager/file_name_normalization.h"
+#include "process_manager/process/file_name_normalization.h"
 
 namespace {
 

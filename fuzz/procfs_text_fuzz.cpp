@@ -4,8 +4,8 @@
 #include <optional>
 #include <string_view>
 
-#include "process_manager/procfs_text.h"
-#include "tests/process_manager/procfs_patterns.h"
+#include "process_manager/procfs/procfs_text.h"
+#include "tests/process_manager/procfs/procfs_patterns.h"
 
 using namespace qor::procfs;
 

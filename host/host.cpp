@@ -8,8 +8,8 @@
 #include "host/services/process_suspender.h"
 #include "host/services/services.h"
 #include "host/services/tracer.h"
-#include "process_manager/procfs.h"
-#include "process_manager/settings.h"
+#include "process_manager/interceptor_settings.h"
+#include "process_manager/proc_parser.h"
 #include "qor_common/feature_techs_aggregator.h"
 
 namespace pmhost {

@@ -4,9 +4,9 @@
 #include "host/module.h"
 #include "host/options.h"
 #include "host/service_locator.h"
-#include "process_manager/feature_techs.h"
-#include "process_manager/interceptor_facade.h"
-#include "process_manager/process_cache_faces.h"
+#include "process_manager/interceptor.h"
+#include "process_manager/process_cache.h"
+#include "process_manager/services/feature_techs.h"
 
 namespace pmhost {
 

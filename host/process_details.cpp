@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "host/failure.h"
-#include "process_manager/user_language.h"
+#include "process_manager/user_localization.h"
 #include "zym/service_provider.h"
 
 namespace pmhost {

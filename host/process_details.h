@@ -6,7 +6,7 @@
 
 #include "host/host.h"
 #include "host/process_reader.h"
-#include "process_manager/process_action.h"
+#include "process_manager/process_control.h"
 #include "zym/containers.h"
 
 namespace pmhost {

@@ -9,9 +9,9 @@
 #include "host/host.h"
 #include "host/output/shown_process.h"
 #include "host/process_reach.h"
-#include "process_manager/process_access.h"
+#include "process_manager/proc_parser.h"
+#include "process_manager/process_manager.h"
 #include "process_manager/process_records.h"
-#include "process_manager/procfs.h"
 
 namespace pmhost {
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs clang-tidy over src/ and host/.
+# Runs clang-tidy over src/, host_kit/ and host/.
 #
 #   scripts/check-tidy.sh BUILD_DIRECTORY [--all]
 #
@@ -19,14 +19,14 @@ mkdir -p "$state"
 ninja -C "$build" -t deps 2>/dev/null >"$state/deps" || : >"$state/deps"
 
 # Clang stops at options that GCC alone knows. Warnings are the compiler's to give; here they would come twice.
-sed -E 's/ -(fno-gnu-unique|Wno-tsan|Werror)( |")/ \2/g; s/"command": "[^ ]*ccache /"command": "/' \
+sed -E 's/ -(fno-gnu-unique|fpch-preprocess|Wno-tsan|Werror)( |")/ \2/g; s/"command": "[^"]*ccache /"command": "/' \
   "$build/compile_commands.json" >"$state/compile_commands.json"
 
 list=$(mktemp -d)
 trap 'rm -rf "$list"' EXIT
 
 # Newest first: what is being worked on is looked at even when the time is short.
-find src host -name '*.cpp' -printf '%T@ %p\n' | sort -rn | cut -d' ' -f2- >"$list/files"
+find src host_kit host -name '*.cpp' -printf '%T@ %p\n' | sort -rn | cut -d' ' -f2- >"$list/files"
 export build state list started=$EPOCHSECONDS limit
 
 tidy_one() {

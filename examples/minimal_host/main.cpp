@@ -11,10 +11,12 @@
 #include <thread>
 
 #include "process_manager/entry.h"
-#include "process_manager/host_services.h"
-#include "process_manager/interceptor_facade.h"
-#include "process_manager/process_cache_faces.h"
-#include "process_manager/procfs.h"
+#include "process_manager/interceptor.h"
+#include "process_manager/proc_parser.h"
+#include "process_manager/process_cache.h"
+#include "process_manager/services/metrics.h"
+#include "process_manager/services/scan_statistics.h"
+#include "process_manager/services/startup_data.h"
 #include "qor_common/feature_techs_aggregator.h"
 #include "zym/object.h"
 #include "zym/service_provider.h"

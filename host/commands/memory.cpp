@@ -17,7 +17,7 @@
 #include "host/output/shown_text.h"
 #include "host/process_reach.h"
 #include "host/run_limits.h"
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "process_manager/process_memory.h"
 #include "zym/object.h"
 

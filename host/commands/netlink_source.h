@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "process_manager/interceptor_facade.h"
+#include "process_manager/interceptor.h"
 #include "zym/intrusive_ptr.h"
 
 namespace pmhost {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "process_manager/procfs.h"
+#include "process_manager/proc_parser.h"
 #include "zym/containers.h"
 
 namespace pmhost {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "host/output/shown_process.h"
-#include "process_manager/process_cache_faces.h"
+#include "process_manager/process_cache.h"
 #include "process_manager/system_event.h"
 #include "zym/intrusive_ptr.h"
 

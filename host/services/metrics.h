@@ -8,7 +8,7 @@
 
 #include <prometheus/registry.h>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/metrics.h"
 #include "zym/object.h"
 
 namespace pmhost {

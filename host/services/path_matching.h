@@ -1,7 +1,7 @@
 // The host's matchers of paths, over its language of patterns.
 #pragma once
 
-#include "process_manager/path_matching.h"
+#include "process_manager/services/path_matching.h"
 #include "zym/object.h"
 #include "zym/tracer.h"
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host/services/process_stop.h"
-#include "process_manager/host_services.h"
+#include "process_manager/services/process_suspender.h"
 #include "zym/object.h"
 
 namespace pmhost {

@@ -8,8 +8,12 @@
 #include <string>
 #include <utility>
 
-#include "process_manager/app_settings.h"
-#include "process_manager/host_services.h"
+#include "process_manager/services/app_settings.h"
+#include "process_manager/services/feature_lookup.h"
+#include "process_manager/services/product_values.h"
+#include "process_manager/services/scan_statistics.h"
+#include "process_manager/services/startup_data.h"
+#include "process_manager/services/task_manager.h"
 #include "zym/object.h"
 #include "zym/tracer.h"
 

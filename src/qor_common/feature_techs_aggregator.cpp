@@ -3,7 +3,8 @@
 #include <exception>
 #include <utility>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/product_values.h"
+#include "process_manager/services/task_manager.h"
 #include "qor_common/enum_names.h"
 #include "qor_common/memory_scanning_task.h"
 #include "zym/exception_to_result.h"

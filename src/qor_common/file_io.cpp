@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/root_fd_provider.h"
 #include "qor_common/mount_namespace.h"
 #include "qor_common/tools.h"
 #include "qor_common/unique_fd.h"

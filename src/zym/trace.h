@@ -140,39 +140,47 @@ class Record {
       }                                                                                    \
   } while (false)
 
+// --- checks ------------------------------------------------------------------------------------------------
+// Each prints its own expression. The texts are a frozen interface, the code is not: where the natural
+// expression is not the text, the variant _AS takes the text beside it.
+
 // Evaluates an expression of result_t and gives its value; traces a failure at level 300 and goes on.
-#define ZYM_REPORT_RESULT(tracer, expression, ...)                                      \
-  [&, zymFunction = __func__]() -> ::zym::result_t {                                    \
-    const ::zym::result_t zymResult = (expression);                                     \
-    if (!ZYM_SUCCEEDED(zymResult))                                                      \
-      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                         \
-                zymFunction << ": '(" #expression ")=" << ::zym::trace::Code{zymResult} \
-                            << "' " __VA_OPT__(<< __VA_ARGS__));                        \
-    return zymResult;                                                                   \
+#define ZYM_REPORT_RESULT(tracer, expression, ...) \
+  ZYM_REPORT_RESULT_AS(tracer, #expression, expression __VA_OPT__(, ) __VA_ARGS__)
+#define ZYM_REPORT_RESULT_AS(tracer, text, expression, ...)                      \
+  [&, zymFunction = __func__]() -> ::zym::result_t {                             \
+    const ::zym::result_t zymResult = (expression);                              \
+    if (!ZYM_SUCCEEDED(zymResult))                                               \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                  \
+                zymFunction << ": '(" text ")=" << ::zym::trace::Code{zymResult} \
+                            << "' " __VA_OPT__(<< __VA_ARGS__));                 \
+    return zymResult;                                                            \
   }()
 
 // Checks an expression of result_t: traces a failure at level 300 and returns it.
-#define ZYM_CHECK_RESULT(tracer, expression, ...)                                             \
-  do {                                                                                        \
-    if (const ::zym::result_t zymResult = (expression); !ZYM_SUCCEEDED(zymResult)) {          \
-      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                               \
-                __FILE__ << ":" << __LINE__                                                   \
-                         << "(" #expression "),(ZYM_SUCCEEDED(_result)) failed: result = "    \
-                         << ::zym::trace::Code{zymResult} __VA_OPT__(<< " " << __VA_ARGS__)); \
-      return zymResult;                                                                       \
-    }                                                                                         \
+#define ZYM_CHECK_RESULT(tracer, expression, ...) \
+  ZYM_CHECK_RESULT_AS(tracer, #expression, expression __VA_OPT__(, ) __VA_ARGS__)
+#define ZYM_CHECK_RESULT_AS(tracer, text, expression, ...)                                             \
+  do {                                                                                                 \
+    if (const ::zym::result_t zymResult = (expression); !ZYM_SUCCEEDED(zymResult)) {                   \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                                        \
+                __FILE__ << ":" << __LINE__ << "(" text "),(ZYM_SUCCEEDED(_result)) failed: result = " \
+                         << ::zym::trace::Code{zymResult} __VA_OPT__(<< " " << __VA_ARGS__));          \
+      return zymResult;                                                                                \
+    }                                                                                                  \
   } while (false)
 
 // Checks a condition: traces a failure at level 300 and returns `value`.
-#define ZYM_CHECK(tracer, condition, value, ...)                                                  \
-  do {                                                                                            \
-    if (!(condition)) {                                                                           \
-      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                                   \
-                __FILE__ << ":" << __LINE__                                                       \
-                         << "(" #condition                                                        \
-                            "),(bool) failed: result = false" __VA_OPT__(<< " " << __VA_ARGS__)); \
-      return value;                                                                               \
-    }                                                                                             \
+#define ZYM_CHECK(tracer, condition, value, ...) \
+  ZYM_CHECK_AS(tracer, #condition, condition, value __VA_OPT__(, ) __VA_ARGS__)
+#define ZYM_CHECK_AS(tracer, text, condition, value, ...)                                                  \
+  do {                                                                                                     \
+    if (!(condition)) {                                                                                    \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                                            \
+                __FILE__ << ":" << __LINE__                                                                \
+                         << "(" text "),(bool) failed: result = false" __VA_OPT__(<< " " << __VA_ARGS__)); \
+      return value;                                                                                        \
+    }                                                                                                      \
   } while (false)
 
 // Checks an expression of result_t: throws zym::CheckResultFailedException, with a message, on a failure.
@@ -184,9 +192,10 @@ class Record {
   } while (false)
 
 // Checks a condition: throws zym::CheckFailedException, with a message, when it doesn't hold.
-#define ZYM_CHECK_OR_THROW(condition, ...)                  \
-  do {                                                      \
-    if (!(condition))                                       \
-      throw ::zym::CheckFailedException(__FILE__, __LINE__) \
-          << #condition __VA_OPT__(<< ". " << __VA_ARGS__); \
+#define ZYM_CHECK_OR_THROW(condition, ...) \
+  ZYM_CHECK_OR_THROW_AS(#condition, condition __VA_OPT__(, ) __VA_ARGS__)
+#define ZYM_CHECK_OR_THROW_AS(text, condition, ...)                                                     \
+  do {                                                                                                  \
+    if (!(condition))                                                                                   \
+      throw ::zym::CheckFailedException(__FILE__, __LINE__) << text __VA_OPT__(<< ". " << __VA_ARGS__); \
   } while (false)

@@ -11,7 +11,7 @@
 #include "module/process_objects.h"
 #include "process_manager/process_memory.h"
 #include "process_manager/process_modules.h"
-#include "process_manager/user_language.h"
+#include "process_manager/user_localization.h"
 #include "support/actor.h"
 #include "support/fake_process_control.h"
 #include "support/memory_actor.h"

@@ -10,13 +10,13 @@
 #include <vector>
 
 #include "module/module_host.h"
-#include "process_manager/application_manager_facade.h"
-#include "process_manager/file_name_mapping.h"
+#include "process_manager/application_manager.h"
+#include "process_manager/file_name_mapper.h"
 #include "process_manager/meta_info.h"
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "process_manager/process_memory.h"
 #include "process_manager/process_modules.h"
-#include "process_manager/user_language.h"
+#include "process_manager/user_localization.h"
 #include "support/actor.h"
 #include "support/own_process.h"
 

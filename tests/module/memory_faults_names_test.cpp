@@ -8,9 +8,9 @@
 #include <iterator>
 
 #include "module/memory_faults.h"
-#include "process_manager/application_manager_facade.h"
-#include "process_manager/file_name_mapping.h"
-#include "process_manager/user_language.h"
+#include "process_manager/application_manager.h"
+#include "process_manager/file_name_mapper.h"
+#include "process_manager/user_localization.h"
 #include "support/child.h"
 #include "support/lang.h"
 

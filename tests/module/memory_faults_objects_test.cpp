@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "module/memory_faults.h"
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/forwarding_parser.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "module/module_host.h"
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "support/fake_exclusions.h"
 #include "zym/utf.h"
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "module/fault_host.h"
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/own_process.h"

@@ -1,5 +1,5 @@
 // The language of real processes, asked of the loaded module.
-#include "process_manager/user_language.h"
+#include "process_manager/user_localization.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/product_values.h"
+#include "process_manager/services/task_manager.h"
 #include "qor_common/enum_names.h"
 #include "qor_common/task_manager_fake.h"
 #include "support/fake_services.h"

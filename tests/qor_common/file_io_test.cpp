@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <string>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/root_fd_provider.h"
 #include "qor_common/mount_namespace.h"
 #include "qor_common/tools.h"
 #include "qor_common/unique_fd.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/task_manager.h"
 #include "zym/object.h"
 
 namespace qor {

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "process_manager/app_settings.h"
-#include "process_manager/path_matching.h"
+#include "process_manager/services/app_settings.h"
+#include "process_manager/services/path_matching.h"
 #include "zym/object.h"
 
 namespace test_support {

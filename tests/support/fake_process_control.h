@@ -1,7 +1,7 @@
 // The control of a process that is known by its pid alone.
 #pragma once
 
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "zym/object.h"
 
 namespace test_support {

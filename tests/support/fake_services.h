@@ -13,7 +13,10 @@
 #include <thread>
 #include <vector>
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/feature_lookup.h"
+#include "process_manager/services/metrics.h"
+#include "process_manager/services/scan_statistics.h"
+#include "process_manager/services/startup_data.h"
 #include "zym/object.h"
 #include "zym/tracer.h"
 

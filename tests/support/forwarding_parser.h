@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "process_manager/procfs.h"
+#include "process_manager/proc_parser.h"
 #include "zym/object.h"
 
 namespace test_support {

@@ -4,10 +4,10 @@
 
 #include <utility>
 
-#include "process_manager/interceptor_facade.h"
+#include "process_manager/interceptor.h"
 #include "process_manager/non_blocking/poll_loop.h"
+#include "process_manager/process/tools.h"
 #include "process_manager/system_event.h"
-#include "process_manager/tools.h"
 #include "qor_common/enum_names.h"
 #include "qor_common/restart.h"
 #include "zym/exception_to_result.h"

@@ -7,15 +7,15 @@
 #include <mutex>
 #include <optional>
 
-#include "process_manager/filter.h"
-#include "process_manager/filter_manager.h"
-#include "process_manager/host_services.h"
-#include "process_manager/non_blocking/i_event_dispatcher.h"
+#include "process_manager/interception/filter.h"
+#include "process_manager/interception/filter_manager.h"
+#include "process_manager/interception/i_event_dispatcher.h"
+#include "process_manager/interception/system_events_factory.h"
 #include "process_manager/non_blocking/netlink_parser.h"
 #include "process_manager/non_blocking/netlink_socket.h"
-#include "process_manager/process_cache_faces.h"
-#include "process_manager/procfs.h"
-#include "process_manager/system_events_factory.h"
+#include "process_manager/proc_parser.h"
+#include "process_manager/process_cache.h"
+#include "process_manager/services/exec_listener.h"
 #include "qor_common/descriptor_notifier.h"
 #include "qor_common/feature_techs_aggregator.h"
 #include "qor_common/thread.h"

@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "process_manager/feature_techs.h"
-#include "process_manager/non_blocking/i_event_dispatcher.h"
+#include "process_manager/interception/i_event_dispatcher.h"
+#include "process_manager/interception/system_events_factory.h"
 #include "process_manager/non_blocking/netlink_interceptor.h"
-#include "process_manager/process_cache_faces.h"
-#include "process_manager/system_events_factory.h"
+#include "process_manager/process_cache.h"
+#include "process_manager/services/feature_techs.h"
 #include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/own_process.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "process_manager/interceptor_facade.h"
+#include "process_manager/interceptor.h"
 #include "process_manager/non_blocking/netlink_fakes.h"
 #include "process_manager/system_event.h"
 #include "support/fake_services.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "process_manager/filter.h"
+#include "process_manager/interception/filter.h"
 #include "process_manager/non_blocking/netlink_fakes.h"
 #include "process_manager/non_blocking/netlink_interceptor.h"
 #include "qor_common/unique_fd.h"

@@ -1,12 +1,12 @@
 // The three functions that the module exports, and the classes that can be asked of it.
 //
 // Load the module with dlopen, find the entries with dlsym, and give them a locator that offers your services
-// (host_services.h). All three may be called from any thread and never let an exception out.
+// (services/). All three may be called from any thread and never let an exception out.
 #pragma once
 
 #include <cstdint>
 
-#include "process_manager/settings.h"
+#include "process_manager/interceptor_settings.h"
 #include "zym/iobject.h"
 #include "zym/tracer.h"
 

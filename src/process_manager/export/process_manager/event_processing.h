@@ -9,7 +9,7 @@
 namespace system_interceptors::event_processing {
 
 // Called on the module's worker thread, one event after the other. From inside the call no operation of the
-// interceptor may be called, nor its last reference released (interceptor_facade.h says why).
+// interceptor may be called, nor its last reference released (interceptor.h says why).
 struct INonBlockingEventHandler : zym::IObject {
   virtual void OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t filterId) = 0;
 

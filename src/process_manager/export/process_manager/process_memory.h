@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "process_manager/process_access.h"
+#include "process_manager/process_manager.h"
 #include "process_manager/types.h"
 #include "zym/containers.h"
 #include "zym/iobject.h"

@@ -20,7 +20,7 @@ inline constexpr std::uint32_t kJournal = 0xda30757c;
 }  // namespace event_type
 
 // The parameters of process events. Integers are in host order; texts are UTF-16 without a terminator. The
-// real user is what IPosixProcessInformation says of it (process_knowledge.h).
+// real user is what IPosixProcessInformation says of it (process_information.h).
 namespace event_param {
 inline constexpr std::uint32_t kMountNamespaceId = 0x00000014;  // u64, all ones when unknown
 inline constexpr std::uint32_t kTimestamp = 0x0c000007;         // u64, nanoseconds of CLOCK_MONOTONIC

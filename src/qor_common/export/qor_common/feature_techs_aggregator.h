@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "process_manager/feature_techs.h"
+#include "process_manager/services/feature_techs.h"
 #include "zym/object.h"
 #include "zym/service_provider.h"
 

@@ -1,7 +1,7 @@
 // The running task that scans memory, among the host's.
 #pragma once
 
-#include "process_manager/host_services.h"
+#include "process_manager/services/task_manager.h"
 #include "zym/iobject.h"
 #include "zym/tracer.h"
 

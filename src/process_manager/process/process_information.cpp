@@ -1,0 +1,180 @@
+#include "process_manager/process/process_information.h"
+
+#include "process_manager/proc_parser.h"
+#include "process_manager/process/process_description.h"
+#include "process_manager/process/tools.h"
+#include "process_manager/process_cache.h"
+#include "process_manager/procfs/proc_own_namespace.h"
+#include "zym/exception_to_result.h"
+#include "zym/trace.h"
+
+namespace qor::process_manager {
+namespace {
+
+using zym::trace::kCall;
+
+zym::intrusive_ptr<zym::ITracerCategoryFilter> TakeCategoryFilter(zym::IServiceLocator* locator) {
+  zym::intrusive_ptr<zym::ITracerCategoryFilter> filter;
+  ZYM_CHECK_RESULT_OR_THROW(zym::GetInterface(locator, filter.Ref()),
+                            "Cannot get zym::ITracerCategoryFilter interface");
+  return filter;
+}
+
+zym::intrusive_ptr<IProcessInfoProvider> TakeCache(zym::IServiceLocator* locator) {
+  zym::intrusive_ptr<IProcessInfoProvider> cache;
+  ZYM_CHECK_RESULT_OR_THROW(zym::GetInterface(locator, cache.Ref()),
+                            "Cannot get IProcessInfoProvider interface");
+  return cache;
+}
+
+}  // namespace
+
+ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, PidType pid, bool full)
+    : ProcessInformation(locator, pid, std::nullopt, full) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << pid);
+}
+
+ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, const UniquePidType& uniquePid,
+                                       bool full)
+    : ProcessInformation(locator, std::nullopt, uniquePid, full) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << uniquePid << " (" << PidOf(uniquePid) << ")");
+}
+
+ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, std::optional<PidType> pid,
+                                       std::optional<UniquePidType> uniquePid, bool full)
+    : ServiceProvider(locator), m_pid(pid), m_uniquePid(uniquePid) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
+  m_tracerCategoryFilter = TakeCategoryFilter(locator);
+  const zym::intrusive_ptr<IProcessInfoProvider> cache = TakeCache(locator);
+  const bool known = m_pid ? cache->Get(static_cast<pid_t>(*m_pid), m_info)
+                           : cache->GetByUniquePid(m_uniquePid.value(), m_info);
+  if (!known) {
+    ZYM_TRACE(GetTracer(), kCall,
+              __func__ << ": Process info is missing in cache, trying to read info from procfs");
+    ZYM_CHECK_RESULT_OR_THROW(GetInfoFromProcfs(locator, full ? kFull : kBase));
+    cache->Update(m_info);
+  } else if (full && LacksAdditionalInfo()) {
+    if (GetInfoFromProcfs(locator, kAdditional) == zym::ZYM_OK) {
+      ZYM_TRACE(GetTracer(), kCall,
+                __func__ << ": Process info is found in cache and is going to be fulfilled with additional "
+                            "info: "
+                         << DescribeProcess(m_info, m_tracerCategoryFilter.get()));
+      ZYM_CHECK_OR_THROW(cache->UpdateAdditionalInfo(m_info), "Cannot update additional info in cache");
+    }
+  } else {
+    ZYM_TRACE(
+        GetTracer(), kCall,
+        __func__ << ": Using cached process info: " << DescribeProcess(m_info, m_tracerCategoryFilter.get()));
+  }
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- ");
+}
+
+// Of the kernel everything is known. A process without any environment is read again at each full look.
+bool ProcessInformation::LacksAdditionalInfo() const {
+  return m_info.pid != 0 && (m_info.environment.empty() || !m_info.effectiveGroupId || !m_info.realGroupId);
+}
+
+zym::result_t ProcessInformation::GetInfoFromProcfs(zym::IServiceLocator* sl, ReadLevel level) {
+  zym::intrusive_ptr<procfs::IParser> procfs;
+  ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(sl, procfs.Ref()), "Cannot get procfs::IParser interface");
+  return GetInfoFromProcfs(GetTracer(), procfs.get(), level);
+}
+
+zym::result_t ProcessInformation::GetInfoFromProcfs(zym::ITracer* tracer, procfs::IParser* procfs,
+                                                    ReadLevel level) {
+  const PidType pid = m_pid ? *m_pid : PidOf(m_uniquePid.value());
+  switch (level) {
+    case kBase:
+      return ZYM_REPORT_RESULT(tracer, GetProcessInfo(tracer, procfs, pid, m_info),
+                               "Failed to obtain base process info for pid=" << pid);
+    case kFull:
+      return ZYM_REPORT_RESULT(tracer, GetFullProcessInfo(tracer, procfs, pid, m_info),
+                               "Failed to obtain full process info for pid=" << pid);
+    case kAdditional:
+      return ZYM_REPORT_RESULT(tracer, GetAdditionalProcessInfo(tracer, procfs, m_info),
+                               "Failed to obtain additional process info for pid=" << pid);
+  }
+  return zym::ZYM_E_UNEXPECTED;
+}
+
+zym::result_t ProcessInformation::GetInformation(
+    system_interceptors::process_manager::ProcessInformation& info) try {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << DescribeProcess(m_info, m_tracerCategoryFilter.get()));
+  info = system_interceptors::process_manager::ToPublicRecord(m_info);
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+}
+
+zym::result_t ProcessInformation::GetEnvironmentVariables(
+    zym::types::vector_t<zym::types::string_t>& variables) try {
+  ZYM_CHECK(GetTracer(), !m_info.m_environmentVariables.empty(), zym::ZYM_E_NOT_FOUND,
+            "environ not found for process with pid: " << m_info.pid);
+  variables = m_info.m_environmentVariables;
+  return zym::ZYM_OK;
+} catch (...) {
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+}
+
+zym::result_t ProcessInformation::GetAuditUserId(std::uint32_t&) {
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
+
+zym::result_t ProcessInformation::GetUserName(zym::types::string_t&) {
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
+
+zym::result_t ProcessInformation::GetRealUserId(std::uint32_t& id) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
+  const std::optional<std::uint32_t>& ruid = m_info.realUserId;
+  ZYM_CHECK(GetTracer(), ruid.has_value(), zym::ZYM_E_NOT_FOUND,
+            "ruid not found for process with pid: " << m_info.pid);
+  id = *ruid;
+  return zym::ZYM_OK;
+}
+
+zym::result_t ProcessInformation::GetEffectiveUserId(std::uint32_t& id) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
+  const std::optional<std::uint32_t>& euid = m_info.effectiveUserId;
+  ZYM_CHECK(GetTracer(), euid.has_value(), zym::ZYM_E_NOT_FOUND,
+            "euid not found for process with pid: " << m_info.pid);
+  id = *euid;
+  return zym::ZYM_OK;
+}
+
+zym::result_t ProcessInformation::GetGroupName(zym::types::string_t&) {
+  return zym::ZYM_E_NOT_IMPLEMENTED;
+}
+
+zym::result_t ProcessInformation::GetRealGroupId(std::uint32_t& id) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
+  const std::optional<std::uint32_t>& rgid = m_info.realGroupId;
+  ZYM_CHECK(GetTracer(), rgid.has_value(), zym::ZYM_E_NOT_FOUND,
+            "rgid not found for process with pid: " << m_info.pid);
+  id = *rgid;
+  return zym::ZYM_OK;
+}
+
+zym::result_t ProcessInformation::GetEffectiveGroupId(std::uint32_t& id) {
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
+  const std::optional<std::uint32_t>& egid = m_info.effectiveGroupId;
+  ZYM_CHECK(GetTracer(), egid.has_value(), zym::ZYM_E_NOT_FOUND,
+            "egid not found for process with pid: " << m_info.pid);
+  id = *egid;
+  return zym::ZYM_OK;
+}
+
+zym::result_t ProcessInformation::IsHostMountNamespace() {
+  const zym::result_t result =
+      m_info.mountNamespaceId == procfs::OwnMountNamespaceId() ? zym::ZYM_OK : zym::ZYM_FALSE;
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- " << result);
+  return result;
+}
+
+zym::result_t ProcessInformation::GetMountNamespaceId(std::uint64_t& id) {
+  id = m_info.mountNamespaceId;
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- namespaceId=" << id);
+  return zym::ZYM_OK;
+}
+
+}  // namespace qor::process_manager

@@ -1,0 +1,122 @@
+// The module's memory of processes: each image under a unique pid, through fork, exec and exit.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "process_manager/process_cache.h"
+#include "process_manager/process_cache/process_cache_entry.h"
+#include "process_manager/process_cache/process_cache_table.h"
+#include "process_manager/services/metrics.h"
+#include "zym/object.h"
+#include "zym/service_provider.h"
+
+namespace qor::process_manager {
+
+// What the cache takes from the machine: a test puts its own in.
+struct ProcessCacheSurroundings {
+  std::function<zym::datetime_t()> now;  // the clock of exit times and of the retention
+  std::function<std::time_t()> seconds;  // since 1970; the upper half of a unique pid
+  std::function<std::uint16_t()> counterStart;
+  std::function<bool(zym::ITracer*)> isWorkstation;
+
+  // The real ones. The counter starts at random, so that unique pids of two runs of the module within one
+  // second differ.
+  static ProcessCacheSurroundings Real();
+};
+
+// Told by the event sources what happens, asked by whoever wants to know a process. Both tables are bounded;
+// nothing runs on a timer: an entry is touched, evicted or erased only by a call. It is not filled at start:
+// processes enter by events and by reads that are given back with Update. The images of one process are all
+// kept until its entry goes, so an entry grows with each exec of its process.
+//
+// One mutex over everything, a leaf: no call out of it blocks, and answers are copies. std::system_error,
+// from any operation: the mutex can't be taken. Each operation traces its entry before it takes the mutex,
+// and whatever else it traces inside.
+class ProcessCache : public zym::object::Ifaces<IProcessInfoProvider, IEventInfoProvider>,
+                     public zym::TracerProvider,
+                     public zym::NonCopyable {
+ public:
+  using ProcessInformation = process_cache::ProcessInformation;
+  using EventInfo = process_cache::EventInfo;
+
+  static constexpr std::uint32_t kWorkstationCapacity = 2500;
+  static constexpr std::uint32_t kServerCapacity = 5000;
+  static constexpr std::uint32_t kDeadCapacity = 512;
+
+  // `deadEntryRetention`: how long a process that ended is still answered, in 100-nanosecond units. Throws
+  // when the tracer, the category filter, the metric source or the metrics registry is missing or fails.
+  ProcessCache(zym::IServiceLocator* locator, std::int64_t deadEntryRetention,
+               ProcessCacheSurroundings surroundings = ProcessCacheSurroundings::Real());
+  ~ProcessCache();
+
+  // What Get and Update throw, IProcessInfoProvider says.
+  bool Get(pid_t pid, ProcessInformation& info) override;
+  bool GetByUniquePid(UniquePidType uniquePid, ProcessInformation& info) override;
+  void Update(ProcessInformation& info) override;
+  bool UpdateAdditionalInfo(ProcessInformation& info) override;
+
+  // An EventInfo that is given to these keeps its timestamp, and whatever else isn't told here: a flag is
+  // only ever set, not cleared.
+  void OnFork(ProcessInformation&& info, EventInfo& create) override;
+  void OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo& create) override;
+  void OnExit(pid_t pid, EventInfo& exit) override;
+  void OnExecPerm(ProcessInformation&& info, EventInfo& exit, EventInfo& create) override;
+  void OnExecDeny(ProcessInformation&& info, EventInfo& exit, EventInfo& create, EventInfo& forkExit,
+                  EventInfo& forkCreate) override;
+  zym::result_t OnCreateProcess(bool shouldUpdateExecInfo, EventInfo& create) override;
+  void OnExitProcess(EventInfo& exit) override;
+  void OnUidChange(pid_t pid, uid_t realUserId, uid_t effectiveUserId) override;
+  void OnGidChange(pid_t pid, gid_t realGroupId, gid_t effectiveGroupId) override;
+
+ private:
+  using Entry = process_cache::Entry;
+  using Version = process_cache::Version;
+
+  // One finished process.
+  struct DeadRecord {
+    DeadRecord(ProcessInformation&& info_, std::int64_t retention_)
+        : info(std::move(info_)), retention(retention_) {}
+
+    ProcessInformation info;
+    std::int64_t retention;
+  };
+
+  class SizeCollector;
+
+  void ReportSize();
+
+  // All below are called with m_mutex held.
+  Entry* Find(PidType pid);
+  Entry& FindOrCreate(PidType pid);
+  UniquePidType NewUniquePid(PidType pid);
+  Entry& LinkParent(PidType pid, PidType parentPid, bool force);
+  Version& AppendVersion(Entry& entry, zym::datetime_t time);
+  Version& VersionToCreate(Entry& entry, zym::datetime_t time);
+  static Version& VersionToEnd(Entry& entry);
+  void End(Version& version, zym::datetime_t time);
+  void Bury(Entry& entry);
+  bool GetDead(PidType pid, ProcessInformation& info);
+  Version* FindByUniquePid(UniquePidType uniquePid);
+  [[nodiscard]] std::string Describe(const ProcessInformation& info) const;
+
+  const ProcessCacheSurroundings m_surroundings;
+  const std::int64_t m_deadEntryRetention;
+  const zym::intrusive_ptr<zym::ITracerCategoryFilter> m_tracerCategoryFilter;
+  const zym::telemetry::TableMetrics m_metrics;
+
+  std::mutex m_mutex;  // guards the tables and both counters
+  ProcessCacheTable<Entry> m_live;
+  ProcessCacheTable<DeadRecord> m_dead;
+  std::uint16_t m_uniqueCounter;
+  std::uint64_t m_sequence = 0;
+
+  const zym::intrusive_ptr<zym::telemetry::IMetricsRegistry> m_metricsRegistry;
+  zym::intrusive_ptr<SizeCollector> m_collector;
+  std::uint64_t m_collectorToken = 0;
+};
+
+}  // namespace qor::process_manager

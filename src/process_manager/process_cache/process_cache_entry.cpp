@@ -1,0 +1,99 @@
+#include "process_manager/process_cache/process_cache_entry.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace qor::process_manager::process_cache {
+namespace {
+
+void MergeImage(ProcessInformation& in, ProcessInformation& stored, bool keep) {
+  if (!keep || !stored.commandLine || stored.commandLine->empty())
+    stored.commandLine = std::move(in.commandLine);
+  if (!keep || stored.imagePath.empty()) stored.imagePath = std::move(in.imagePath);
+}
+
+}  // namespace
+
+void IndexQueue::PushBack(std::uint32_t index) {
+  if (m_size < m_first.size())
+    m_first[m_size] = index;
+  else
+    m_rest.push_back(index);
+  ++m_size;
+}
+
+void IndexQueue::PopFront() noexcept {
+  if (m_size == 0) return;
+  --m_size;
+  std::ranges::copy(m_first.begin() + 1, m_first.end(), m_first.begin());
+  if (m_rest.empty()) return;
+  m_first.back() = m_rest.front();
+  m_rest.erase(m_rest.begin());
+}
+
+void IndexQueue::PopBack() noexcept {
+  if (m_size == 0) return;
+  --m_size;
+  if (!m_rest.empty()) m_rest.pop_back();
+}
+
+Entry::Entry(PidType pid_, UniquePidType uniquePid) : pid(pid_) {
+  m_first.info.pid = pid;
+  m_first.info.uniquePid = uniquePid;
+  creationQueue.PushBack(0);
+  terminationQueue.PushBack(0);
+}
+
+Version* Entry::FrontOf(const IndexQueue& queue) noexcept {
+  return !queue.Empty() && queue.Front() < VersionCount() ? &At(queue.Front()) : nullptr;
+}
+
+Version* Entry::FindByUniquePid(UniquePidType uniquePid) noexcept {
+  for (std::size_t i = 0; i < VersionCount(); ++i)
+    if (At(i).info.uniquePid == uniquePid) return &At(i);
+  return nullptr;
+}
+
+Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequence, zym::datetime_t time) {
+  Version version;
+  version.startSequence = startSequence;
+  const ProcessInformation& previous = Last().info;
+  version.info.pid = previous.pid;
+  version.info.parentPid = previous.parentPid;
+  version.info.parentUniquePid = previous.parentUniquePid;
+  // The creator of an image that an exec makes is the image that it replaces.
+  version.info.creatorPid = previous.pid;
+  version.info.creatorUniquePid = previous.uniquePid;
+  version.info.uniquePid = uniquePid;
+  version.info.startTime = time;
+  m_later.push_back(std::move(version));
+  const auto index = static_cast<std::uint32_t>(VersionCount() - 1);
+  creationQueue.PushBack(index);
+  terminationQueue.PushBack(index);
+  return Last();
+}
+
+void Merge(ProcessInformation& in, ProcessInformation& stored, bool keep) {
+  stored.sessionId = in.sessionId;
+  stored.startTime = in.startTime;
+  stored.exitTime = in.exitTime;
+  stored.state = in.state;
+  stored.workingDirectory = std::move(in.workingDirectory);
+  stored.mountNamespaceId = in.mountNamespaceId;
+  MergeImage(in, stored, keep);
+  if (!keep) stored.flags = in.flags;
+  if (in.realUserId) stored.realUserId = in.realUserId;
+  if (in.effectiveUserId) stored.effectiveUserId = in.effectiveUserId;
+  if (in.realGroupId) stored.realGroupId = in.realGroupId;
+  if (in.effectiveGroupId) stored.effectiveGroupId = in.effectiveGroupId;
+  stored.environment = std::move(in.environment);
+}
+
+void MergeGone(ProcessInformation& in, ProcessInformation& stored, bool keep) {
+  MergeImage(in, stored, keep);
+  stored.state = in.state;
+  if (!keep) stored.flags = in.flags;
+  stored.environment = std::move(in.environment);
+}
+
+}  // namespace qor::process_manager::process_cache

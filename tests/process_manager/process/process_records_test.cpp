@@ -1,0 +1,145 @@
+#include "process_manager/process_records.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <functional>
+
+#include "process_manager/interception/filter.h"
+#include "process_manager/proc_parser.h"
+#include "tests/process_manager/process_cache/process_cache_fixture.h"
+
+namespace qor::process_manager {
+namespace {
+
+using system_interceptors::process_manager::ToPublicRecord;
+
+TEST(ProcessRecord, ACopySharesTheCommandLineAndReplacingItInOneLeavesTheOther) {
+  Info original = ReadOf(1, 2, u"/bin/x");
+  const Info copy = original;
+  EXPECT_EQ(original.commandLine.get(), copy.commandLine.get());
+  original.commandLine = CommandLine(u"other");
+  EXPECT_EQ(*copy.commandLine, u"/bin/x");
+  EXPECT_EQ(*original.commandLine, u"other");
+}
+
+TEST(ProcessRecord, ThePublicRecordWithoutARealUserIdHasTheUserZero) {
+  Info info = ReadOf(1, 2, u"/bin/x");
+  EXPECT_EQ(ToPublicRecord(info).userId, 1000U);
+  info.realUserId.reset();
+  EXPECT_EQ(ToPublicRecord(info).userId, 0U);
+}
+
+TEST(ProcessRecord, ThePublicRecordWithoutACommandLineHasAnEmptyOne) {
+  Info info = ReadOf(1, 2, u"/bin/x");
+  info.commandLine.reset();
+  EXPECT_TRUE(ToPublicRecord(info).commandLine.empty());
+}
+
+TEST(ProcessRecord, ThePublicRecordTellsEveryField) {
+  Info info = ReadOf(1, 2, u"/bin/x");
+  info.creatorPid = 3;
+  info.uniquePid = 4;
+  info.creatorUniquePid = 5;
+  info.parentUniquePid = 6;
+  info.exitTime = 8;
+  info.flags = 17;
+  info.state = kTerminated;
+  info.commandLine = CommandLine(u"x -y");
+  const system_interceptors::process_manager::ProcessInformation record = ToPublicRecord(info);
+  EXPECT_EQ(record.pid, 1U);
+  EXPECT_EQ(record.creatorPid, 3U);
+  EXPECT_EQ(record.parentPid, 2U);
+  EXPECT_EQ(record.uniquePid, 4U);
+  EXPECT_EQ(record.creatorUniquePid, 5U);
+  EXPECT_EQ(record.parentUniquePid, 6U);
+  EXPECT_EQ(record.sessionId, 7U);
+  EXPECT_EQ(record.startTime, 5000);
+  EXPECT_EQ(record.exitTime, 8);
+  EXPECT_EQ(record.imagePath, u"/bin/x");
+  EXPECT_EQ(record.workingDirectory, u"/home");
+  EXPECT_EQ(record.commandLine, u"x -y");
+  EXPECT_EQ(record.userId, 1000U);
+  EXPECT_EQ(record.flags, 17U);
+  EXPECT_EQ(record.state, kTerminated);
+}
+
+TEST(ProcessRecord, BeginsWithNothingKnown) {
+  const Info info;
+  EXPECT_FALSE(info.commandLine);
+  EXPECT_FALSE(info.realUserId || info.effectiveUserId || info.realGroupId || info.effectiveGroupId);
+  EXPECT_EQ(info.mountNamespaceId, kNoMountNamespace);
+  EXPECT_EQ(info.state, kStarting);
+}
+
+TEST(ProcessRecord, StatesAndFlagsHaveTheirNumbers) {
+  EXPECT_EQ(kStarting, 0);
+  EXPECT_EQ(kCreated, 1);
+  EXPECT_EQ(kTerminated, 3) << "there is no 2";
+  EXPECT_EQ(kSystemProcess, 1);
+  EXPECT_EQ(kNoBackingImage, 16);
+}
+
+// Host and module each have their own compiler's view of a record: its fields stand as they are declared.
+template <class... Fields>
+bool StandInThisOrder(const Fields&... fields) {
+  const std::array<const void*, sizeof...(fields)> addresses = {&fields...};
+  return std::ranges::is_sorted(addresses, std::less<>()) &&
+         std::ranges::adjacent_find(addresses) == addresses.end();
+}
+
+TEST(ProcessRecord, TheFieldsOfBothRecordsStandInTheirOrder) {
+  const Info i;
+  EXPECT_TRUE(StandInThisOrder(
+      i.pid, i.creatorPid, i.parentPid, i.uniquePid, i.creatorUniquePid, i.parentUniquePid, i.sessionId,
+      i.startTime, i.exitTime, i.imagePath, i.workingDirectory, i.commandLine, i.flags, i.state, i.realUserId,
+      i.effectiveUserId, i.realGroupId, i.effectiveGroupId, i.environment, i.mountNamespaceId));
+  const system_interceptors::process_manager::ProcessInformation p;
+  EXPECT_TRUE(StandInThisOrder(p.pid, p.creatorPid, p.parentPid, p.uniquePid, p.creatorUniquePid,
+                               p.parentUniquePid, p.sessionId, p.startTime, p.exitTime, p.imagePath,
+                               p.workingDirectory, p.commandLine, p.userId, p.flags, p.state));
+}
+
+TEST(ProcessRecord, TheFieldsOfWhatIsReadFromProcStandInTheirOrder) {
+  const procfs::Stat s;
+  EXPECT_TRUE(StandInThisOrder(s.pid, s.comm, s.state, s.ppid, s.pgrp, s.session, s.tty_nr, s.tpgid, s.flags,
+                               s.minflt, s.cminflt, s.majflt, s.cmajflt, s.utime, s.stime, s.cutime, s.cstime,
+                               s.priority, s.nice, s.num_threads, s.itrealvalue, s.starttime, s.vsize, s.rss,
+                               s.rsslim, s.directoryChangeTime, s.uid));
+  const procfs::IOCounters c;
+  EXPECT_TRUE(StandInThisOrder(c.rchar, c.wchar, c.syscr, c.syscw, c.read_bytes, c.write_bytes,
+                               c.cancelled_write_bytes));
+  const procfs::Creds r;
+  EXPECT_TRUE(StandInThisOrder(r.uid, r.gid, r.groups));
+  const procfs::MapsEntry m;
+  EXPECT_TRUE(StandInThisOrder(m.begin, m.end, m.permissions, m.protection, m.offset, m.deviceMajor,
+                               m.deviceMinor, m.inode, m.path));
+  const procfs::IOMemRange g;
+  EXPECT_TRUE(StandInThisOrder(g.begin, g.end, g.name));
+  const procfs::ModuleEntry e;
+  EXPECT_TRUE(StandInThisOrder(e.name, e.size, e.referenceCount, e.state, e.offset));
+  const procfs::ModuleSection t;
+  EXPECT_TRUE(StandInThisOrder(t.size, t.address, t.name, t.module));
+  const procfs::DescriptorInfo d;
+  EXPECT_TRUE(StandInThisOrder(d.inode, d.fileType));
+}
+
+TEST(ProcessRecord, TheFieldsOfAFilterStandInTheirOrder) {
+  const non_blocking::Filter n;
+  EXPECT_TRUE(StandInThisOrder(n.enabled, n.handler, n.descriptor, n.id, n.flags, n.inUse));
+  const blocking::Filter b;
+  EXPECT_TRUE(StandInThisOrder(b.enabled, b.handler, b.descriptor, b.id, b.flags, b.timeout, b.inUse));
+  EXPECT_EQ(sizeof(n.descriptor), 96U);
+  EXPECT_EQ(static_cast<const void*>(&n.descriptor.type), &n.descriptor) << "the type stands first";
+}
+
+TEST(UniquePid, ThePidIsItsLow23Bits) {
+  EXPECT_EQ(PidOf(0x12345678'ff800007), 7U);
+  EXPECT_EQ(PidOf(0x007fffff), 0x7fffffU);
+  EXPECT_EQ(PidOf(0x00800000), 0U);
+  EXPECT_EQ(PidOf(kNoUniquePid), 0x7fffffU);
+}
+
+}  // namespace
+}  // namespace qor::process_manager

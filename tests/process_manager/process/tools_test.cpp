@@ -1,0 +1,707 @@
+// How a process is described: real processes, and readers that fail at each step.
+#include "process_manager/process/tools.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "process_manager/process_manager.h"
+#include "process_manager/procfs/proc_parser.h"
+#include "support/child.h"
+#include "support/fake_services.h"
+#include "support/temp_directory.h"
+#include "zym/module_counter.h"
+
+namespace qor::process_manager {
+namespace {
+
+using process_cache::ProcessInformation;
+using test_support::Child;
+using test_support::TempDirectory;
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Eq;
+using ::testing::HasSubstr;
+using ::testing::InSequence;
+using ::testing::MatchesRegex;
+using ::testing::NiceMock;
+using ::testing::Return;
+using ::testing::SetArgReferee;
+using ::testing::StrictMock;
+
+constexpr zym::result_t kFailure = zym::ZYM_E_INVALID_STATE;
+constexpr zym::datetime_t kStart = 1'700'000'000LL * 10'000'000 + 116'444'736'000'000'000;
+
+class MockParser : public zym::object::Ifaces<procfs::IParser> {
+ public:
+  MOCK_METHOD(zym::result_t, GetStat, (PidType, procfs::Stat&), (override));
+  MOCK_METHOD(zym::result_t, GetIOCounters, (PidType, procfs::IOCounters&), (override));
+  MOCK_METHOD(zym::result_t, GetProcLink, (PidType, const NativePath&, NativePath&), (override));
+  MOCK_METHOD(zym::result_t, GetMaps, (PidType, procfs::Maps&), (override));
+  MOCK_METHOD(zym::result_t, GetCmdline, (PidType, zym::types::string16_t&), (override));
+  MOCK_METHOD(zym::result_t, GetProcessList, (std::vector<unsigned int>&), (override));
+  MOCK_METHOD(zym::result_t, GetProcessListByRelevance, (std::vector<unsigned int>&), (override));
+  MOCK_METHOD(zym::result_t, GetIOMemMap, (procfs::IOMemMap&), (override));
+  MOCK_METHOD(zym::result_t, GetImagePath, (PidType, NativePath&), (override));
+  MOCK_METHOD(zym::result_t, GetDescriptors, (PidType, std::vector<unsigned int>&), (override));
+  MOCK_METHOD(zym::result_t, GetDescriptorInfo, (PidType, unsigned int, procfs::DescriptorInfo&), (override));
+  MOCK_METHOD(zym::result_t, GetModules, (procfs::ModulesList&), (override));
+  MOCK_METHOD(zym::result_t, GetModulesSections,
+              (const procfs::ModulesList&, procfs::ModulesSections&, std::uint64_t), (override));
+  MOCK_METHOD(zym::result_t, GetCreds, (PidType, procfs::Creds&), (override));
+  MOCK_METHOD(zym::result_t, GetEnvironmentVariable, (PidType, const char*, std::string&), (override));
+  MOCK_METHOD(zym::result_t, GetWorkingDir, (PidType, NativePath&), (override));
+  MOCK_METHOD(zym::result_t, GetComm, (PidType, std::string&), (override));
+  MOCK_METHOD(zym::result_t, GetEnvironmentVariables, (PidType, zym::types::vector_t<zym::types::string_t>&),
+              (override));
+  MOCK_METHOD(zym::result_t, GetMountNamespaceId, (PidType, std::uint64_t&), (override));
+};
+
+// A record in which every field that a read may set has a value that no read gives.
+ProcessInformation OldRecord() {
+  ProcessInformation info;
+  info.pid = 91;
+  info.creatorPid = 92;
+  info.parentPid = 93;
+  info.uniquePid = 94;
+  info.creatorUniquePid = 95;
+  info.parentUniquePid = 96;
+  info.sessionId = 97;
+  info.startTime = 98;
+  info.exitTime = 99;
+  info.imagePath = u"old image";
+  info.workingDirectory = u"old directory";
+  info.commandLine = std::make_shared<const zym::types::string16_t>(u"old command");
+  info.flags = 101;
+  info.state = 102;
+  info.realUserId = 103;
+  info.mountNamespaceId = 104;
+  return info;
+}
+
+void ExpectOldRecord(const ProcessInformation& info) {
+  const ProcessInformation old = OldRecord();
+  EXPECT_EQ(info.pid, old.pid);
+  EXPECT_EQ(info.parentPid, old.parentPid);
+  EXPECT_EQ(info.sessionId, old.sessionId);
+  EXPECT_EQ(info.startTime, old.startTime);
+  EXPECT_EQ(info.exitTime, old.exitTime);
+  EXPECT_EQ(info.imagePath, old.imagePath);
+  EXPECT_EQ(info.workingDirectory, old.workingDirectory);
+  EXPECT_EQ(*info.commandLine, *old.commandLine);
+  EXPECT_EQ(info.flags, old.flags);
+  EXPECT_EQ(info.state, old.state);
+  EXPECT_EQ(info.realUserId, old.realUserId);
+  EXPECT_EQ(info.mountNamespaceId, old.mountNamespaceId);
+}
+
+// --- with a reader that answers as the test says ---
+
+class ToolsTest : public ::testing::Test {
+ protected:
+  ToolsTest() {
+    m_stat.pid = 77;
+    m_stat.ppid = 5;
+    m_stat.session = 6;
+    m_stat.directoryChangeTime = 1'700'000'000;
+    m_stat.uid = 1001;
+  }
+  ~ToolsTest() override {
+    m_parser.Reset();
+    m_tracer.Reset();
+    EXPECT_EQ(zym::ModuleObjectCounter::Value(), m_objects);
+  }
+
+  // Every read succeeds, until the test says otherwise.
+  void ReadsSucceed() {
+    ON_CALL(*m_parser, GetStat(77, _)).WillByDefault([this](PidType, procfs::Stat& stat) {
+      stat = m_stat;
+      return zym::ZYM_OK;
+    });
+    ON_CALL(*m_parser, GetWorkingDir(77, _))
+        .WillByDefault(DoAll(SetArgReferee<1>("/home/\u00fcser"), Return(zym::ZYM_OK)));
+    ON_CALL(*m_parser, GetMountNamespaceId(77, _))
+        .WillByDefault(DoAll(SetArgReferee<1>(4026531841), Return(0)));
+    ON_CALL(*m_parser, GetImagePath(77, _))
+        .WillByDefault(DoAll(SetArgReferee<1>("/usr/bin/pr\u00f6gram"), Return(zym::ZYM_OK)));
+    ON_CALL(*m_parser, GetCmdline(77, _))
+        .WillByDefault(
+            DoAll(SetArgReferee<1>(zym::types::string16_t(u"program --option")), Return(zym::ZYM_OK)));
+    ON_CALL(*m_parser, GetComm(77, _))
+        .WillByDefault(DoAll(SetArgReferee<1>("kworker/0:1"), Return(zym::ZYM_OK)));
+    ON_CALL(*m_parser, GetCreds(77, _)).WillByDefault([](PidType, procfs::Creds& creds) {
+      creds = {.uid = {11, 12, 13, 14}, .gid = {21, 22, 23, 24}, .groups = {31}};
+      return zym::ZYM_OK;
+    });
+    ON_CALL(*m_parser, GetEnvironmentVariables(77, _))
+        .WillByDefault([](PidType, zym::types::vector_t<zym::types::string_t>& variables) {
+          variables = {"A=1", "B=2"};
+          return zym::ZYM_OK;
+        });
+  }
+
+  zym::result_t Get(PidType pid = 77) { return GetProcessInfo(m_tracer.get(), m_parser.get(), pid, m_info); }
+  // Exactly this text behind the place of the check.
+  void ExpectFailedCheck(const std::string& expression, const std::string& message) {
+    const std::string text = m_tracer->Find("(" + expression + ")");
+    EXPECT_THAT(text, ::testing::StartsWith("process_manager/tools.cpp:"));
+    EXPECT_THAT(
+        text, ::testing::EndsWith("(" + expression +
+                                  "),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) " +
+                                  message));
+    EXPECT_TRUE(m_tracer->Has(300, text));
+  }
+
+  std::int32_t m_objects = zym::ModuleObjectCounter::Value();
+  zym::intrusive_ptr<test_support::RecordingTracer> m_tracer =
+      zym::CreateObject<test_support::RecordingTracer>();
+  zym::intrusive_ptr<NiceMock<MockParser>> m_parser = zym::CreateObject<NiceMock<MockParser>>();
+  procfs::Stat m_stat;
+  ProcessInformation m_info = OldRecord();
+};
+
+TEST_F(ToolsTest, AProcessGivesEveryFieldThatOneLookTells) {
+  ReadsSucceed();
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(m_info.pid, 77U);
+  EXPECT_EQ(m_info.parentPid, 5U);
+  EXPECT_EQ(m_info.sessionId, 6U);
+  EXPECT_EQ(m_info.startTime, kStart);
+  EXPECT_EQ(m_info.exitTime, 0);
+  EXPECT_EQ(m_info.state, kCreated);
+  EXPECT_EQ(m_info.workingDirectory, u"/home/\u00fcser");
+  EXPECT_EQ(m_info.imagePath, u"/usr/bin/pr\u00f6gram");
+  EXPECT_EQ(*m_info.commandLine, u"program --option");
+  EXPECT_EQ(m_info.flags, 0U);
+  EXPECT_EQ(m_info.realUserId, 1001U);
+  EXPECT_EQ(m_info.mountNamespaceId, 4026531841U);
+  EXPECT_TRUE(m_tracer->Has(800, "procfs->GetImagePath: /usr/bin/pr\u00f6gram"));
+  EXPECT_TRUE(m_tracer->Has(800, "(may be modified) imagePath: /usr/bin/pr\u00f6gram"));
+}
+
+TEST_F(ToolsTest, TheCreatorAndTheUniquePidsAreLeftToTheCache) {
+  ReadsSucceed();
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(m_info.creatorPid, 92U);
+  EXPECT_EQ(m_info.uniquePid, 94U);
+  EXPECT_EQ(m_info.creatorUniquePid, 95U);
+  EXPECT_EQ(m_info.parentUniquePid, 96U);
+}
+
+TEST_F(ToolsTest, TheCommandLineIsANewStringAtEachRead) {
+  ReadsSucceed();
+  const auto old = m_info.commandLine;
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(*old, u"old command");
+  const auto first = m_info.commandLine;
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_NE(m_info.commandLine, first);
+}
+
+TEST_F(ToolsTest, WorksWithoutATracer) {
+  ReadsSucceed();
+  EXPECT_EQ(GetProcessInfo(nullptr, m_parser.get(), 77, m_info), zym::ZYM_OK);
+  EXPECT_CALL(*m_parser, GetImagePath).WillOnce(Return(kFailure));
+  EXPECT_EQ(GetProcessInfo(nullptr, m_parser.get(), 77, m_info), zym::ZYM_E_NOT_FOUND);
+}
+
+TEST_F(ToolsTest, Pid0NeverReadsStatAndIsTheKernel) {
+  const auto parser = zym::CreateObject<StrictMock<MockParser>>();
+  EXPECT_CALL(*parser, GetCmdline(0, _))
+      .WillOnce(DoAll(SetArgReferee<1>(zym::types::string16_t(u"root=/dev/vda quiet")), Return(zym::ZYM_OK)));
+  ASSERT_EQ(GetProcessInfo(m_tracer.get(), parser.get(), 0, m_info), zym::ZYM_OK);
+  EXPECT_EQ(m_info.pid, 0U);
+  EXPECT_EQ(m_info.creatorPid, 0xffffffffU);
+  EXPECT_EQ(m_info.parentPid, 0xffffffffU);
+  EXPECT_EQ(m_info.uniquePid, 0U);
+  EXPECT_EQ(m_info.creatorUniquePid, 0xffffffffffffffffU);
+  EXPECT_EQ(m_info.parentUniquePid, 0xffffffffffffffffU);
+  EXPECT_EQ(m_info.sessionId, 0U);
+  EXPECT_EQ(m_info.startTime, 0);
+  EXPECT_EQ(m_info.exitTime, 0);
+  EXPECT_EQ(m_info.imagePath, u"kernel memory");
+  EXPECT_EQ(m_info.workingDirectory, u"");
+  EXPECT_EQ(m_info.flags, 17U);
+  EXPECT_EQ(m_info.state, 1U);
+  EXPECT_EQ(*m_info.commandLine, u"root=/dev/vda quiet");
+  EXPECT_EQ(m_info.realUserId, 0U);
+  EXPECT_EQ(m_info.effectiveUserId, 0U);
+  EXPECT_EQ(m_info.realGroupId, 0U);
+  EXPECT_EQ(m_info.effectiveGroupId, 0U);
+}
+
+TEST_F(ToolsTest, TheKernelWithoutACommandLineIsAFailureAtOnce) {
+  EXPECT_CALL(*m_parser, GetCmdline(0, _)).WillOnce(Return(kFailure));
+  EXPECT_EQ(Get(0), kFailure);
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, PidAllOnesIsAnInvalidArgumentAndReadsNothing) {
+  const auto parser = zym::CreateObject<StrictMock<MockParser>>();
+  EXPECT_EQ(GetProcessInfo(m_tracer.get(), parser.get(), 0xffffffff, m_info), zym::ZYM_E_INVALID_ARGUMENT);
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, TheStepsComeInTheirOrder) {
+  ReadsSucceed();
+  const InSequence sequence;
+  EXPECT_CALL(*m_parser, GetStat(77, _));
+  EXPECT_CALL(*m_parser, GetWorkingDir(77, _));
+  EXPECT_CALL(*m_parser, GetMountNamespaceId(77, _));
+  EXPECT_CALL(*m_parser, GetImagePath(77, _));
+  EXPECT_CALL(*m_parser, GetCmdline(77, _));
+  EXPECT_CALL(*m_parser, GetComm).Times(0);
+  EXPECT_EQ(Get(), zym::ZYM_OK);
+}
+
+TEST_F(ToolsTest, AFailedStatEndsTheRead) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetStat).WillOnce(Return(kFailure));
+  EXPECT_CALL(*m_parser, GetWorkingDir).Times(0);
+  EXPECT_EQ(Get(), kFailure);
+  ExpectFailedCheck("procfs->GetStat(pid, stat)", "Cannot get process status from procfs for pid: 77");
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, AFailedWorkingDirectoryEndsTheRead) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetWorkingDir).WillOnce(Return(kFailure));
+  EXPECT_CALL(*m_parser, GetMountNamespaceId).Times(0);
+  EXPECT_EQ(Get(), kFailure);
+  ExpectFailedCheck("procfs->GetWorkingDir(pid, cwd)", "Cannot get process cwd from procfs for pid: 77");
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, AFailedMountNamespaceEndsTheRead) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetMountNamespaceId).WillOnce(Return(kFailure));
+  EXPECT_CALL(*m_parser, GetImagePath).Times(0);
+  EXPECT_EQ(Get(), kFailure);
+  ExpectFailedCheck("procfs->GetMountNamespaceId(pid, mountNsId)",
+                    "Cannot get mount namespace id for pid: 77");
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, AProcessThatVanishesBeforeItsImageIsReadIsNotFound) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetImagePath).WillOnce([](PidType, NativePath&) {
+    errno = ESRCH;
+    return zym::ZYM_E_UNSPECIFIED;
+  });
+  EXPECT_CALL(*m_parser, GetCmdline).Times(0);
+  EXPECT_EQ(Get(), zym::ZYM_E_NOT_FOUND) << "whatever the reader's own result is";
+  EXPECT_TRUE(m_tracer->Has(500, "Failed to obtain image path for pid: 77, error: No such process"));
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, AProcessThatVanishesAtItsCommandLineIsNotFoundByTheReader) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetCmdline).WillOnce(Return(zym::ZYM_E_NOT_FOUND));
+  EXPECT_EQ(Get(), zym::ZYM_E_NOT_FOUND);
+  EXPECT_THAT(
+      m_tracer->Find("(cmdlineResult)"),
+      ::testing::EndsWith("(cmdlineResult),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000004c (Not found) "
+                          "Cannot get process cmdline from procfs for pid: 77"));
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, AnEmptyCommandLineIsNoFailure) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetCmdline).WillOnce(Return(zym::ZYM_FALSE));
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  ASSERT_NE(m_info.commandLine, nullptr);
+  EXPECT_EQ(*m_info.commandLine, u"");
+}
+
+TEST_F(ToolsTest, AKernelThreadHasItsNameInSquareBracketsAndFlags17AndNoCommandLine) {
+  ReadsSucceed();
+  m_stat.flags = 0x200000 | 0x40;
+  EXPECT_CALL(*m_parser, GetImagePath).Times(0);
+  EXPECT_CALL(*m_parser, GetCmdline).Times(0);
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, u"[kworker/0:1]");
+  EXPECT_EQ(m_info.flags, 17U);
+  ASSERT_NE(m_info.commandLine, nullptr);
+  EXPECT_EQ(*m_info.commandLine, u"");
+  EXPECT_TRUE(m_tracer->Has(800, "(may be modified) imagePath: [kworker/0:1]"));
+}
+
+TEST_F(ToolsTest, AKernelThreadWithoutANameHasNoImagePath) {
+  ReadsSucceed();
+  m_stat.flags = 0x200000;
+  EXPECT_CALL(*m_parser, GetComm).WillOnce(Return(kFailure));
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, u"");
+  EXPECT_EQ(m_info.flags, 17U);
+  EXPECT_TRUE(m_tracer->Has(500, "Cannot get comm for pid: 77"));
+}
+
+TEST_F(ToolsTest, ADeletedImageLosesItsSuffixAndHasNoFile) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetImagePath)
+      .WillOnce(DoAll(SetArgReferee<1>("/no/such/program (deleted)"), Return(zym::ZYM_OK)));
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, u"/no/such/program");
+  EXPECT_EQ(m_info.flags, 16U);
+  EXPECT_TRUE(m_tracer->Has(800, "procfs->GetImagePath: /no/such/program (deleted)"));
+  EXPECT_TRUE(m_tracer->Has(800, "(may be modified) imagePath: /no/such/program"));
+}
+
+TEST_F(ToolsTest, OnlyOneSuffixIsCutAndOnlyAtTheEnd) {
+  ReadsSucceed();
+  for (const auto& [path, expected, flags] :
+       {std::tuple{"/no/a (deleted) (deleted)", u"/no/a (deleted)", 16U},
+        {"/no/a (deleted)/b", u"/no/a (deleted)/b", 0U},
+        {"/no/a(deleted)", u"/no/a(deleted)", 0U},
+        {" (deleted)", u"", 16U},
+        {"/no/a (deleted) ", u"/no/a (deleted) ", 0U}}) {
+    EXPECT_CALL(*m_parser, GetImagePath).WillOnce(DoAll(SetArgReferee<1>(path), Return(zym::ZYM_OK)));
+    ASSERT_EQ(Get(), zym::ZYM_OK);
+    EXPECT_EQ(m_info.imagePath, expected) << path;
+    EXPECT_EQ(m_info.flags, flags) << path;
+  }
+}
+
+TEST_F(ToolsTest, AMissingFileWithoutTheSuffixHasFlags0) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetImagePath)
+      .WillOnce(DoAll(SetArgReferee<1>("/no/such/program"), Return(zym::ZYM_OK)));
+  ASSERT_EQ(Get(), zym::ZYM_OK);
+  EXPECT_EQ(m_info.flags, 0U);
+}
+
+TEST_F(ToolsTest, AnImagePathThatIsNotUtf8IsABadCastAndLeavesTheRecord) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetImagePath).WillOnce(DoAll(SetArgReferee<1>("/\xff"), Return(zym::ZYM_OK)));
+  EXPECT_EQ(Get(), zym::ZYM_E_BAD_CAST);
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, AWorkingDirectoryThatIsNotUtf8IsABadCastAndLeavesTheRecord) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetWorkingDir).WillOnce(DoAll(SetArgReferee<1>("/\xff"), Return(zym::ZYM_OK)));
+  EXPECT_EQ(Get(), zym::ZYM_E_BAD_CAST);
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, ATimeBeyondTheRangeOfDatesIsAFailureThatLeavesTheRecord) {
+  ReadsSucceed();
+  m_stat.directoryChangeTime = std::numeric_limits<std::int64_t>::max();
+  EXPECT_FALSE(ZYM_SUCCEEDED(Get()));
+  EXPECT_TRUE(m_tracer->Has(300, "Invalid timestamp: epoch 9223372036854775807"));
+  ExpectOldRecord(m_info);
+  m_stat.directoryChangeTime = -20'000'000'000;  // before the year 1601
+  EXPECT_FALSE(ZYM_SUCCEEDED(Get()));
+  EXPECT_TRUE(m_tracer->Has(300, "Invalid utc timestamp for posix platform "));
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(ToolsTest, NoMemoryIsAFailureThatLetsNoExceptionOut) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetStat).WillOnce([](PidType, procfs::Stat&) -> zym::result_t {
+    throw std::bad_alloc();
+  });
+  EXPECT_EQ(Get(), zym::ZYM_E_OUT_OF_MEMORY);
+  EXPECT_CALL(*m_parser, GetCreds).WillOnce([](PidType, procfs::Creds&) -> zym::result_t {
+    throw std::bad_alloc();
+  });
+  EXPECT_EQ(GetAdditionalProcessInfo(m_tracer.get(), m_parser.get(), m_info), zym::ZYM_E_OUT_OF_MEMORY);
+}
+
+// --- the additional and the full read ---
+
+TEST_F(ToolsTest, TheAdditionalReadSetsEffectiveIdsGroupsAndEnvironment) {
+  ReadsSucceed();
+  m_info.pid = 77;
+  m_info.environment = {"OLD=1"};
+  ASSERT_EQ(GetAdditionalProcessInfo(m_tracer.get(), m_parser.get(), m_info), zym::ZYM_OK);
+  EXPECT_EQ(m_info.realUserId, 103U) << "that of the base read stays";
+  EXPECT_EQ(m_info.effectiveUserId, 12U);
+  EXPECT_EQ(m_info.realGroupId, 21U);
+  EXPECT_EQ(m_info.effectiveGroupId, 22U);
+  EXPECT_THAT(m_info.environment, ::testing::ElementsAre("A=1", "B=2"));
+}
+
+TEST_F(ToolsTest, TheAdditionalReadOfTheKernelHasNothingToDo) {
+  const auto parser = zym::CreateObject<StrictMock<MockParser>>();
+  m_info.pid = 0;
+  EXPECT_EQ(GetAdditionalProcessInfo(m_tracer.get(), parser.get(), m_info), zym::ZYM_FALSE);
+}
+
+TEST_F(ToolsTest, FailedCredentialsEndTheAdditionalRead) {
+  ReadsSucceed();
+  m_info.pid = 77;
+  EXPECT_CALL(*m_parser, GetCreds).WillOnce(Return(kFailure));
+  EXPECT_CALL(*m_parser, GetEnvironmentVariables).Times(0);
+  EXPECT_EQ(GetAdditionalProcessInfo(m_tracer.get(), m_parser.get(), m_info), kFailure);
+  ExpectFailedCheck("procfs->GetCreds(pid, creds)", "Cannot get process creds from procfs for pid: 77");
+  EXPECT_FALSE(m_info.effectiveUserId);
+}
+
+TEST_F(ToolsTest, AFailedEnvironmentEndsTheAdditionalReadAndNoIdIsSet) {
+  ReadsSucceed();
+  m_info.pid = 77;
+  EXPECT_CALL(*m_parser, GetEnvironmentVariables).WillOnce(Return(kFailure));
+  EXPECT_EQ(GetAdditionalProcessInfo(m_tracer.get(), m_parser.get(), m_info), kFailure);
+  ExpectFailedCheck("procfs->GetEnvironmentVariables(pid, envVars)",
+                    "Cannot get process environ from procfs for pid: 77");
+  EXPECT_FALSE(m_info.effectiveUserId || m_info.realGroupId || m_info.effectiveGroupId);
+}
+
+TEST_F(ToolsTest, TheFullReadIsBoth) {
+  ReadsSucceed();
+  ASSERT_EQ(GetFullProcessInfo(m_tracer.get(), m_parser.get(), 77, m_info), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, u"/usr/bin/pr\u00f6gram");
+  EXPECT_EQ(m_info.realUserId, 1001U);
+  EXPECT_EQ(m_info.effectiveUserId, 12U);
+}
+
+TEST_F(ToolsTest, AFailedBaseReadIsAFailureOfTheFullOne) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetStat).WillOnce(Return(kFailure));
+  EXPECT_CALL(*m_parser, GetCreds).Times(0);
+  EXPECT_EQ(GetFullProcessInfo(m_tracer.get(), m_parser.get(), 77, m_info), kFailure);
+  ExpectFailedCheck("GetProcessInfo(tracer, procfs, pid, pinfo)",
+                    "Cannot get full process info from procfs for pid: 77");
+}
+
+TEST_F(ToolsTest, AFailedAdditionalReadIsAFailureOfTheFullOneToo) {
+  ReadsSucceed();
+  EXPECT_CALL(*m_parser, GetCreds).WillOnce(Return(kFailure));
+  EXPECT_EQ(GetFullProcessInfo(m_tracer.get(), m_parser.get(), 77, m_info), kFailure);
+  ExpectFailedCheck("GetAdditionalProcessInfo(tracer, procfs, pinfo)",
+                    "Cannot get additional process info from procfs for pid: 77");
+  EXPECT_EQ(m_info.pid, 77U) << "what was read before stays";
+}
+
+TEST_F(ToolsTest, TheFullReadOfTheKernelIsASuccess) {
+  EXPECT_CALL(*m_parser, GetCmdline(0, _)).WillOnce(Return(zym::ZYM_OK));
+  EXPECT_EQ(GetFullProcessInfo(m_tracer.get(), m_parser.get(), 0, m_info), zym::ZYM_OK);
+}
+
+// --- GetPid ---
+
+using system_interceptors::process_manager::IProcessControl;
+using system_interceptors::process_manager::IProcessInformation;
+using system_interceptors::process_manager::IProcessInformationEnumerator;
+using system_interceptors::process_manager::IProcessManager;
+using PublicRecord = system_interceptors::process_manager::ProcessInformation;
+
+class FakeProcessInformation : public zym::object::Ifaces<IProcessInformation> {
+ public:
+  explicit FakeProcessInformation(zym::result_t result) : m_result(result) {}
+  zym::result_t GetInformation(PublicRecord& info) override {
+    if (ZYM_SUCCEEDED(m_result)) info.pid = 77;
+    return m_result;
+  }
+
+ private:
+  zym::result_t m_result;
+};
+
+class FakeProcessManager : public zym::object::Ifaces<IProcessManager> {
+ public:
+  zym::result_t Enumerate(IProcessInformationEnumerator**) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
+  zym::result_t GetInformation(PidType, IProcessInformation**) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
+  zym::result_t GetInformationByUniqueId(const UniquePidType& id,
+                                         IProcessInformation** information) override {
+    if (id != 1234) return kFailure;
+    *information = zym::CreateObject<FakeProcessInformation>(recordResult).Detach();
+    return zym::ZYM_OK;
+  }
+  zym::result_t GetControl(PidType, IProcessControl**) override { return zym::ZYM_E_NOT_IMPLEMENTED; }
+  zym::result_t GetControlByUniqueId(const UniquePidType&, IProcessControl**) override {
+    return zym::ZYM_E_NOT_IMPLEMENTED;
+  }
+
+  zym::result_t recordResult = zym::ZYM_OK;
+};
+
+class GetPidTest : public ToolsTest {
+ protected:
+  GetPidTest() { m_host.locator->Add(m_manager); }
+  zym::result_t GetPid(UniquePidType uniquePid) {
+    return qor::process_manager::GetPid(m_host.locator.get(), m_tracer.get(), uniquePid, m_pid);
+  }
+
+  test_support::FakeHost m_host;
+  zym::intrusive_ptr<FakeProcessManager> m_manager = zym::CreateObject<FakeProcessManager>();
+  PidType m_pid = 99;
+};
+
+TEST_F(GetPidTest, GivesThePidOfAnImage) {
+  ASSERT_EQ(GetPid(1234), zym::ZYM_OK);
+  EXPECT_EQ(m_pid, 77U);
+  EXPECT_TRUE(m_tracer->Has(800, "GetPid: uniquePid 1234 corresponds to pid 77"));
+}
+
+TEST_F(GetPidTest, AMissingProcessManagerIsAFailedCheck) {
+  m_host.locator->FailWith(IProcessManager::kIid, kFailure);
+  EXPECT_EQ(GetPid(1234), kFailure);
+  EXPECT_THAT(m_tracer->Find("Failed to get IProcessManager"),
+              HasSubstr("failed: result = 0x8000006a (Invalid state) Failed to get IProcessManager"));
+  EXPECT_EQ(m_pid, 99U);
+}
+
+TEST_F(GetPidTest, AnUnknownUniquePidIsAFailedCheck) {
+  EXPECT_EQ(GetPid(5), kFailure);
+  ExpectFailedCheck("processManager->GetInformationByUniqueId(uniquePid, processInformation.Ref())",
+                    "Failed to get IProcessInformation for uniquePid 5");
+  EXPECT_EQ(m_pid, 99U);
+}
+
+TEST_F(GetPidTest, ARecordThatCannotBeHadIsAFailedCheck) {
+  m_manager->recordResult = kFailure;
+  EXPECT_EQ(GetPid(1234), kFailure);
+  ExpectFailedCheck("processInformation->GetInformation(informationOfProcess)",
+                    "Failed to get ProcessInformation");
+  EXPECT_EQ(m_pid, 99U);
+}
+
+// --- real processes ---
+
+class RealProcessTest : public ::testing::Test {
+ protected:
+  ~RealProcessTest() override {
+    m_parser.Reset();
+    EXPECT_EQ(zym::ModuleObjectCounter::Value(), m_objects);
+  }
+
+  zym::result_t Get(PidType pid) { return GetProcessInfo(m_host.tracer.get(), m_parser.get(), pid, m_info); }
+
+  test_support::FakeHost m_host;
+  std::int32_t m_objects = zym::ModuleObjectCounter::Value();
+  zym::intrusive_ptr<procfs::ProcParser> m_parser =
+      zym::CreateObject<procfs::ProcParser>(m_host.locator.get());
+  ProcessInformation m_info;
+};
+
+zym::types::string16_t Wide(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+// A copy of the shell of the test's own, under any name.
+std::string CopyShell(const TempDirectory& directory, const std::string& name) {
+  const std::string shell = directory.Place(name);
+  std::filesystem::copy_file("/bin/sh", shell);
+  return shell;
+}
+
+TEST_F(RealProcessTest, AShellIsDescribed) {
+  const TempDirectory directory;
+  const std::string shell = CopyShell(directory, "sh");
+  const Child child = Child::Shell(shell, {"argument"});
+  ASSERT_EQ(GetFullProcessInfo(m_host.tracer.get(), m_parser.get(), child.Pid(), m_info), zym::ZYM_OK);
+  struct stat directoryOfProcess {};
+  struct stat ns {};
+  ASSERT_EQ(::stat(("/proc/" + std::to_string(child.Pid())).c_str(), &directoryOfProcess), 0);
+  ASSERT_EQ(::stat("/proc/self/ns/mnt", &ns), 0);
+  EXPECT_EQ(m_info.pid, child.Pid());
+  EXPECT_EQ(m_info.parentPid, static_cast<PidType>(::getpid()));
+  EXPECT_EQ(m_info.sessionId, static_cast<PidType>(::getsid(0)));
+  EXPECT_EQ(m_info.startTime, directoryOfProcess.st_ctim.tv_sec * 10'000'000 + 116'444'736'000'000'000);
+  EXPECT_EQ(m_info.imagePath, Wide(shell));
+  EXPECT_EQ(m_info.workingDirectory, Wide(std::filesystem::current_path().string()));
+  EXPECT_EQ(*m_info.commandLine, Wide(shell + " -c echo; read line shell argument"));
+  EXPECT_EQ(m_info.flags, 0U);
+  EXPECT_EQ(m_info.realUserId, ::getuid());
+  EXPECT_EQ(m_info.effectiveUserId, ::geteuid());
+  EXPECT_EQ(m_info.realGroupId, ::getgid());
+  EXPECT_EQ(m_info.effectiveGroupId, ::getegid());
+  EXPECT_EQ(m_info.mountNamespaceId, ns.st_ino);
+  EXPECT_FALSE(m_info.environment.empty());
+}
+
+TEST_F(RealProcessTest, ARunningProgramWhoseFileWasDeletedHasItsPathAndFlags16) {
+  const TempDirectory directory;
+  const std::string shell = CopyShell(directory, "sh");
+  const Child child = Child::Shell(shell);
+  ASSERT_EQ(::unlink(shell.c_str()), 0);
+  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, Wide(shell));
+  EXPECT_EQ(m_info.flags, 16U);
+}
+
+TEST_F(RealProcessTest, AProgramWhoseNameReallyEndsSoKeepsItAndFlags0) {
+  const TempDirectory directory;
+  const std::string shell = CopyShell(directory, "sh (deleted)");
+  const Child child = Child::Shell(shell);
+  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, Wide(shell));
+  EXPECT_EQ(m_info.flags, 0U);
+}
+
+TEST_F(RealProcessTest, AProgramWhoseNameEndedSoAndWhoseFileWasDeletedLosesOneSuffix) {
+  const TempDirectory directory;
+  const std::string shell = CopyShell(directory, "sh (deleted)");
+  const Child child = Child::Shell(shell);
+  ASSERT_EQ(::unlink(shell.c_str()), 0);
+  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, Wide(shell));
+  EXPECT_EQ(m_info.flags, 16U);
+}
+
+TEST_F(RealProcessTest, AKernelThreadIsDescribed) {
+  std::string comm;
+  if (!ZYM_SUCCEEDED(m_parser->GetComm(2, comm)) || comm != "kthreadd")
+    GTEST_SKIP() << "no kernel thread is to be seen: run in the machine's first pid namespace";
+  ASSERT_EQ(Get(2), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, u"[kthreadd]");
+  EXPECT_EQ(m_info.flags, 17U);
+  EXPECT_EQ(*m_info.commandLine, u"");
+}
+
+TEST_F(RealProcessTest, TheKernelIsDescribed) {
+  ASSERT_EQ(GetFullProcessInfo(m_host.tracer.get(), m_parser.get(), 0, m_info), zym::ZYM_OK);
+  EXPECT_EQ(m_info.imagePath, u"kernel memory");
+  EXPECT_FALSE(m_info.commandLine->empty());
+  EXPECT_FALSE(m_host.tracer->Has("Kernel statistic")) << "stat isn't asked for";
+}
+
+TEST_F(RealProcessTest, AProcessThatIsGoneIsNotFound) {
+  Child child = Child::Forked();
+  const PidType pid = child.Pid();
+  child.End();
+  m_info = OldRecord();
+  EXPECT_EQ(Get(pid), zym::ZYM_E_NOT_FOUND);
+  EXPECT_THAT(m_host.tracer->Find("procfs->GetStat"),
+              MatchesRegex("process_manager/tools.cpp:[0-9]+\\(procfs->GetStat\\(pid, "
+                           "stat\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004c \\(Not "
+                           "found\\) Cannot get process status from procfs for pid: " +
+                           std::to_string(pid)));
+  ExpectOldRecord(m_info);
+}
+
+TEST_F(RealProcessTest, AZombieIsNotFound) {
+  const Child child = Child::Forked();
+  child.Kill();
+  EXPECT_EQ(Get(child.Pid()), zym::ZYM_E_NOT_FOUND);
+}
+
+TEST_F(RealProcessTest, AProcessOfAnotherMountNamespaceIsDescribed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "a mount namespace needs CAP_SYS_ADMIN: run as root";
+  const Child child = Child::Forked([] { return ::unshare(CLONE_NEWNS) == 0; });
+  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
+  const std::uint64_t other = m_info.mountNamespaceId;
+  ASSERT_EQ(Get(static_cast<PidType>(::getpid())), zym::ZYM_OK);
+  EXPECT_NE(m_info.mountNamespaceId, other);
+}
+
+TEST_F(RealProcessTest, NameWithParenthesesChangesNothing) {
+  const Child child = Child::Forked([] { return ::prctl(PR_SET_NAME, ") R 0 (x") == 0; });
+  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
+  EXPECT_EQ(m_info.parentPid, static_cast<PidType>(::getpid()));
+  EXPECT_EQ(m_info.flags, 0U);
+}
+
+}  // namespace
+}  // namespace qor::process_manager
