@@ -153,7 +153,7 @@ class ToolsTest : public ::testing::Test {
   // Exactly this text behind the place of the check.
   void ExpectFailedCheck(const std::string& expression, const std::string& message) {
     const std::string text = m_tracer->Find("(" + expression + ")");
-    EXPECT_THAT(text, ::testing::StartsWith("process_manager/tools.cpp:"));
+    EXPECT_THAT(text, ::testing::StartsWith("process_manager/process/tools.cpp:"));
     EXPECT_THAT(
         text, ::testing::EndsWith("(" + expression +
                                   "),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) " +
@@ -674,7 +674,7 @@ TEST_F(RealProcessTest, AProcessThatIsGoneIsNotFound) {
   m_info = OldRecord();
   EXPECT_EQ(Get(pid), zym::ZYM_E_NOT_FOUND);
   EXPECT_THAT(m_host.tracer->Find("procfs->GetStat"),
-              MatchesRegex("process_manager/tools.cpp:[0-9]+\\(procfs->GetStat\\(pid, "
+              MatchesRegex("process_manager/process/tools.cpp:[0-9]+\\(procfs->GetStat\\(pid, "
                            "stat\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004c \\(Not "
                            "found\\) Cannot get process status from procfs for pid: " +
                            std::to_string(pid)));

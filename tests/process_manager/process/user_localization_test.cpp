@@ -155,7 +155,7 @@ TEST_F(ProcessUserLocalizationProviderTest, WithoutAReaderOfProcTheLocatorsCodeI
   EXPECT_EQ(provider->GetProcessUserLocalization(kPid, localization), zym::ZYM_E_LOCKED);
   EXPECT_EQ(std::u16string_view(localization), u"untouched");
   const std::string record = m_host.tracer->Find("failed: result");
-  EXPECT_NE(record.find("process_manager/user_localization.cpp:"), std::string::npos) << record;
+  EXPECT_NE(record.find("process_manager/process/user_localization.cpp:"), std::string::npos) << record;
   EXPECT_NE(
       record.find("(zym::GetInterface(GetServiceLocator(), procfsParser.Ref())),(ZYM_SUCCEEDED(_result)) "
                   "failed: result = 0x8000004f (Locked)"),
