@@ -116,7 +116,7 @@ TEST(ProcessRecord, TheFieldsOfWhatIsReadFromProcStandInTheirOrder) {
   EXPECT_TRUE(StandInThisOrder(m.begin, m.end, m.permissions, m.protection, m.offset, m.deviceMajor,
                                m.deviceMinor, m.inode, m.path));
   const procfs::IOMemRange g;
-  EXPECT_TRUE(StandInThisOrder(g.begin, g.end, g.name));
+  EXPECT_TRUE(StandInThisOrder(g.first, g.last, g.name));
   const procfs::ModuleEntry e;
   EXPECT_TRUE(StandInThisOrder(e.name, e.size, e.referenceCount, e.state, e.offset));
   const procfs::ModuleSection t;
