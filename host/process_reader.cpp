@@ -21,7 +21,6 @@ namespace {
 using namespace system_interceptors::process_manager;
 
 constexpr std::uint32_t kKernel = 0;
-constexpr std::uint32_t kKernelThread = 0x200000;  // PF_KTHREAD, include/linux/sched.h
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 std::int64_t Nanoseconds(clockid_t clock) {
@@ -185,26 +184,27 @@ Reach ProcessReader::ReachOfLiving(std::uint32_t pid, qor::procfs::Stat& stat) {
   if (result == zym::ZYM_E_NOT_FOUND || (ZYM_SUCCEEDED(result) && HasEnded(stat))) return Reach::kGone;
   // The first that a process loses when it ends is its memory, and with it the link to its program; a thread
   // of the kernel never had it.
-  return ReachOf(pid, (stat.flags & kKernelThread) != 0 ? "cwd" : "exe");
+  return ReachOf(pid, stat.IsKernelThread() ? "cwd" : "exe");
 }
 
 std::optional<KnownProcess> ProcessReader::ReadInPart(std::uint32_t pid) {
   qor::procfs::Stat stat;
   const Reach reach = ReachOfLiving(pid, stat);
   if (reach == Reach::kGone) return std::nullopt;
-  KnownProcess process{.record = {.pid = pid,
-                                  .creatorPid = qor::kNoPid,
-                                  .parentPid = qor::kNoPid,
-                                  .uniquePid = qor::kNoUniquePid,
-                                  .creatorUniquePid = qor::kNoUniquePid,
-                                  .parentUniquePid = qor::kNoUniquePid,
-                                  .state = qor::kCreated},
-                       .denied = reach == Reach::kDenied};
+  KnownProcess process{.denied = reach == Reach::kDenied};
+  qor::process_manager::AssignGroup<qor::process_manager::ProcessIds>(process.record,
+                                                                      {.pid = pid,
+                                                                       .creatorPid = qor::kNoPid,
+                                                                       .parentPid = qor::kNoPid,
+                                                                       .uniquePid = qor::kNoUniquePid,
+                                                                       .creatorUniquePid = qor::kNoUniquePid,
+                                                                       .parentUniquePid = qor::kNoUniquePid});
+  process.record.state = qor::kCreated;
   if (stat.pid == pid) {  // it could be read
     process.record.parentPid = stat.ppid;
     process.record.startTime = StartTimeOf(stat);
     process.sessionId = stat.session;
-    if ((stat.flags & kKernelThread) != 0) {
+    if (stat.IsKernelThread()) {
       process.flags = qor::kSystemProcess | qor::kNoBackingImage;
       process.record.imagePath = DecodeBytes("[" + stat.comm + "]");
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <functional>
 
 #include "process_manager/interception/filter.h"
@@ -99,6 +100,27 @@ TEST(ProcessRecord, TheFieldsOfBothRecordsStandInTheirOrder) {
   EXPECT_TRUE(StandInThisOrder(p.pid, p.creatorPid, p.parentPid, p.uniquePid, p.creatorUniquePid,
                                p.parentUniquePid, p.sessionId, p.startTime, p.exitTime, p.imagePath,
                                p.workingDirectory, p.commandLine, p.userId, p.flags, p.state));
+}
+
+// The groups are bases; a field lies where it would without them.
+TEST(ProcessRecord, TheGroupsLieOneBehindTheOther) {
+  const auto offset = [](const auto& record, const auto& field) {
+    return static_cast<std::size_t>(reinterpret_cast<const char*>(&field) -
+                                    reinterpret_cast<const char*>(&record));
+  };
+  const Info i;
+  EXPECT_EQ(offset(i, i.pid), 0U);
+  EXPECT_EQ(offset(i, i.sessionId), 40U);
+  EXPECT_EQ(offset(i, i.imagePath), 64U);
+  EXPECT_EQ(offset(i, i.flags), 64 + 2 * sizeof(i.imagePath) + sizeof(i.commandLine));
+  EXPECT_EQ(offset(i, i.realUserId), offset(i, i.state) + 4);
+  EXPECT_EQ(offset(i, i.environment), offset(i, i.realUserId) + 32);
+  EXPECT_EQ(sizeof(i), offset(i, i.mountNamespaceId) + 8);
+  const system_interceptors::process_manager::ProcessInformation p;
+  EXPECT_EQ(offset(p, p.pid), 0U);
+  EXPECT_EQ(offset(p, p.sessionId), 40U);
+  EXPECT_EQ(offset(p, p.imagePath), 64U);
+  EXPECT_EQ(sizeof(p), offset(p, p.state) + 4);
 }
 
 TEST(ProcessRecord, TheFieldsOfWhatIsReadFromProcStandInTheirOrder) {
