@@ -79,7 +79,7 @@ void Event::PutImage(ImageDescriptors descriptors) noexcept try {
   static_cast<void>(descriptors.file.Release());
   static_cast<void>(descriptors.directory.Release());
   zym::objptr_t<zym::IObject> object;
-  static_cast<void>(io->QueryInterface(zym::IObject::kIid, reinterpret_cast<void**>(object.Ref())));
+  static_cast<void>(zym::QueryInterface(io, object.Ref()));
   const zym::types::variant_t value(std::move(object));
   constexpr zym::propid_t kExecutable = si_ep::create_process_event::extended_parameters::ExecutableFileIO;
   if (ZYM_SUCCEEDED(ZYM_REPORT_RESULT(GetTracer(), Put(kExecutable, &value), "Failed to put qor::IO")))
