@@ -119,9 +119,10 @@ result_t ExceptionToResult(ITracer* tracer, std::string_view prefix) noexcept {
   return Translate(record);
 }
 
-result_t ExceptionInFunctionToResult(ITracer* tracer, std::string_view function) noexcept {
+result_t ExceptionInFunctionToResult(ITracer* tracer, std::string_view function,
+                                     std::string_view before) noexcept {
   trace::Record record(tracer, trace::kFailure);
-  if (record) record << function << ": ";
+  if (record) record << before << function << ": ";
   return Translate(record);
 }
 

@@ -13,7 +13,8 @@ namespace zym {
 // Terminates the process if even this raises.
 result_t ExceptionToResult(ITracer* tracer, std::string_view prefix = {}) noexcept;
 
-// The same with "<function>: " as the prefix.
-result_t ExceptionInFunctionToResult(ITracer* tracer, std::string_view function) noexcept;
+// The same with "<before><function>: " as the prefix.
+result_t ExceptionInFunctionToResult(ITracer* tracer, std::string_view function,
+                                     std::string_view before = {}) noexcept;
 
 }  // namespace zym

@@ -192,3 +192,9 @@ TEST_F(ExceptionToResultTest, NamesTheFunctionThatCaught) {
 
 }  // namespace
 }  // namespace zym
+  try {
+    throw std::runtime_error("broken");
+  } catch (...) {
+    ExceptionInFunctionToResult(m_tracer.get(), "Get", "Unexpected exception in ");
+  }
+  EXPECT_EQ(Last(), "Unexpected exception in Get: broken");

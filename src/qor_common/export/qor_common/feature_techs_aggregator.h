@@ -32,7 +32,6 @@ class FeatureTechsAggregator : public zym::object::Ifaces<IFeatureTechsAggregato
   bool IsExploitPreventionActive();
   bool IsAepEnabled();
   void AddExploitPrevention(Table& table, std::uint32_t feature);
-  zym::ITracer* Unlock(std::unique_lock<std::mutex>& lock);
 
   std::mutex m_mutex;  // guards m_aggregated; never held across a call to another object
   Table m_aggregated;
