@@ -130,7 +130,7 @@ class Exception : public exception {
  public:
   using exception::exception;
 
-  // The message in UTF-16.
+  // The message in UTF-16. U+FFFD stands for each byte of it that is not UTF-8.
   virtual types::string16_t Message() const;
   // "message. At file(line) ": what a boundary traces.
   [[nodiscard]] types::string16_t Description() const;
@@ -147,9 +147,7 @@ class ExceptionBase : public B {
     return static_cast<D&>(*this);
   }
   D& operator<<(const char* text) { return *this << std::string_view(text); }
-  D& operator<<(std::u16string_view text) {
-    return *this << std::string_view(Utf16ToUtf8(text).value_or("<invalid UTF-16>"));
-  }
+  D& operator<<(std::u16string_view text) { return *this << std::string_view(Utf16ToUtf8Lossy(text)); }
   template <std::integral N>
   D& operator<<(N value) {
     char digits[24];

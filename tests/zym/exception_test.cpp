@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 
@@ -51,6 +52,14 @@ TEST(Exception, AppendingKeepsTheType) {
     EXPECT_EQ(e.Message(), u"pid 5 caf\u00e9");
     EXPECT_EQ(e.Description(), u"pid 5 caf\u00e9. At a.cpp(1) ");
   }
+}
+
+TEST(Exception, TextThatIsNotUtf8KeepsTheRestOfTheMessage) {
+  EXPECT_EQ(SystemException("a.cpp", 1, ENOENT, "Cannot open /tmp/odd\xff/x").Description(),
+            u"Cannot open /tmp/odd\uFFFD/x: 0x80010102 (File not found). At a.cpp(1) ");
+  const char16_t lone[] = {u'a', 0xd800, u'b'};
+  EXPECT_EQ((CheckFailedException("a.cpp", 1) << "text " << std::u16string_view(lone, 3)).Message(),
+            u"text a\uFFFDb");
 }
 
 TEST(Exception, AResultCodeStandsBehindTheMessage) {
