@@ -115,6 +115,15 @@ std::optional<char32_t> TakeCodePoint(std::u16string_view& text) noexcept {
   return 0x10000 + ((first - 0xd800) << 10) + (second - 0xdc00);
 }
 
+std::size_t Utf8Run(std::string_view text) noexcept {
+  std::string_view rest = text;
+  for (;;) {
+    rest.remove_prefix(AsciiRun(rest));
+    const std::size_t run = text.size() - rest.size();
+    if (rest.empty() || !TakeCodePoint(rest)) return run;
+  }
+}
+
 std::size_t EncodeUtf8(char32_t point, char* out) noexcept {
   const auto tail = [&](int shift) { return static_cast<char>(0x80 | ((point >> shift) & 0x3f)); };
   if (point < 0x80) {

@@ -24,6 +24,9 @@ std::string Utf16ToUtf8Lossy(std::u16string_view text);
 
 inline constexpr char32_t kReplacementCharacter = U'\uFFFD';
 
+// How many bytes at the front of `text` are whole code points.
+std::size_t Utf8Run(std::string_view text) noexcept;
+
 // Decodes one code point at the front of `text` and drops it from there. An invalid sequence drops one unit
 // and returns no value. `text` must not be empty.
 std::optional<char32_t> TakeCodePoint(std::string_view& text) noexcept;

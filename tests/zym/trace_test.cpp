@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <new>
 #include <string>
 
@@ -47,6 +48,31 @@ TEST_F(TraceTest, AUtf16TextWithALoneSurrogateIsTracedWithAReplacement) {
   const char16_t lone[] = {u'a', 0xd800, u'b'};
   ZYM_TRACE(m_tracer, trace::kCall, std::u16string_view(lone, 3));
   EXPECT_EQ(Last(), "a\uFFFDb");
+}
+
+TEST_F(TraceTest, ARecordIsUtf8WhateverTheTextIsMadeOf) {
+  ZYM_TRACE(m_tracer, trace::kCall, "path: /tmp/odd\xff\xfe caf\u00e9 " << '\x80' << "\xe2\x82");
+  EXPECT_EQ(Last(), "path: /tmp/odd\uFFFD\uFFFD caf\u00e9 \uFFFD\uFFFD\uFFFD");
+}
+
+TEST_F(TraceTest, InHexadecimalANegativeNumberShowsItsBits) {
+  ZYM_TRACE(m_tracer, trace::kCall, trace::hex << -1 << " " << std::int64_t{-2} << " " << std::int16_t{-1});
+  EXPECT_EQ(Last(), "ffffffff fffffffffffffffe ffff");
+}
+
+template <class T>
+concept CanBeTraced = requires(trace::Record& record, T value) {
+  record << value;
+};
+
+TEST_F(TraceTest, APointerIsNoTextUnlessItsCharactersAreBytes) {
+  static_assert(!CanBeTraced<int*> && !CanBeTraced<const void*> && !CanBeTraced<void (*)()>);
+  static_assert(!CanBeTraced<const char16_t*> && !CanBeTraced<char16_t(&)[4]>);
+  static_assert(CanBeTraced<const char*> && CanBeTraced<char*> && CanBeTraced<const char(&)[4]>);
+  static_assert(CanBeTraced<bool> && CanBeTraced<std::u16string_view>);
+  char bytes[] = "bytes";
+  ZYM_TRACE(m_tracer, trace::kCall, bytes << true);
+  EXPECT_EQ(Last(), "bytestrue");
 }
 
 TEST_F(TraceTest, ACodeHasEightDigitsAndItsText) {
