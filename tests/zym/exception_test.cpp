@@ -165,6 +165,22 @@ TEST_F(ExceptionToResultTest, WalksNestedExceptionsOutermostFirstAndTakesTheFirs
   EXPECT_EQ(m_tracer->Records().size(), 1U);
 }
 
+TEST_F(ExceptionToResultTest, ATextNestedInWhatIsNoStandardExceptionIsTraced) {
+  struct Odd {};
+  result_t result = ZYM_OK;
+  try {
+    try {
+      throw std::length_error("inner");
+    } catch (...) {
+      std::throw_with_nested(Odd());
+    }
+  } catch (...) {
+    result = ExceptionToResult(m_tracer.get(), "Prefix: ");
+  }
+  EXPECT_EQ(result, ZYM_E_UNKNOWN_EXCEPTION) << "the first that has a code";
+  EXPECT_EQ(Last(), "Prefix: unknown exceptioninner");
+}
+
 // The translation is what failures end in: it can't fail itself.
 TEST_F(ExceptionToResultTest, AnExceptionWhoseDescriptionCantBeMadeIsTracedByWhatItSays) {
   class Wordless : public Exception {
@@ -197,13 +213,13 @@ TEST_F(ExceptionToResultTest, NamesTheFunctionThatCaught) {
     ExceptionInFunctionToResult(m_tracer.get(), "PollTask");
   }
   EXPECT_EQ(Last(), "PollTask: broken");
-}
-
-}  // namespace
-}  // namespace zym
   try {
     throw std::runtime_error("broken");
   } catch (...) {
     ExceptionInFunctionToResult(m_tracer.get(), "Get", "Unexpected exception in ");
   }
   EXPECT_EQ(Last(), "Unexpected exception in Get: broken");
+}
+
+}  // namespace
+}  // namespace zym
