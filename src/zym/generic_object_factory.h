@@ -14,10 +14,11 @@ inline constexpr std::string_view kConstructionPrefix = "Exception during object
 template <class Strategy>
 class ObjectRootEx : private Strategy {};
 
-// Translates the exception in flight with the locator's tracer, if it has one.
+// Translates the exception in flight with the locator's tracer, if it has one that takes a failure.
 inline result_t ConstructionExceptionToResult(IServiceLocator* locator, std::string_view prefix) noexcept {
   intrusive_ptr<ITracer> tracer;
   if (locator != nullptr) static_cast<void>(GetInterface(locator, tracer.Ref()));
+  if (trace::kFailure > *trace::CeilingOf(tracer.get())) tracer.Reset();
   return ExceptionToResult(tracer.get(), prefix);
 }
 
@@ -59,6 +60,9 @@ class GenericObjectFactory : public ObjectRootEx<NoServiceStrategy>, public obje
       return result;
     return object->QueryInterface(iid, out);
   }
+
+ protected:
+  ~GenericObjectFactory() = default;
 };
 
 template <class T>

@@ -50,7 +50,7 @@ inline constexpr std::uint32_t kDefaultCeiling = 1000;  // and the level of a ca
 
 }  // namespace trace
 
-// The host's source of the level ceiling, found by QueryInterface on its tracer.
+// The host's source of the level ceiling, found by QueryInterface on its tracer. Every class holds to it.
 struct ITraceLevelSource : IObject {
   static constexpr iid_t kIid = 0x9397b017;
 

@@ -12,6 +12,7 @@
 #include "process_manager/entry.h"
 #include "support/own_process.h"
 #include "zym/intrusive_ptr.h"
+#include "zym/service_provider.h"
 
 namespace test_support {
 

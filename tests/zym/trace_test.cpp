@@ -6,9 +6,13 @@
 #include <cstdint>
 #include <new>
 #include <string>
+#include <type_traits>
 
 #include "support/fake_services.h"
+#include "zym/ceiling_tracer.h"
+#include "zym/generic_object_factory.h"
 #include "zym/prefix_tracer.h"
+#include "zym/service_provider.h"
 
 namespace zym {
 namespace {
@@ -304,6 +308,56 @@ TEST_F(TraceTest, AChangeOfTheCeilingTakesEffectWithTheNextRecord) {
   ZYM_TRACE(prefixed, trace::kCall, "told");
   ASSERT_EQ(m_tracer->Records().size(), 1U);
   EXPECT_EQ(Last(), "A::told");
+}
+
+class Plain : public object::Ifaces<>, public ServiceProvider<IServiceLocator, ITracer>, public NonCopyable {
+ public:
+  explicit Plain(IServiceLocator* locator) : ServiceProvider(locator) {}
+};
+
+TEST_F(TraceTest, TheCeilingHoldsForAClassThatKeepsTheLocatorsTracer) {
+  const test_support::FakeHost host;
+  const auto plain = CreateObject<Plain>(host.locator.get());
+  host.tracer->SetCeiling(trace::kFailure);
+  ZYM_TRACE(plain->GetTracer(), trace::kCall, "held back");
+  EXPECT_EQ(host.tracer->OpenCalls(), 0U) << "the host isn't asked";
+  ZYM_TRACE(plain->GetTracer(), trace::kFailure, "x " << std::string(3000, 'y'));
+  EXPECT_EQ(host.tracer->Records().back().text, "x " + std::string(3000, 'y')) << "no prefix";
+  host.tracer->SetCeiling(trace::kCall);
+  ZYM_TRACE(plain->GetTracer(), trace::kCall, "passed on");
+  EXPECT_EQ(host.tracer->Records().back().text, "passed on");
+}
+
+TEST_F(TraceTest, TheCeilingHoldsForAnExceptionOfAConstruction) {
+  const test_support::FakeHost host;
+  host.tracer->SetCeiling(trace::kFailure - 1);
+  try {
+    throw std::bad_alloc();
+  } catch (...) {
+    EXPECT_EQ(ConstructionExceptionToResult(host.locator.get(), kConstructionPrefix), ZYM_E_OUT_OF_MEMORY);
+  }
+  EXPECT_EQ(host.tracer->OpenCalls(), 0U);
+}
+
+TEST_F(TraceTest, ATracerIsEndedByItsReleaseAlone) {
+  static_assert(!std::is_destructible_v<trace::PrefixTracer>);
+  const auto prefixed = trace::WithPrefix(m_tracer, "A");
+  EXPECT_EQ(prefixed->AddRef(), 2U);
+  EXPECT_EQ(prefixed->Release(), 1U);
+}
+
+TEST_F(TraceTest, ATracerThatHoldsToTheCeilingIsItsSourceAndDoesNotCount) {
+  const std::int32_t before = ModuleObjectCounter::Value();
+  const intrusive_ptr<ITracer> held = trace::WithCeiling(m_tracer);
+  EXPECT_NE(held, m_tracer.get());
+  EXPECT_EQ(trace::CeilingOf(held.get()), m_tracer->GetLevelPtr());
+  EXPECT_EQ(ModuleObjectCounter::Value(), before);
+}
+
+TEST_F(TraceTest, ATracerWithoutACeilingIsKeptAsItIs) {
+  const auto host = CreateObject<HostPrefix>(m_tracer);
+  EXPECT_EQ(trace::WithCeiling(host), host.get());
+  EXPECT_FALSE(trace::WithCeiling({}));
 }
 
 TEST_F(TraceTest, ALongMessageKeepsItsPrefixThroughGrowth) {
