@@ -3,7 +3,7 @@
 //
 //   std::exception
 //     zym::exception                     file, line, shared details
-//       zym::GetInterfaceException       a required interface can't be had
+//       zym::GetInterfaceException       a required interface is missing
 //       zym::Exception                   a message of its own
 //         zym::ResultCodeException       with a result code
 //           zym::CheckResultFailedException
@@ -119,7 +119,7 @@ class exception : public std::exception {
   std::shared_ptr<Details> m_details;
 };
 
-// A required interface can't be had from the locator.
+// The locator doesn't give a required interface.
 class GetInterfaceException : public exception {
  public:
   GetInterfaceException(const char* file, int line, std::uint32_t iid, std::uint32_t serviceKey,
