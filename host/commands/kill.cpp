@@ -12,6 +12,7 @@
 #include "host/output/json.h"
 #include "host/output/line_writer.h"
 #include "host/output/shown_text.h"
+#include "host/proc_files.h"
 #include "host/process_reader.h"
 
 namespace pmhost {
