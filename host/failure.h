@@ -17,7 +17,7 @@ class Failure : public std::runtime_error {
 // "what: Access denied (0x80000045)"
 std::string Explain(const std::string& what, zym::result_t result);
 
-// Throws Failure for a result that is none.
+// Throws Failure unless the result is a success.
 void Require(zym::result_t result, const std::string& what);
 
 }  // namespace pmhost

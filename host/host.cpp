@@ -9,7 +9,6 @@
 #include "host/services/services.h"
 #include "host/services/tracer.h"
 #include "process_manager/interceptor_settings.h"
-#include "process_manager/proc_parser.h"
 #include "qor_common/feature_techs_aggregator.h"
 
 namespace pmhost {
@@ -58,6 +57,8 @@ Host::~Host() {
 
 void Host::Release() {
   m_interceptor.Reset();
+  m_processManager.Reset();
+  m_parser.Reset();
   m_cache.Reset();
   m_features.Reset();
   m_locator->Clear();
@@ -66,8 +67,8 @@ void Host::Release() {
 // What the module itself offers to its other parts, through the host.
 void Host::AddModuleServices() {
   zym::IServiceLocator* const locator = m_locator.get();
-  m_locator->Add(
-      m_module.Make<qor::procfs::IParser>(qor::class_ids::kProcParser, locator, "the reader of /proc"));
+  m_parser = m_module.Make<qor::procfs::IParser>(qor::class_ids::kProcParser, locator, "the reader of /proc");
+  m_locator->Add(m_parser);
   const SettingsCreationRecord settings{.base = {.locator = locator}, .tracer = nullptr, .settings = nullptr};
   m_locator->Add(m_module.Create<IInterceptorSettingsSubscription>(
       qor::class_ids::kInterceptorSettingsSubscription, settings.base, "the settings subscription"));
@@ -75,8 +76,15 @@ void Host::AddModuleServices() {
                                                   "the process cache");
   m_locator->Add(m_cache);
   zym::intrusive_ptr<IEventInfoProvider> events;
-  Require(zym::QueryInterface(m_cache, events.Ref()), "the process cache has no face for events");
+  Require(zym::QueryInterface(m_cache, events.Ref()), "the process cache doesn't take events");
   m_locator->Add(events);
+}
+
+zym::intrusive_ptr<system_interceptors::process_manager::IProcessManager> Host::GetProcessManager() {
+  using system_interceptors::process_manager::IProcessManager;
+  if (!m_processManager)
+    m_processManager = Make<IProcessManager>(qor::class_ids::kProcessManager, "the process manager");
+  return m_processManager;
 }
 
 zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> Host::GetInterceptor() {

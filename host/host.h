@@ -5,7 +5,9 @@
 #include "host/options.h"
 #include "host/service_locator.h"
 #include "process_manager/interceptor.h"
+#include "process_manager/proc_parser.h"
 #include "process_manager/process_cache.h"
+#include "process_manager/process_manager.h"
 #include "process_manager/services/feature_techs.h"
 
 namespace pmhost {
@@ -21,6 +23,12 @@ class Host {
 
   // The facade of all event sources; made at the first call.
   zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> GetInterceptor();
+
+  // The module's manager of processes; made at the first call.
+  zym::intrusive_ptr<system_interceptors::process_manager::IProcessManager> GetProcessManager();
+
+  // The module's reader of /proc.
+  [[nodiscard]] const zym::intrusive_ptr<qor::procfs::IParser>& GetParser() const { return m_parser; }
 
   // A further object of one of the module's factories. Throws Failure.
   template <class I>
@@ -42,6 +50,8 @@ class Host {
   zym::intrusive_ptr<ServiceLocator> m_locator;
   Module m_module;
   zym::intrusive_ptr<qor::IFeatureTechsAggregator> m_features;
+  zym::intrusive_ptr<qor::procfs::IParser> m_parser;
+  zym::intrusive_ptr<system_interceptors::process_manager::IProcessManager> m_processManager;
   zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> m_cache;
   zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> m_interceptor;
 };

@@ -1,25 +1,25 @@
-// A process event as it is shown: what the event tells, and what the cache still knows of its image.
+// A process event as it is shown.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <utility>
 
-#include "host/output/shown_process.h"
+#include "host/process_record.h"
 #include "process_manager/process_cache.h"
 #include "process_manager/system_event.h"
 #include "zym/intrusive_ptr.h"
 
 namespace pmhost {
 
-// Views are into the event and live as long as it does. Absent: not known.
+// The event's own facts, and those that the cache still has of its image. Absent: not known.
 struct ProcessEvent {
   std::uint32_t type = 0;
   std::uint64_t sequence = 0;
   std::optional<std::uint64_t> timestamp;  // nanoseconds of CLOCK_MONOTONIC
   bool fromExec = false;
   bool fake = false;
-  ShownProcess process;
+  ProcessRecord process;
 };
 
 // Asks the cache for what an event doesn't carry; an image that it has forgotten leaves those facts absent.
@@ -29,17 +29,15 @@ class ProcessEventReader {
   explicit ProcessEventReader(zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> cache)
       : m_cache(std::move(cache)) {}
 
-  ProcessEvent Read(qor::process_manager::ISystemEvent& event);
+  // Valid until the next call, which takes its memory.
+  const ProcessEvent& Read(qor::process_manager::ISystemEvent& event);
 
  private:
-  bool FindInCache(std::uint32_t type, const ShownProcess& process);
+  bool FindInCache();
 
   const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> m_cache;
-  // What the cache said last: the next answer takes its memory.
+  ProcessEvent m_event;
   qor::process_manager::process_cache::ProcessInformation m_found;
 };
-
-// "create_process" or "exit_process".
-const char* EventName(std::uint32_t type);
 
 }  // namespace pmhost

@@ -1,18 +1,20 @@
-// A process as it is shown: its facts, and how they are written as JSON.
+// What is known of one process.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string_view>
 
-#include "host/output/json.h"
-#include "host/output/time_text.h"
+#include "process_manager/process_records.h"
 #include "process_manager/types.h"
+#include "zym/containers.h"
+#include "zym/datetime.h"
 
 namespace pmhost {
 
-// Views are into whatever the facts were taken from. Absent: not known.
-struct ShownProcess {
+// Whatever it was read from: an object of the module, an event, or /proc. Absent, or an empty text: not
+// known.
+struct ProcessRecord {
   std::uint32_t pid = 0;
   std::optional<std::uint64_t> uniquePid;
   std::optional<std::uint32_t> parentPid;
@@ -22,15 +24,15 @@ struct ShownProcess {
   std::optional<std::uint32_t> sessionId;
   std::optional<zym::datetime_t> startTime;
   std::optional<zym::datetime_t> exitTime;
-  std::optional<std::u16string_view> imagePath;
-  std::optional<std::u16string_view> workingDirectory;
-  std::optional<std::u16string_view> commandLine;
+  zym::types::string16_t imagePath;
+  zym::types::string16_t workingDirectory;
+  zym::types::string16_t commandLine;
   std::optional<std::uint32_t> userId;  // the real one
   std::optional<std::uint32_t> flags;   // qor::ProcessFlags
   std::uint32_t state = qor::kStarting;
 };
 
-// Records say "not known" by all ones, by a time of 0 and by an empty text.
+// The module's records say "not known" by all ones, and by a time of 0.
 template <class T>
 std::optional<T> UnlessAllOnes(std::optional<T> value) {
   return value == static_cast<T>(-1) ? std::nullopt : value;
@@ -38,14 +40,10 @@ std::optional<T> UnlessAllOnes(std::optional<T> value) {
 inline std::optional<zym::datetime_t> UnlessZero(zym::datetime_t time) {
   return time != 0 ? std::optional(time) : std::nullopt;
 }
-inline std::optional<std::u16string_view> UnlessEmpty(std::u16string_view text) {
-  return !text.empty() ? std::optional(text) : std::nullopt;
-}
 
-// Adds the members that every object with a process has, in their order.
-void WriteProcess(JsonLine& line, TimeText& time, const ShownProcess& process);
+ProcessRecord FromModule(const system_interceptors::process_manager::ProcessInformation& known);
 
 // "starting", "created" or "terminated".
-const char* StateName(std::uint32_t state);
+std::string_view StateName(std::uint32_t state);
 
 }  // namespace pmhost
