@@ -113,7 +113,7 @@ void Run(const Module& module, Host* host) {
   module.getFactory(host, qor::class_ids::kProcParser, factory.Ref());
   Require(factory != nullptr, "the module has no reader of /proc");
   zym::intrusive_ptr<qor::procfs::IParser> parser;
-  factory->CreateInstance(host, qor::procfs::IParser::kIid, reinterpret_cast<void**>(parser.Ref()));
+  zym::CreateInstance(factory.get(), host, parser.Ref());
   Require(parser != nullptr, "the reader of /proc can't be made");
   host->services[qor::procfs::IParser::kIid] = parser;
   host->services[IInterceptorSettingsSubscription::kIid] =

@@ -10,7 +10,7 @@ namespace {
 template <class C>
 void AppendPoints(std::string& out, std::basic_string_view<C> text) {
   while (!text.empty()) {
-    const char32_t point = zym::TakeCodePoint(text).value_or(U'\uFFFD');
+    const char32_t point = zym::TakeCodePoint(text).value_or(zym::kReplacementCharacter);
     if (point < 0x20 || (point >= 0x7f && point < 0xa0)) {
       char escape[8];
       std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned>(point));

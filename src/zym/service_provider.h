@@ -29,6 +29,16 @@ result_t QueryInterface(const intrusive_ptr<J>& object, I** out) {
   return result;
 }
 
+// Asks a factory for an object with the interface of a smart pointer:
+// zym::CreateInstance(factory, locator, x.Ref()). On failure `*out` is as it was.
+template <class I>
+result_t CreateInstance(IObjectFactory* factory, IServiceLocator* locator, I** out) {
+  void* made = nullptr;
+  const result_t result = factory->CreateInstance(locator, I::kIid, &made);
+  if (ZYM_SUCCEEDED(result)) *out = static_cast<I*>(made);
+  return result;
+}
+
 // The interface, or zym::GetInterfaceException.
 template <class I>
 [[nodiscard]] intrusive_ptr<I> RequireInterface(IServiceLocator* locator) {

@@ -46,7 +46,7 @@ Record& Record::operator<<(std::u16string_view text) noexcept {
   FillFor(text.size());
   while (!text.empty()) {
     char bytes[4];
-    Append({bytes, EncodeUtf8(TakeCodePoint(text).value_or(U'\uFFFD'), bytes)});
+    Append({bytes, EncodeUtf8(TakeCodePoint(text).value_or(kReplacementCharacter), bytes)});
   }
   return *this;
 }

@@ -61,7 +61,7 @@ class LoadedModule {
     zym::intrusive_ptr<zym::IObjectFactory> factory;
     if (const zym::result_t result = getObjectFactory(locator, classId, factory.Ref()); result != zym::ZYM_OK)
       return result;
-    return factory->CreateInstance(locator, I::kIid, reinterpret_cast<void**>(out.Ref()));
+    return zym::CreateInstance(factory.get(), locator, out.Ref());
   }
 
   decltype(&zymGetObjectFactory) getObjectFactory;

@@ -87,7 +87,7 @@ zym::intrusive_ptr<ProcessMemory> ProcessMemory::Create(zym::IServiceLocator* lo
   const PidType pid = PidOf(control);
   zym::intrusive_ptr<ProcessMemory> memory;
   ZYM_CHECK_RESULT_OR_THROW(
-      zym::CreateHostAllocated(locator, memory, zym::intrusive_ptr<IProcessControl>(control), pid, suspend),
+      zym::CreateInstance(locator, memory.Ref(), zym::intrusive_ptr<IProcessControl>(control), pid, suspend),
       "Cannot create ProcessMemory.");
   zym::intrusive_ptr<procfs::IParser> procfs;
   ZYM_CHECK_RESULT_OR_THROW(zym::GetInterface(locator, procfs.Ref()), "Failed to load procfs::IParser");
@@ -126,7 +126,7 @@ zym::result_t ProcessMemory::SuspendProcess(PidType pid) {
 zym::result_t ProcessMemory::EnumerateMemoryRegions(IProcessMemoryRegionEnumerator** enumerator) try {
   zym::intrusive_ptr<ProcessMemoryRegionEnumerator> made;
   ZYM_CHECK_RESULT_OR_THROW(
-      zym::CreateHostAllocated(GetServiceLocator(), made, zym::intrusive_ptr<IProcessMemory>(this)),
+      zym::CreateInstance(GetServiceLocator(), made.Ref(), zym::intrusive_ptr<IProcessMemory>(this)),
       "Failed to create ProcessMemoryRegionEnumerator");
   *enumerator = made.Detach();
   return zym::ZYM_OK;

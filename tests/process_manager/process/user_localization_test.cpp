@@ -58,8 +58,7 @@ class ProcessUserLocalizationProviderTest : public testing::Test {
   zym::result_t Make(zym::intrusive_ptr<IProcessUserLocalizationProvider>& provider) {
     const auto factory =
         zym::intrusive_ptr<zym::IObjectFactory>::Attach(new zym::Factory<ProcessUserLocalizationProvider>());
-    return factory->CreateInstance(m_host.locator.get(), IProcessUserLocalizationProvider::kIid,
-                                   reinterpret_cast<void**>(provider.Ref()));
+    return zym::CreateInstance(factory.get(), m_host.locator.get(), provider.Ref());
   }
 
   // The answer for a process with this LANG.
