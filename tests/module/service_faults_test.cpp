@@ -14,6 +14,7 @@
 
 #include "module/fault_host.h"
 #include "process_manager/process_manager.h"
+#include "process_manager/services/exec_listener.h"
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/own_process.h"

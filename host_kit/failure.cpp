@@ -1,8 +1,8 @@
-#include "host/failure.h"
+#include "host_kit/failure.h"
 
 #include <cstdio>
 
-namespace pmhost {
+namespace host_kit {
 
 std::string Explain(const std::string& what, zym::result_t result) {
   char code[16];
@@ -14,4 +14,4 @@ void Require(zym::result_t result, const std::string& what) {
   if (!ZYM_SUCCEEDED(result)) throw Failure(Explain(what, result));
 }
 
-}  // namespace pmhost
+}  // namespace host_kit
