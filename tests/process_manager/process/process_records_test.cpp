@@ -120,7 +120,7 @@ TEST(ProcessRecord, TheGroupsLieOneBehindTheOther) {
   EXPECT_EQ(offset(p, p.pid), 0U);
   EXPECT_EQ(offset(p, p.sessionId), 40U);
   EXPECT_EQ(offset(p, p.imagePath), 64U);
-  EXPECT_EQ(sizeof(p), offset(p, p.state) + 4);
+  EXPECT_EQ(offset(p, p.userId), 64 + 3 * sizeof(p.imagePath));
 }
 
 TEST(ProcessRecord, TheFieldsOfWhatIsReadFromProcStandInTheirOrder) {
