@@ -15,6 +15,7 @@
 #include "host/commands/ps.h"
 #include "host/commands/show.h"
 #include "host/commands/watch.h"
+#include "host/environment.h"
 #include "host/options.h"
 
 namespace {
@@ -63,6 +64,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  pmhost::RemoveUntrustedVariables();
   std::signal(SIGPIPE, SIG_IGN);  // the write that fails reports a reader that is gone
   try {
     return Run(argc, argv);

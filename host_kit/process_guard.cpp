@@ -52,9 +52,9 @@ void TakeIds(const ProcessGuard::ProcessInformation& from, ProcessGuard::Process
 }  // namespace
 
 GuardSurroundings GuardSurroundings::Real() {
-  return {.hasRunningThread = &HasRunningThread,
-          .now = &MonotonicNow,
-          .wallTime = [](std::uint64_t stamp) { return ToDatetime(WallTimeOfMonotonic(stamp)); }};
+  return {.hasRunningThread = &HasRunningThread, .now = &MonotonicNow, .wallTime = [](std::uint64_t stamp) {
+            return ToDatetime(WallTimeOfMonotonic(stamp));
+          }};
 }
 
 ProcessGuard::ProcessGuard(zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> questions,
@@ -71,9 +71,9 @@ ProcessGuard::Process* ProcessGuard::Find(PidType pid) {
   return found != m_processes.end() ? &found->second : nullptr;
 }
 
-// An id that no other image has. The counter in it comes round after 512 images of all processes together, so a
-// process that executes fast enough gets one twice in a second: then the next that is free, if need be of the next
-// second.
+// An id that no other image has. The counter in it comes round after 512 images of all processes together, so
+// a process that executes fast enough gets one twice in a second: then the next that is free, if need be of
+// the next second.
 UniquePidType ProcessGuard::Distinct(UniquePidType uniquePid) {
   constexpr int kSecondsShift = 32;
   constexpr UniquePidType kNextCount = UniquePidType{1} << 23;
@@ -101,8 +101,8 @@ void ProcessGuard::TakeParent(ProcessInformation& image, PidType parentPid) {
   image.parentUniquePid = parent->image.uniquePid;
 }
 
-// Makes the cache end its current image of the process, and give it a number. The cache may have forgotten the
-// process: then it is shown the process once more, which is the way to a number.
+// Makes the cache end its current image of the process, and give it a number. The cache may have forgotten
+// the process: then it is shown the process once more, which is the way to a number.
 void ProcessGuard::EndInCache(const ProcessInformation& image, EventInfo& exit) {
   m_events->OnExit(static_cast<pid_t>(image.pid), exit);
   if (exit.skip) {
@@ -114,8 +114,8 @@ void ProcessGuard::EndInCache(const ProcessInformation& image, EventInfo& exit) 
   Forget(image.pid);
 }
 
-// The cache has no entry of the pid from here on: the next owner of the pid must not find this one's. An entry
-// with an image that was announced and never came stays behind an end, and goes with a denial.
+// The cache has no entry of the pid from here on: the next owner of the pid must not find this one's. An
+// entry with an image that was announced and never came stays behind an end, and goes with a denial.
 void ProcessGuard::Forget(PidType pid) {
   EventInfo exit;
   exit.info.pid = pid;
@@ -140,7 +140,8 @@ void ProcessGuard::End(Process& process, std::uint64_t timestamp, EventInfo& exi
 
 // The end of the pid's former owner, which was taken for lost when the pid was given again.
 bool ProcessGuard::TakeLostEnd(PidType pid, EventInfo& exit) {
-  const auto found = std::ranges::find_if(m_lostEnds, [pid](const EventInfo& e) { return e.info.pid == pid; });
+  const auto found =
+      std::ranges::find_if(m_lostEnds, [pid](const EventInfo& e) { return e.info.pid == pid; });
   if (found == m_lostEnds.end()) return false;
   const std::uint64_t timestamp = exit.timestamp;
   exit = std::move(*found);
@@ -372,7 +373,7 @@ std::optional<ProcessGuard::EventInfo> ProcessGuard::EndLate(PidType pid, std::u
 }
 
 std::vector<ProcessGuard::EventInfo> ProcessGuard::EndMissing(const std::unordered_set<PidType>& alive,
-                                                             std::uint64_t timestamp) {
+                                                              std::uint64_t timestamp) {
   const std::scoped_lock lock(m_mutex);
   std::vector<PidType> missing;
   for (const auto& [pid, process] : m_processes)

@@ -32,27 +32,31 @@ struct GuardSurroundings {
   static GuardSurroundings Real();
 };
 
-// Stands in the locator under both ids of the process cache, in front of the module's own. The cache is bounded
-// and forgets; a process that it forgot loses its events. The guard keeps who is alive, under which unique pid
-// and with which facts, so that whatever the cache forgets:
+// Stands in the locator under both ids of the process cache, in front of the module's own. The cache is
+// bounded and forgets; a process that it forgot loses its events. The guard keeps who is alive, under which
+// unique pid and with which facts, so that whatever the cache forgets:
 //
-//   * every fork, exec and end that the kernel reported becomes its events, with one unique pid for each image,
+//   * every fork, exec and end that the kernel reported becomes its events, with one unique pid for each
+//   image,
 //     and each create before its exit, however long the events wait for a slow handler;
-//   * a pid that is given again while its former owner's end still waits is another process; and images of one pid
+//   * a pid that is given again while its former owner's end still waits is another process; and images of
+//   one pid
 //     within one second differ, of which the module can name 512;
-//   * the end of a first thread is no end of its process. An exec by another thread then replaces the image; the
-//     end of the last thread is handed out by EndLate, since the kernel's report of it doesn't say whose it is;
-//   * an event's times are those of the event: the start of an image is when it was executed, and not when its
+//   * the end of a first thread is no end of its process. An exec by another thread then replaces the image;
+//   the
+//     end of the last thread is handed out by EndLate, since the kernel's report of it doesn't say whose it
+//     is;
+//   * an event's times are those of the event: the start of an image is when it was executed, and not when
+//   its
 //     process began.
 //
-// One entry for each process that is alive, and one for each that has ended until its exit event is complete. A
-// process whose end was lost stays until its pid is given again, or until EndMissing. When a report belongs to
-// which owner of a pid is said by its time stamp: the kernel's reports of one pid are not always in order.
+// One entry for each process that is alive, and one for each that has ended until its exit event is complete.
+// A process whose end was lost stays until its pid is given again, or until EndMissing. When a report belongs
+// to which owner of a pid is said by its time stamp: the kernel's reports of one pid are not always in order.
 //
 // Any thread, under one mutex, in which the cache is called.
-class ProcessGuard
-    : public zym::object::Ifaces<qor::process_manager::IProcessInfoProvider,
-                                 qor::process_manager::IEventInfoProvider> {
+class ProcessGuard : public zym::object::Ifaces<qor::process_manager::IProcessInfoProvider,
+                                                qor::process_manager::IEventInfoProvider> {
  public:
   using ProcessInformation = qor::process_manager::process_cache::ProcessInformation;
   using EventInfo = qor::process_manager::process_cache::EventInfo;

@@ -29,7 +29,7 @@ SetNsFunction FindSetNs() {
 }
 
 bool IsValgrindCheck() {
-  const char* const value = ::secure_getenv("QOR_VALGRIND_CHECK");
+  const char* const value = std::getenv("QOR_VALGRIND_CHECK");
   return value != nullptr && std::string_view(value) == "ON";
 }
 

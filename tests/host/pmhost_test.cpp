@@ -1,4 +1,5 @@
 // pmhost as a person and a script use it.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/syscall.h>
@@ -199,6 +200,29 @@ TEST(Pmhost, AMissingRightIsNamed) {
   const int status = pmhost.Wait();
   EXPECT_EQ(status, 1);
   EXPECT_NE(pmhost.Errors().find("needs CAP_NET_ADMIN: run as root"), std::string::npos);
+}
+
+// For the child: its group isn't that of its starter, which the kernel takes for a set-group-id program.
+void GainRights() {
+  ::setenv("VORN_HOST_PROCFS", "/tmp", 1);
+  ::setenv("QOR_VALGRIND_CHECK", "ON", 1);
+  if (::setresgid(65534, ::getegid(), ::getegid()) != 0) ::_exit(126);
+}
+
+TEST(PmhostEnvironment, OfAStarterWithFewerRightsIsIgnoredAndSaidToBe) {
+  PMHOST_NEEDS_ROOT();
+  const host_tests::Finished finished({"show", "1", "--json"}, &GainRights);
+  EXPECT_EQ(finished.status, 0) << finished.errors;
+  EXPECT_THAT(finished.output, ::testing::HasSubstr("\"pid\":1,"));
+  EXPECT_THAT(finished.errors, ::testing::HasSubstr("ignores VORN_HOST_PROCFS"));
+  EXPECT_THAT(finished.errors, ::testing::HasSubstr("ignores QOR_VALGRIND_CHECK"));
+}
+
+TEST(PmhostEnvironment, OfAStarterWithTheSameRightsIsUsed) {
+  const host_tests::Finished finished({"show", "1", "--json"},
+                                      [] { ::setenv("VORN_HOST_PROCFS", "/tmp", 1); });
+  EXPECT_EQ(finished.status, 1);
+  EXPECT_THAT(finished.errors, ::testing::Not(::testing::HasSubstr("ignores")));
 }
 
 }  // namespace

@@ -47,11 +47,11 @@ class ProcessGuardTest : public ::testing::Test {
     EXPECT_EQ(zym::QueryInterface(m_cache, events.Ref()), zym::ZYM_OK);
     m_guard = zym::CreateObject<ProcessGuard>(
         m_cache, events,
-        GuardSurroundings{.hasRunningThread = [this](PidType pid) { return m_running.contains(pid); },
-                          .now = [this] { return m_now; },
-                          .wallTime = [](std::uint64_t stamp) {
-                            return kWallTimeOfStart + static_cast<zym::datetime_t>(stamp);
-                          }});
+        GuardSurroundings{
+            .hasRunningThread = [this](PidType pid) { return m_running.contains(pid); },
+            .now = [this] { return m_now; },
+            .wallTime =
+                [](std::uint64_t stamp) { return kWallTimeOfStart + static_cast<zym::datetime_t>(stamp); }});
     m_guard->SetOnGoesOn([this](PidType pid) { m_goingOn.insert(pid); });
   }
   ~ProcessGuardTest() override {
@@ -326,7 +326,8 @@ TEST_F(ProcessGuardTest, AGoneChildLooksLikeAParentThatTheCacheForgot) {
 // --- random histories ---
 
 // A machine whose processes begin, execute and end at random, with everything that goes wrong: more processes
-// than the cache holds, handlers that lag, pids given again at once, first threads that end, reports out of order.
+// than the cache holds, handlers that lag, pids given again at once, first threads that end, reports out of
+// order.
 class RandomHistories : public ProcessGuardTest, public ::testing::WithParamInterface<unsigned> {
  protected:
   // What is known of a living process.
@@ -335,9 +336,13 @@ class RandomHistories : public ProcessGuardTest, public ::testing::WithParamInte
     bool leaderEnded = false;
   };
 
-  std::size_t Random(std::size_t below) { return std::uniform_int_distribution<std::size_t>(0, below - 1)(m_engine); }
+  std::size_t Random(std::size_t below) {
+    return std::uniform_int_distribution<std::size_t>(0, below - 1)(m_engine);
+  }
 
-  PidType RandomPid() { return std::next(m_living.begin(), static_cast<std::ptrdiff_t>(Random(m_living.size())))->first; }
+  PidType RandomPid() {
+    return std::next(m_living.begin(), static_cast<std::ptrdiff_t>(Random(m_living.size())))->first;
+  }
 
   void Step() {
     switch (Random(m_living.size() < kProcesses ? 8 : 6)) {

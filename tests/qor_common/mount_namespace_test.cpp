@@ -178,10 +178,9 @@ TEST_P(ValgrindCheck, AnyOtherValueChangesNothing) {
   EXPECT_EXIT(ExitByResult(GetParam(), zym::ErrnoToResult(EAGAIN)), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(ValgrindCheck, IsNotTakenFromTheStarterOfAProgramWithMoreRights) {
+TEST_F(ValgrindCheck, IsReadInAProgramWithMoreRightsThanItsStarterToo) {
   if (test_support::HasGainedRights()) {
-    EXPECT_STREQ(std::getenv("QOR_VALGRIND_CHECK"), "ON");
-    EXPECT_EQ(UnlinkInNamespace(-1, AT_FDCWD, "/none"), zym::ErrnoToResult(EBADF));
+    EXPECT_EQ(UnlinkInNamespace(-1, AT_FDCWD, "/none"), zym::ZYM_E_NOT_IMPLEMENTED);
     return;
   }
   if (::geteuid() != 0) GTEST_SKIP() << "changing the group needs root";

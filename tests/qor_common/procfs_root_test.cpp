@@ -46,10 +46,10 @@ TEST_F(ProcfsRoot, StaysProcForAnEmptyValue) {
   EXPECT_EXIT(ExitByRoot("", "/proc/"), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(ProcfsRoot, StaysProcInAProgramWithMoreRightsThanItsStarter) {
+// An agent in a container may have file capabilities, and the host's /proc elsewhere.
+TEST_F(ProcfsRoot, IsTheVariablesValueInAProgramWithMoreRightsThanItsStarterToo) {
   if (test_support::HasGainedRights()) {
-    EXPECT_STREQ(std::getenv("VORN_HOST_PROCFS"), "/tmp");
-    EXPECT_EQ(GetProcfsRoot(), "/proc/");
+    EXPECT_EQ(GetProcfsRoot(), "/tmp/");
     return;
   }
   if (::geteuid() != 0) GTEST_SKIP() << "changing the group needs root";

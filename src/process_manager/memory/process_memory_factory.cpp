@@ -1,7 +1,5 @@
 #include "process_manager/memory/process_memory_factory.h"
 
-#include <utility>
-
 #include "process_manager/memory/process_memory_object.h"
 #include "zym/exception_to_result.h"
 #include "zym/trace.h"
@@ -17,19 +15,15 @@ constexpr KernelVersion kFirstWithoutSuspender{.major = 3, .minor = 3, .patch = 
 
 }  // namespace
 
-ProcessMemoryFactorySurroundings ProcessMemoryFactorySurroundings::Real() {
-  return {.kernelVersion = [](zym::ITracer* tracer) {
-    static const KernelVersion version = GetLinuxKernelRelease(tracer);
-    return version;
-  }};
+ProcessMemoryFactory::ProcessMemoryFactory(zym::IServiceLocator* locator) : ServiceProvider(locator) {}
+
+KernelVersion ProcessMemoryFactory::GetKernelVersion() const {
+  static const KernelVersion version = GetLinuxKernelRelease(GetTracer());
+  return version;
 }
 
-ProcessMemoryFactory::ProcessMemoryFactory(zym::IServiceLocator* locator,
-                                           ProcessMemoryFactorySurroundings surroundings)
-    : ServiceProvider(locator), m_surroundings(std::move(surroundings)) {}
-
 zym::result_t ProcessMemoryFactory::FinalConstruct() try {
-  m_suspenderRequired = m_surroundings.kernelVersion(GetTracer()) < kFirstWithoutSuspender;
+  m_suspenderRequired = GetKernelVersion() < kFirstWithoutSuspender;
   ZYM_TRACE(GetTracer(), kCall, "Suspender required: " << (m_suspenderRequired ? 1 : 0));
   if (!m_suspenderRequired) return zym::ZYM_OK;
   ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(GetServiceLocator(), m_suspender.Ref()),

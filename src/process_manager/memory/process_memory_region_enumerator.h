@@ -27,6 +27,9 @@ class ProcessMemoryRegionEnumerator
   zym::result_t Reset() override;
 
  private:
+  [[nodiscard]] std::uint64_t AddressBehind(
+      const system_interceptors::process_memory_manager::ProcessMemoryRegionInformation& region) const;
+
   zym::intrusive_ptr<system_interceptors::process_memory_manager::IProcessMemory> m_memory;
   std::uint64_t m_cursor = 0;  // where the next region begins, or below
 };

@@ -48,32 +48,22 @@ std::uint64_t ToTimeUnits(std::int64_t ticks) {
 
 }  // namespace
 
-ProcessControlSurroundings ProcessControlSurroundings::Real() {
-  return {
-      .modulePid = g_modulePid,
-      .exists = [](const char* path) { return ::access(path, F_OK); },
-      .sleep = [](const std::timespec* request, std::timespec* left) { return ::nanosleep(request, left); },
-      .kill = [](pid_t pid, int signo) { return ::kill(pid, signo); }};
-}
-
-ProcessControl::ProcessControl(zym::IServiceLocator* locator, PidType pid,
-                               ProcessControlSurroundings surroundings)
-    : ProcessControl(locator, By<PidType>{pid}, std::move(surroundings)) {}
+ProcessControl::ProcessControl(zym::IServiceLocator* locator, PidType pid, PidType modulePid)
+    : ProcessControl(locator, By<PidType>{pid}, modulePid) {}
 
 ProcessControl::ProcessControl(zym::IServiceLocator* locator, const UniquePidType& uniquePid,
-                               ProcessControlSurroundings surroundings)
-    : ProcessControl(locator, By<UniquePidType>{uniquePid}, std::move(surroundings)) {}
+                               PidType modulePid)
+    : ProcessControl(locator, By<UniquePidType>{uniquePid}, modulePid) {}
 
 template <class Key>
-ProcessControl::ProcessControl(zym::IServiceLocator* locator, By<Key> by,
-                               ProcessControlSurroundings surroundings)
-    : ServiceProvider(locator), m_surroundings(std::move(surroundings)) {
+ProcessControl::ProcessControl(zym::IServiceLocator* locator, By<Key> by, PidType modulePid)
+    : ServiceProvider(locator) {
   ZYM_TRACE(GetTracer(), kCall, "ProcessControl(" << by.key);  // meant without its closing parenthesis
   m_information = MakeInformation(locator, by.key);
   Record record;
   ZYM_CHECK_RESULT_OR_THROW(m_information->GetInformation(record));
   m_pid = record.pid;
-  if (record.pid == m_surroundings.modulePid || record.parentPid == m_surroundings.modulePid) {
+  if (record.pid == modulePid || record.parentPid == modulePid) {
     ZYM_TRACE(
         GetTracer(), kCall,
         __func__ << ": is invisible: process '" << record.imagePath << "' excluded (self or child process)");
@@ -86,6 +76,22 @@ ProcessControl::ProcessControl(zym::IServiceLocator* locator, By<Key> by,
               __func__ << ": is invisible: process '" << path << "' excluded by settings");
     m_attributeFlags = kInvisibleProcess;
   }
+}
+
+PidType ProcessControl::ModulePid() {
+  return g_modulePid;
+}
+
+int ProcessControl::Access(const char* path) const {
+  return ::access(path, F_OK);
+}
+
+int ProcessControl::Sleep(const std::timespec* request, std::timespec* left) const {
+  return ::nanosleep(request, left);
+}
+
+int ProcessControl::SendSignal(pid_t pid, int signo) const {
+  return ::kill(pid, signo);
 }
 
 bool ProcessControl::IsExcludedBySettings(const NativePath& imagePath) const {
@@ -165,7 +171,7 @@ zym::result_t ProcessControl::IsSystemCriticalProcess(bool&) {
 
 zym::result_t ProcessControl::Kill(int signo) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() signo=" << signo);
-  const int result = m_surroundings.kill(static_cast<pid_t>(m_pid), signo);
+  const int result = SendSignal(static_cast<pid_t>(m_pid), signo);
   const int error = result == 0 ? 0 : errno;
   if (result != 0)
     ZYM_TRACE(GetTracer(), kCall,
@@ -202,7 +208,7 @@ bool ProcessControl::WaitForExit(unsigned timeout) const {
   std::snprintf(path, sizeof(path), "/proc/%d/status", static_cast<int>(m_pid));
   const unsigned steps = timeout / kStepMilliseconds;
   for (unsigned looks = 0;;) {
-    const int error = m_surroundings.exists(path) == 0 ? -1 : errno;
+    const int error = Access(path) == 0 ? -1 : errno;
     if (error == EINTR) continue;
     // No errno of access(2) has a code of success; one that came to have it would mean an end, too.
     if (error != -1) return error == ENOENT || ZYM_SUCCEEDED(zym::ErrnoToResult(error));
@@ -214,7 +220,7 @@ bool ProcessControl::WaitForExit(unsigned timeout) const {
 
 void ProcessControl::SleepOneStep() const {
   std::timespec left{.tv_sec = 0, .tv_nsec = kStepMilliseconds * 1'000'000L};
-  while (m_surroundings.sleep(&left, &left) != 0 && errno == EINTR) continue;
+  while (Sleep(&left, &left) != 0 && errno == EINTR) continue;
 }
 
 zym::result_t ProcessControl::GetAttributeFlags(std::uint32_t& flags) {

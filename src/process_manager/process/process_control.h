@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
-#include <functional>
 
 #include "process_manager/proc_parser.h"
 #include "process_manager/process_control.h"
@@ -16,18 +15,6 @@
 #include "zym/service_provider.h"
 
 namespace qor::process_manager {
-
-// What a control takes from the machine; a test puts its own in. The functions are those of the system, with
-// its results and its errno.
-struct ProcessControlSurroundings {
-  PidType modulePid;  // the process that loaded the module
-  std::function<int(const char* path)> exists;
-  std::function<int(const std::timespec* request, std::timespec* left)> sleep;
-  std::function<int(pid_t pid, int signo)> kill;
-
-  // The real ones.
-  static ProcessControlSurroundings Real();
-};
 
 // The attribute flags are atomic; all else is fixed after construction. Only TerminateAndWait blocks.
 //
@@ -39,10 +26,12 @@ class ProcessControl : public zym::object::Ifaces<system_interceptors::process_m
                        public zym::NonCopyable {
  public:
   // Throws with the code of what failed: to make the process's information object, or to ask the settings.
-  ProcessControl(zym::IServiceLocator* locator, PidType pid,
-                 ProcessControlSurroundings surroundings = ProcessControlSurroundings::Real());
+  ProcessControl(zym::IServiceLocator* locator, PidType pid, PidType modulePid = ModulePid());
   ProcessControl(zym::IServiceLocator* locator, const UniquePidType& uniquePid,
-                 ProcessControlSurroundings surroundings = ProcessControlSurroundings::Real());
+                 PidType modulePid = ModulePid());
+
+  // The process that loaded the module; a fork of it later on is another.
+  static PidType ModulePid();
 
   zym::result_t GetInformation(
       system_interceptors::process_manager::IProcessInformation** information) override;
@@ -57,20 +46,26 @@ class ProcessControl : public zym::object::Ifaces<system_interceptors::process_m
   zym::result_t GetAttributeFlags(std::uint32_t& flags) override;
   zym::result_t UpdateAttributeFlags(std::uint32_t add, std::uint32_t remove) override;
 
+ protected:
+  // What a control does to the machine, with the results and the errno of the system's functions; a test
+  // derives and does something else.
+  virtual int Access(const char* path) const;
+  virtual int Sleep(const std::timespec* request, std::timespec* left) const;
+  virtual int SendSignal(pid_t pid, int signo) const;
+
  private:
   template <class Key>
   struct By {
     const Key& key;
   };
   template <class Key>
-  ProcessControl(zym::IServiceLocator* locator, By<Key> by, ProcessControlSurroundings surroundings);
+  ProcessControl(zym::IServiceLocator* locator, By<Key> by, PidType modulePid);
 
   [[nodiscard]] bool IsExcludedBySettings(const NativePath& imagePath) const;
   zym::result_t Kill(int signo);
   [[nodiscard]] bool WaitForExit(unsigned timeout) const;
   void SleepOneStep() const;
 
-  const ProcessControlSurroundings m_surroundings;
   zym::intrusive_ptr<system_interceptors::process_manager::IProcessInformation> m_information;
   PidType m_pid = 0;
   std::atomic<std::uint32_t> m_attributeFlags{0};

@@ -113,8 +113,8 @@ zym::result_t GetProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs, PidT
   // What can fail comes before the first field: a failure leaves the record as it came.
   const zym::datetime_t startTime = zym::datetime::FromUnixSeconds(stat.directoryChangeTime);
   ProcessImage image;
-  image.workingDirectory = zym::RequireUtf16(cwd);
-  image.imagePath = zym::RequireUtf16(program.path);
+  image.workingDirectory = zym::Utf8ToUtf16Lossy(cwd);
+  image.imagePath = zym::Utf8ToUtf16Lossy(program.path);
   image.commandLine = Share(std::move(program.commandLine));
   image.flags = program.flags;
   image.state = kCreated;

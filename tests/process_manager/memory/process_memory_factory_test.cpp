@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "process_manager/memory/factory_on_kernel.h"
 #include "process_manager/memory/fake_process_suspender.h"
 #include "process_manager/memory/maps_parser.h"
 #include "support/fake_process_control.h"
@@ -23,6 +24,13 @@ using process_manager::MapsParser;
 using test_support::FakeProcessControl;
 using Calls = std::vector<std::string>;
 
+// The factory on the kernel that runs.
+class FactoryHere : public ProcessMemoryFactory {
+ public:
+  using ProcessMemoryFactory::GetKernelVersion;
+  using ProcessMemoryFactory::ProcessMemoryFactory;
+};
+
 class MemoryFactory : public testing::Test {
  protected:
   MemoryFactory() {
@@ -37,9 +45,13 @@ class MemoryFactory : public testing::Test {
 
   zym::result_t MakeFactory(KernelVersion version) {
     m_factory.Reset();
-    return zym::CreateInstance(
-        m_host.locator.get(), m_factory.Ref(),
-        ProcessMemoryFactorySurroundings{.kernelVersion = [version](zym::ITracer*) { return version; }});
+    return MakeFactory([version] { return version; });
+  }
+  zym::result_t MakeFactory(std::function<KernelVersion()> version) {
+    zym::intrusive_ptr<FactoryOnKernel> factory;
+    const zym::result_t result = zym::CreateInstance(m_host.locator.get(), factory.Ref(), std::move(version));
+    m_factory = factory;
+    return result;
   }
   bool Requires(KernelVersion version) {
     m_host.tracer->Clear();
@@ -83,15 +95,15 @@ TEST_F(MemoryFactory, AKernelThatIsNotKnownRequiresASuspender) {
 }
 
 TEST_F(MemoryFactory, TheRunningKernelsVersionIsRead) {
-  const auto surroundings = ProcessMemoryFactorySurroundings::Real();
-  EXPECT_EQ(surroundings.kernelVersion(m_host.tracer.get()), GetLinuxKernelRelease(m_host.tracer.get()));
+  const auto factory = zym::CreateObject<FactoryHere>(m_host.locator.get());
+  EXPECT_EQ(factory->GetKernelVersion(), GetLinuxKernelRelease(m_host.tracer.get()));
 }
 
 TEST_F(MemoryFactory, TheRunningKernelsVersionIsReadOnce) {
-  const auto surroundings = ProcessMemoryFactorySurroundings::Real();
-  const KernelVersion first = surroundings.kernelVersion(m_host.tracer.get());
+  const auto factory = zym::CreateObject<FactoryHere>(m_host.locator.get());
+  const KernelVersion first = factory->GetKernelVersion();
   m_host.tracer->Clear();
-  EXPECT_EQ(ProcessMemoryFactorySurroundings::Real().kernelVersion(m_host.tracer.get()), first);
+  EXPECT_EQ(factory->GetKernelVersion(), first);
   EXPECT_TRUE(m_host.tracer->Records().empty()) << "uname was not asked again";
 }
 
@@ -180,10 +192,7 @@ TEST_F(MemoryFactory, AFailureToCreateIsTracedAndReturnedAndTheOutParameterLeftA
 }
 
 TEST_F(MemoryFactory, AVersionThatCannotBeHadIsAFailureOfTheConstruction) {
-  const auto surroundings = ProcessMemoryFactorySurroundings{
-      .kernelVersion = [](zym::ITracer*) -> KernelVersion { throw std::bad_alloc(); }};
-  EXPECT_EQ(zym::CreateInstance(m_host.locator.get(), m_factory.Ref(), surroundings),
-            zym::ZYM_E_OUT_OF_MEMORY);
+  EXPECT_EQ(MakeFactory([]() -> KernelVersion { throw std::bad_alloc(); }), zym::ZYM_E_OUT_OF_MEMORY);
 }
 
 }  // namespace

@@ -273,7 +273,8 @@ TEST_F(ProcessMemoryReads, AtAddressZeroFailsWhateverTheSize) {
 
 TEST_F(ProcessMemoryReads, OfZeroLengthSucceedAndTouchNothing) {
   for (const std::uint64_t address :
-       {m_actor.Get("anonymous").address, m_actor.Get("unmapped").address, std::uint64_t{1}}) {
+       {m_actor.Get("anonymous").address, m_actor.Get("unmapped").address, std::uint64_t{1},
+        std::uint64_t{0xfffffffffffff001}, std::uint64_t{0xffffffffffffffff}}) {
     std::uint8_t untouched = 0xee;
     EXPECT_EQ(m_memory->ReadMemory(address, {&untouched, &untouched}), zym::ZYM_OK);
     EXPECT_EQ(untouched, 0xee);

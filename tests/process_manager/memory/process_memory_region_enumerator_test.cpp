@@ -77,6 +77,18 @@ TEST_F(RegionEnumerator, VisitsEveryRegionByAscendingAddressWhetherTheyTouchOrNo
   EXPECT_EQ(m_enumerator->Next(region), zym::ZYM_FALSE) << "each time";
 }
 
+TEST_F(RegionEnumerator, GoesOnBehindARegionThatEndsBeforeItBeginsOrWhereItBegins) {
+  constexpr std::uint64_t kBackwards = static_cast<std::uint64_t>(-0x800);
+  m_memory->sizes = {{0x1000, 0x1000}, {0x3000, 0}, {0x5000, kBackwards}, {0x8000, 0x1000}};
+  EXPECT_EQ(Walk(), (std::vector<std::uint64_t>{0x1000, 0x3000, 0x5000, 0x8000}));
+}
+
+TEST_F(RegionEnumerator, EndsBehindARegionWithoutLengthAtTheLastAddress) {
+  m_memory->sizes = {{0xffffffffffffffff, 0}};
+  ProcessMemoryRegionInformation region;
+  EXPECT_EQ(m_enumerator->Next(region), zym::ZYM_OK);
+}
+
 TEST_F(RegionEnumerator, ResetBeginsAgain) {
   m_memory->sizes = {{0x1000, 0x2000}, {0x3000, 0x1000}};
   const auto first = Walk();

@@ -17,6 +17,7 @@
 #include "support/memory_actor.h"
 #include "support/object_count.h"
 #include "support/threads.h"
+#include "tests/process_manager/memory/factory_on_kernel.h"
 #include "zym/generic_object_factory.h"
 
 namespace {
@@ -24,8 +25,8 @@ namespace {
 using namespace system_interceptors::process_memory_manager;
 using pmhost::ProcessSuspender;
 using pmhost::StopMeans;
+using qor::process_memory_manager::FactoryOnKernel;
 using qor::process_memory_manager::ProcessMemoryFactory;
-using qor::process_memory_manager::ProcessMemoryFactorySurroundings;
 using test_support::Counting;
 using test_support::Eventually;
 using test_support::MemoryActor;
@@ -72,10 +73,9 @@ class SuspendedMemory : public testing::Test {
   }
 
   zym::intrusive_ptr<ProcessMemoryFactory> MakeFactory(qor::KernelVersion version) const {
-    zym::intrusive_ptr<ProcessMemoryFactory> factory;
-    const ProcessMemoryFactorySurroundings surroundings{
-        .kernelVersion = [version](zym::ITracer*) { return version; }};
-    EXPECT_EQ(zym::CreateInstance(m_host.locator.get(), factory.Ref(), surroundings), zym::ZYM_OK);
+    zym::intrusive_ptr<FactoryOnKernel> factory;
+    EXPECT_EQ(zym::CreateInstance(m_host.locator.get(), factory.Ref(), [version] { return version; }),
+              zym::ZYM_OK);
     return factory;
   }
   static MemoryPtr Create(ProcessMemoryFactory& factory, std::uint32_t pid) {

@@ -53,30 +53,36 @@ class ProcessControlTest : public ProcessObjectsTest {
     return error == 0 ? 0 : -1;
   }
 
-  ProcessControlSurroundings Watched() {
-    return {.modulePid = kModulePid,
-            .exists =
-                [this](const char* path) {
-                  m_done.push_back(std::string("look ") + path);
-                  return Take(m_looks);
-                },
-            .sleep =
-                [this](const std::timespec* request, std::timespec* left) {
-                  EXPECT_EQ(request->tv_sec, 0);
-                  m_done.push_back("sleep " + std::to_string(request->tv_nsec));
-                  const int result = Take(m_sleeps);
-                  if (result != 0) left->tv_nsec = request->tv_nsec / 2;
-                  return result;
-                },
-            .kill =
-                [this](pid_t pid, int signo) {
-                  m_done.push_back("kill " + std::to_string(pid) + " " + std::to_string(signo));
-                  return Take(m_kills);
-                }};
-  }
+  // Does to the test what it would do to the machine.
+  class WatchedControl : public ProcessControl {
+   public:
+    template <class Key>
+    WatchedControl(zym::IServiceLocator* locator, const Key& key, ProcessControlTest& test)
+        : ProcessControl(locator, key, kModulePid), m_test(test) {}
+
+   protected:
+    int Access(const char* path) const override {
+      m_test.m_done.push_back(std::string("look ") + path);
+      return Take(m_test.m_looks);
+    }
+    int Sleep(const std::timespec* request, std::timespec* left) const override {
+      EXPECT_EQ(request->tv_sec, 0);
+      m_test.m_done.push_back("sleep " + std::to_string(request->tv_nsec));
+      const int result = Take(m_test.m_sleeps);
+      if (result != 0) left->tv_nsec = request->tv_nsec / 2;
+      return result;
+    }
+    int SendSignal(pid_t pid, int signo) const override {
+      m_test.m_done.push_back("kill " + std::to_string(pid) + " " + std::to_string(signo));
+      return Take(m_test.m_kills);
+    }
+
+   private:
+    ProcessControlTest& m_test;
+  };
 
   zym::intrusive_ptr<ProcessControl> Make(PidType pid = kPid) {
-    return zym::CreateObject<ProcessControl>(Locator(), pid, Watched());
+    return zym::CreateObject<WatchedControl>(Locator(), pid, *this);
   }
   // With the machine's own signals, clock and files.
   zym::intrusive_ptr<ProcessControl> MakeReal(PidType pid) {
@@ -128,14 +134,14 @@ TEST_F(ProcessControlTest, TracesItsKeyWithoutAClosingParenthesis) {
   EXPECT_EQ(m_host->tracer->Find("ProcessControl("), "ProcessControl(77");
   m_host->tracer->Clear();
   const UniquePidType uniquePid = Fork().info.uniquePid;
-  static_cast<void>(zym::CreateObject<ProcessControl>(Locator(), uniquePid, Watched()));
+  static_cast<void>(zym::CreateObject<WatchedControl>(Locator(), uniquePid, *this));
   EXPECT_EQ(m_host->tracer->Find("ProcessControl("), "ProcessControl(" + std::to_string(uniquePid));
   EXPECT_TRUE(Traced(800, "ProcessControl("));
 }
 
 TEST_F(ProcessControlTest, ByUniquePidItActsOnThePidOfTheImage) {
   const UniquePidType uniquePid = Fork().info.uniquePid;
-  const auto control = zym::CreateObject<ProcessControl>(Locator(), uniquePid, Watched());
+  const auto control = zym::CreateObject<WatchedControl>(Locator(), uniquePid, *this);
   EXPECT_EQ(control->Terminate(), zym::ZYM_OK);
   EXPECT_THAT(m_done, ElementsAre("kill 200 15"));
 }
@@ -211,11 +217,11 @@ TEST_F(ProcessControlTest, TheModulesOwnProcessAndItsChildrenAreInvisibleWhateve
 
 TEST_F(ProcessControlTest, TheRealModulePidIsThatOfTheProcessThatLoadedIt) {
   const PidType self = static_cast<PidType>(::getpid());
-  EXPECT_EQ(ProcessControlSurroundings::Real().modulePid, self);
+  EXPECT_EQ(ProcessControl::ModulePid(), self);
   EXPECT_EQ(FlagsOf(*MakeReal(self)), kInvisibleProcess);
   const Child child = Child::Forked([self] {
     // A fork of the process that loaded the module is not that process.
-    return ProcessControlSurroundings::Real().modulePid == self;
+    return ProcessControl::ModulePid() == self;
   });
   m_parser->processes[child.Pid()].parentPid = self;
   EXPECT_EQ(FlagsOf(*zym::CreateObject<ProcessControl>(Locator(), child.Pid())), kInvisibleProcess);
