@@ -78,19 +78,22 @@ class InterfaceProvider : private Holder {
   ~InterfaceProvider() = default;
 };
 
-// A tracer goes by its usual name too. The locator's is kept behind its ceiling; one that is given has been
-// put there by whoever gives it.
+// A tracer goes by its usual name too, and holds to its ceiling there.
 template <>
 class InterfaceProvider<ITracer> : private detail::RequiredInterfaceHolder<ITracer> {
  public:
+  // The tracer as it was found, for another object.
   [[nodiscard]] const intrusive_ptr<ITracer>& Service() const noexcept { return Get(); }
-  [[nodiscard]] ITracer* GetTracer() const noexcept { return Get().get(); }
+  // For this object's own records, as long as it lives; null without a tracer.
+  [[nodiscard]] ITracer* GetTracer() const noexcept { return Get() ? &m_withinCeiling : nullptr; }
 
  protected:
-  explicit InterfaceProvider(IServiceLocator* locator)
-      : RequiredInterfaceHolder(trace::WithCeiling(RequireInterface<ITracer>(locator))) {}
+  explicit InterfaceProvider(IServiceLocator* locator) : RequiredInterfaceHolder(locator) {}
   explicit InterfaceProvider(intrusive_ptr<ITracer> tracer) : RequiredInterfaceHolder(std::move(tracer)) {}
   ~InterfaceProvider() = default;
+
+ private:
+  mutable trace::CeilingTracer m_withinCeiling{Get().get()};
 };
 
 // Keeps the locator.

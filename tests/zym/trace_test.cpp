@@ -346,18 +346,15 @@ TEST_F(TraceTest, ATracerIsEndedByItsReleaseAlone) {
   EXPECT_EQ(prefixed->Release(), 1U);
 }
 
-TEST_F(TraceTest, ATracerThatHoldsToTheCeilingIsItsSourceAndDoesNotCount) {
-  const std::int32_t before = ModuleObjectCounter::Value();
-  const intrusive_ptr<ITracer> held = trace::WithCeiling(m_tracer);
-  EXPECT_NE(held, m_tracer.get());
-  EXPECT_EQ(trace::CeilingOf(held.get()), m_tracer->GetLevelPtr());
-  EXPECT_EQ(ModuleObjectCounter::Value(), before);
+TEST_F(TraceTest, ATracerThatHoldsToTheCeilingIsItsSource) {
+  trace::CeilingTracer held(m_tracer.get());
+  EXPECT_EQ(trace::CeilingOf(&held), m_tracer->GetLevelPtr());
 }
 
-TEST_F(TraceTest, ATracerWithoutACeilingIsKeptAsItIs) {
+TEST_F(TraceTest, ATracerWithoutACeilingHasTheDefaultOne) {
   const auto host = CreateObject<HostPrefix>(m_tracer);
-  EXPECT_EQ(trace::WithCeiling(host), host.get());
-  EXPECT_FALSE(trace::WithCeiling({}));
+  EXPECT_EQ(*trace::CeilingOf(host.get()), trace::kDefaultCeiling);
+  EXPECT_EQ(*trace::CeilingOf(nullptr), trace::kDefaultCeiling);
 }
 
 TEST_F(TraceTest, ALongMessageKeepsItsPrefixThroughGrowth) {
