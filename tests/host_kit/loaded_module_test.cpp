@@ -8,6 +8,7 @@
 
 #include "host_kit/default_services.h"
 #include "process_manager/proc_parser.h"
+#include "support/fresh_process.h"
 #include "support/threads.h"
 
 namespace {
@@ -94,12 +95,17 @@ TEST_F(LoadedModuleTest, UnloadingWaitsForTheLastObject) {
 #endif
 }
 
-TEST_F(LoadedModuleTest, AModuleWithAnObjectAliveStaysLoaded) {
-  const zym::intrusive_ptr<IParser> parser = MakeParser();
-  EXPECT_FALSE(m_module.Unload(std::chrono::milliseconds(0)));
-  EXPECT_TRUE(IsLoaded());
-  qor::procfs::Stat stat;
-  EXPECT_EQ(parser->GetStat(1, stat), zym::ZYM_OK) << "its code is still there";
+TEST(LoadedModule, AModuleWithAnObjectAliveStaysLoaded) {
+  test_support::InFreshProcess([] {  // it stays for good
+    const auto locator = host_kit::MakeDefaultServices();
+    LoadedModule module(PROCESS_MANAGER_MODULE);
+    const auto parser =
+        module.Make<IParser>(qor::class_ids::kProcParser, locator.get(), "the reader of /proc");
+    EXPECT_FALSE(module.Unload(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(IsLoaded());
+    qor::procfs::Stat stat;
+    EXPECT_EQ(parser->GetStat(1, stat), zym::ZYM_OK) << "its code is still there";
+  });
 }
 
 }  // namespace

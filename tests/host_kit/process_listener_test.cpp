@@ -54,6 +54,23 @@ TEST_F(ProcessListenerTest, TheEndOfAProcessThatBeganEarlierIsReported) {
   EXPECT_TRUE(test_support::Eventually([&ended] { return ended.load(); }));
 }
 
+TEST_F(ProcessListenerTest, WithoutTheEnumerationTheCacheHasNotMetAnEarlierProcess) {
+  test_support::Actor earlier({"wait"});
+  const Bootstrap host(m_module, host_kit::MakeDefaultServices(), {.enumerate = false});
+  std::atomic<bool> reported{false};
+  std::atomic<std::uint32_t> lastEnd{0};
+  const ProcessListener listener(host, [&](const EventView& event) {
+    if (static_cast<pid_t>(event.GetPid()) == earlier.Pid()) reported = true;
+    if (event.GetKind() == EventKind::kExit && event.GetParentPid() == static_cast<std::uint32_t>(::getpid()))
+      lastEnd = event.GetPid();
+  });
+  earlier.GoOn();
+  ASSERT_EQ(earlier.Wait(), 0);
+  const auto later = static_cast<std::uint32_t>(test_support::RunTrue());
+  ASSERT_TRUE(test_support::Eventually([&] { return lastEnd == later; }));
+  EXPECT_FALSE(reported) << "events keep the kernel's order";
+}
+
 TEST_F(ProcessListenerTest, AfterItsEndNoEventComesAndAnotherListenerCanBegin) {
   const Bootstrap host(m_module);
   std::atomic<std::uint64_t> first{0};
