@@ -38,7 +38,7 @@ class EventContext : zym::NonCopyable {
   // watchdog started this process, the watchdog's.
   [[nodiscard]] bool IsCounted(const process_cache::ProcessInformation& info) const;
   [[nodiscard]] IScanStatisticsCollector* GetScanStatisticsCollector() const noexcept {
-    return m_scanStatisticCollector.get();
+    return m_scanStatisticsCollector.get();
   }
 
  private:
@@ -48,7 +48,7 @@ class EventContext : zym::NonCopyable {
   zym::intrusive_ptr<zym::ITracer> m_eventTracer;  // prefixed for events
   zym::intrusive_ptr<zym::ITracerCategoryFilter> m_categoryFilter;
   zym::intrusive_ptr<IEventInfoProvider> m_eventInfoProvider;
-  zym::intrusive_ptr<IScanStatisticsCollector> m_scanStatisticCollector;
+  zym::intrusive_ptr<IScanStatisticsCollector> m_scanStatisticsCollector;
   const pid_t m_ownPid;
   const pid_t m_ownParentPid;
   const bool m_startedByWatchdog;
