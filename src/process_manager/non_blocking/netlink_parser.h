@@ -1,4 +1,4 @@
-// The decoder of the kernel's proc connector: one datagram in, one small event record out.
+// Decoder of the kernel's proc connector: one datagram in, one small event record out.
 #pragma once
 
 #include <linux/cn_proc.h>
@@ -67,7 +67,7 @@ class NetlinkParser {
 
  private:
   // The whole of it, for a tracer or, as nullptr, for none. Compiled for each: a function that may write a
-  // record needs a stack frame, which costs a parse without a tracer as much as its work.
+  // record needs a stack frame, which is a quarter of the time of a parse without a tracer.
   template <class Tracer>
   static zym::result_t Parse(Tracer tracer, const Message* msg, std::uint64_t size, EventRecord* out);
 
