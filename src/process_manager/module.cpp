@@ -1,4 +1,4 @@
-// The module's entries and its class tables.
+// Entries of the module, and its class tables.
 #include <array>
 #include <exception>
 
@@ -24,7 +24,7 @@ namespace {
 using namespace qor::process_manager;
 namespace class_ids = qor::class_ids;
 
-// How long the cache answers for a process that has ended: one second, in units of 100 nanoseconds.
+// How long the cache keeps a process that has ended: one second, in units of 100 nanoseconds.
 constexpr std::int64_t kDeadEntryRetention = 10'000'000;
 
 template <class T>
@@ -51,26 +51,26 @@ constexpr auto kFactories = std::to_array<FactoryRow>({
     {class_ids::kLocalProcParser, &MakeFactory<qor::procfs::LocalProcParser>},
 });
 
-// The primary interface, with the reference that the object was made with.
+// The object's primary interface, with the object's first reference.
 template <class T>
-zym::IObject* Hand(zym::intrusive_ptr<T> object) {
+zym::IObject* DetachPrimary(zym::intrusive_ptr<T> object) {
   return static_cast<zym::IObject*>(object.Detach()->FindInterface(zym::IObject::kIid));
 }
 
 zym::IObject* MakeInterceptor(const CreationRecord* record) {
-  return Hand(zym::CreateObject<Interceptor>(record->locator));
+  return DetachPrimary(zym::CreateObject<Interceptor>(record->locator));
 }
 
 zym::IObject* MakeInterceptorSettingsSubscription(const CreationRecord* record) {
   const auto& own = *reinterpret_cast<const SettingsCreationRecord*>(record);
   const auto tracer = own.tracer != nullptr ? zym::intrusive_ptr<zym::ITracer>(own.tracer)
                                             : zym::RequireInterface<zym::ITracer>(own.base.locator);
-  return Hand(zym::CreateObject<InterceptorSettingsSubscription>(
+  return DetachPrimary(zym::CreateObject<InterceptorSettingsSubscription>(
       tracer, own.settings != nullptr ? *own.settings : InterceptorSettings()));
 }
 
 zym::IObject* MakeProcessCache(const CreationRecord* record) {
-  return Hand(zym::CreateObject<ProcessCache>(record->locator, kDeadEntryRetention));
+  return DetachPrimary(zym::CreateObject<ProcessCache>(record->locator, kDeadEntryRetention));
 }
 
 struct CreatorRow {
@@ -90,8 +90,8 @@ void StopAtTheTripWire(std::uint32_t classId) {
 
 }  // namespace
 
-// The two entries tell an unknown class by different codes. That is meant: hosts tell by the code which of
-// them said so.
+// The two entries have different codes for an unknown class. That is meant: by the code a host knows which of
+// them refused.
 ZYM_EXPORT zym::result_t zymGetObjectFactory(zym::IServiceLocator* locator, std::uint32_t classId,
                                              zym::IObjectFactory** factory) {
   for (const FactoryRow& row : kFactories) {

@@ -167,17 +167,18 @@ class Record {
     return zymResult;                                                            \
   }()
 
-// Checks an expression of result_t: traces a failure at level 300 and returns it.
+// Checks an expression of result_t: traces a failure at level 300 and returns it. Here the text may be made
+// of pieces, as in a record.
 #define ZYM_CHECK_RESULT(tracer, expression, ...) \
   ZYM_CHECK_RESULT_AS(tracer, #expression, expression __VA_OPT__(, ) __VA_ARGS__)
-#define ZYM_CHECK_RESULT_AS(tracer, text, expression, ...)                                             \
-  do {                                                                                                 \
-    if (const ::zym::result_t zymResult = (expression); !ZYM_SUCCEEDED(zymResult)) {                   \
-      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                                        \
-                __FILE__ << ":" << __LINE__ << "(" text "),(ZYM_SUCCEEDED(_result)) failed: result = " \
-                         << ::zym::trace::Code{zymResult} __VA_OPT__(<< " " << __VA_ARGS__));          \
-      return zymResult;                                                                                \
-    }                                                                                                  \
+#define ZYM_CHECK_RESULT_AS(tracer, text, expression, ...)                                                   \
+  do {                                                                                                       \
+    if (const ::zym::result_t zymResult = (expression); !ZYM_SUCCEEDED(zymResult)) {                         \
+      ZYM_TRACE(tracer, ::zym::trace::kFailure,                                                              \
+                __FILE__ << ":" << __LINE__ << "(" << text << "),(ZYM_SUCCEEDED(_result)) failed: result = " \
+                         << ::zym::trace::Code{zymResult} __VA_OPT__(<< " " << __VA_ARGS__));                \
+      return zymResult;                                                                                      \
+    }                                                                                                        \
   } while (false)
 
 // Checks a condition: traces a failure at level 300 and returns `value`.

@@ -1,4 +1,4 @@
-// An application: a handle to the interceptor of the locator.
+// Handle to the interceptor of the locator.
 #pragma once
 
 #include "process_manager/application_manager.h"

@@ -25,7 +25,7 @@ zym::result_t ApplicationManager::CreateApplication(const ApplicationId& id, Pri
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) try {
+zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) {
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   decltype(m_applications)::node_type deleted;
   {
@@ -37,19 +37,15 @@ zym::result_t ApplicationManager::DeleteApplication(const ApplicationId& id) try
     return zym::ZYM_E_NOT_FOUND;
   }
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ApplicationManager::OpenApplication(const ApplicationId& id, IApplication** application) try {
+zym::result_t ApplicationManager::OpenApplication(const ApplicationId& id, IApplication** application) {
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   const std::scoped_lock lock(m_mutex);
   const auto found = m_applications.find(id);
   if (found == m_applications.end()) return zym::ZYM_E_NOT_FOUND;
   *application = zym::intrusive_ptr<Application>(found->second).Detach();
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 }  // namespace qor::process_manager

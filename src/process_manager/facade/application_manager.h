@@ -1,4 +1,4 @@
-// The registry of applications by id.
+// Registry of applications by id.
 #pragma once
 
 #include <map>

@@ -43,11 +43,7 @@ Interceptor::~Interceptor() {
 // --- filters ---
 
 zym::result_t Interceptor::GetOfflineLog() {
-  ZYM_TRACE(GetTracer(), kWarning,
-            "GetOfflineLog"
-                << ": "
-                << "GetOfflineLog"
-                << " is not implemented yet");
+  ZYM_TRACE(GetTracer(), kWarning, __func__ << ": GetOfflineLog is not implemented yet");
   return zym::ZYM_E_NOT_IMPLEMENTED;
 }
 
@@ -60,7 +56,7 @@ zym::result_t Interceptor::RegisterBlockingFilterAttachHandler(const FilterDescr
                                                                bool enabled, std::uint32_t flags,
                                                                std::uint32_t timeout,
                                                                IBlockingEventHandler* handler,
-                                                               std::uint32_t* id) try {
+                                                               std::uint32_t* id) {
   *id = NextFilterId();  // consumed even if the rest fails
   ZYM_TRACE(GetTracer(), kCall,
             __func__ << "() " << enabled << ", h: " << (handler != nullptr)
@@ -68,8 +64,6 @@ zym::result_t Interceptor::RegisterBlockingFilterAttachHandler(const FilterDescr
                      << ", timeout: " << timeout << ", id: " << *id);
   const std::scoped_lock lock(m_mutex);
   return RefuseType(__func__, descriptor.type);
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t Interceptor::RegisterNonBlockingFilterAttachHandler(const FilterDescriptor& descriptor,
@@ -111,61 +105,50 @@ zym::result_t Interceptor::RegisterNonBlocking(const char* function, const Filte
   return zym::ExceptionInFunctionToResult(GetTracer(), function);
 }
 
-zym::result_t Interceptor::DeleteFilters(FilterIds filterIds) try {
+template <class Operation>
+zym::result_t Interceptor::ForEachTable(const char* function, const char* arguments,
+                                        Operation operation) try {
   const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK_RESULT(GetTracer(), m_nonBlockingInterceptor->DeleteFilters(filterIds));
+  for (const Table& table : Tables())
+    ZYM_CHECK_RESULT_AS(GetTracer(), table.name << "->" << function << "(" << arguments << ")",
+                        operation(table.filters));
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+  return zym::ExceptionInFunctionToResult(GetTracer(), function);
 }
 
-zym::result_t Interceptor::EnableFilters(FilterIds filterIds) try {
-  const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK_RESULT(GetTracer(), m_nonBlockingInterceptor->EnableFilters(filterIds));
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+zym::result_t Interceptor::DeleteFilters(FilterIds filterIds) {
+  return ForEachTable(__func__, "filterIds", [&](auto& table) { return table.DeleteFilters(filterIds); });
 }
 
-zym::result_t Interceptor::DisableFilters(FilterIds filterIds) try {
-  const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK_RESULT(GetTracer(), m_nonBlockingInterceptor->DisableFilters(filterIds));
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+zym::result_t Interceptor::EnableFilters(FilterIds filterIds) {
+  return ForEachTable(__func__, "filterIds", [&](auto& table) { return table.EnableFilters(filterIds); });
 }
 
-zym::result_t Interceptor::EnableDisableFilters(FilterIds filtersToEnable, FilterIds filtersToDisable) try {
-  const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK_RESULT(GetTracer(),
-                   m_nonBlockingInterceptor->EnableDisableFilters(filtersToEnable, filtersToDisable));
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+zym::result_t Interceptor::DisableFilters(FilterIds filterIds) {
+  return ForEachTable(__func__, "filterIds", [&](auto& table) { return table.DisableFilters(filterIds); });
 }
 
-// Blocking filters have no part in these two: their handler is given at registration and stays.
-zym::result_t Interceptor::AttachHandler(std::uint32_t filterId, INonBlockingEventHandler* handler) try {
-  const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK_RESULT(GetTracer(), m_nonBlockingInterceptor->AttachHandler(filterId, handler));
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+zym::result_t Interceptor::EnableDisableFilters(FilterIds filtersToEnable, FilterIds filtersToDisable) {
+  return ForEachTable(__func__, "filtersToEnable, filtersToDisable", [&](auto& table) {
+    return table.EnableDisableFilters(filtersToEnable, filtersToDisable);
+  });
 }
 
-zym::result_t Interceptor::DetachHandler(std::uint32_t filterId) try {
-  const std::scoped_lock lock(m_mutex);
-  ZYM_CHECK_RESULT(GetTracer(), m_nonBlockingInterceptor->DetachHandler(filterId));
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+zym::result_t Interceptor::AttachHandler(std::uint32_t filterId, INonBlockingEventHandler* handler) {
+  return ForEachTable(__func__, "filterId, handler",
+                      [&](auto& table) { return table.AttachHandler(filterId, handler); });
 }
 
-zym::result_t Interceptor::GetFilterStatus(std::uint32_t filterId, bool* enabled) try {
+zym::result_t Interceptor::DetachHandler(std::uint32_t filterId) {
+  return ForEachTable(__func__, "filterId", [&](auto& table) { return table.DetachHandler(filterId); });
+}
+
+zym::result_t Interceptor::GetFilterStatus(std::uint32_t filterId, bool* enabled) {
   const std::scoped_lock lock(m_mutex);
-  return m_nonBlockingInterceptor->GetFilterStatus(filterId, enabled);
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
+  for (const Table& table : Tables())
+    if (ZYM_SUCCEEDED(table.filters.GetFilterStatus(filterId, enabled))) return zym::ZYM_OK;
+  return zym::ZYM_E_NOT_FOUND;
 }
 
 // --- sources ---

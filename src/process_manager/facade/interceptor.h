@@ -1,7 +1,8 @@
-// The facade: makes the dispatcher, the event factory and the sources, and routes every filter operation to
-// their tables. It has no event logic of its own.
+// Facade of the event sources. It makes the dispatcher, the event factory and the sources, and passes every
+// filter operation on to the sources' tables. It has no event logic of its own.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <mutex>
 
@@ -16,7 +17,7 @@
 namespace qor::process_manager {
 
 // m_mutex is held during every operation on a source, which may wait for handlers and join threads: a handler
-// must not come back here. Operations for sources that this build doesn't have answer ZYM_E_NOT_SUPPORTED.
+// must not call back. Operations for sources that this build doesn't have return ZYM_E_NOT_SUPPORTED.
 class Interceptor
     : public zym::object::Ifaces<system_interceptors::interceptor_facade::IInterceptor,
                                  system_interceptors::interceptor_facade::IInterceptor2, IQorInterceptor>,
@@ -60,10 +61,24 @@ class Interceptor
   zym::result_t DisableConsoleInputInterceptor() override { return zym::ZYM_E_NOT_SUPPORTED; }
 
  private:
+  // A source's table of filters, under the name that it has in traces.
+  struct Table {
+    const char* name;
+    FilterManager<non_blocking::Filter>& filters;
+  };
+
   zym::result_t RegisterNonBlocking(const char* function, const FilterDescriptor& descriptor, bool enabled,
                                     std::uint32_t flags, INonBlockingEventHandler* handler,
                                     std::uint32_t* id);
   zym::result_t RefuseType(const char* function, std::uint32_t type);
+  // In the order in which operations go through them.
+  [[nodiscard]] auto Tables() const {
+    return std::to_array<Table>({{"m_nonBlockingInterceptor", *m_nonBlockingInterceptor}});
+  }
+  // Calls `operation` with each table up to the first failure, which it traces as a call of `function` with
+  // `arguments`, and returns.
+  template <class Operation>
+  zym::result_t ForEachTable(const char* function, const char* arguments, Operation operation);
 
   std::mutex m_mutex;
   // The dispatcher goes last, so that no source can reach a dead queue.

@@ -69,10 +69,8 @@ void Event::PutImage(ImageDescriptors descriptors) noexcept try {
   if (ZYM_SUCCEEDED(ZYM_REPORT_RESULT(GetTracer(), Put(kExecutable, &value), "Failed to put qor::IO")))
     m_imageFd = fd;
 } catch (...) {
-  ZYM_TRACE(GetTracer(), kFailure,
-            "PutImage: "
-                << "Failed to put qor::IO");
-  zym::ExceptionInFunctionToResult(GetTracer(), "PutImage");
+  ZYM_TRACE(GetTracer(), kFailure, __func__ << ": Failed to put qor::IO");
+  zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t Event::GetEventId(const std::uint64_t** id) {
@@ -82,43 +80,43 @@ zym::result_t Event::GetEventId(const std::uint64_t** id) {
 
 zym::result_t Event::GetParam(std::uint32_t param, View* value) {
   const process_cache::ProcessInformation& info = m_info.info;
-  const auto give = [value](const auto& field) {
+  const auto view = [value](const auto& field) {
     *value = ViewOf(field);
     return zym::ZYM_OK;
   };
   switch (param) {
     case event_param::kMountNamespaceId:
-      return give(info.mountNamespaceId);
+      return view(info.mountNamespaceId);
     case event_param::kTimestamp:
-      return give(m_info.timestamp);
+      return view(m_info.timestamp);
     case event_param::kRealUserId:
-      return info.realUserId ? give(*info.realUserId) : zym::ZYM_E_NOT_FOUND;
+      return info.realUserId ? view(*info.realUserId) : zym::ZYM_E_NOT_FOUND;
     case event_param::kPid:
-      return give(info.pid);
+      return view(info.pid);
     case event_param::kParentPid:
-      return give(info.parentPid);
+      return view(info.parentPid);
     case event_param::kUniquePid:
     case event_param::kUniquePidToo:
-      return give(info.uniquePid);
+      return view(info.uniquePid);
     case event_param::kUniqueParentPid:
-      return give(info.parentUniquePid);
+      return view(info.parentUniquePid);
     case event_param::kSessionId:
     case event_param::kSessionIdToo:
-      return give(info.sessionId);
+      return view(info.sessionId);
     case event_param::kImagePath:
-      return give(info.imagePath);
+      return view(info.imagePath);
     case event_param::kIsFake:
-      return give(m_info.isFake);
+      return view(m_info.isFake);
     case event_param::kFromExec:
-      return give(m_fromExec);
+      return view(m_fromExec);
     case event_param::kState:
-      return give(info.state);
+      return view(info.state);
     case event_param::kAlwaysZero:
-      return give(kZero);
+      return view(kZero);
     case event_param::kWorkingDirectory:
-      return give(info.workingDirectory);
+      return view(info.workingDirectory);
     case event_param::kCommandLine:
-      return info.commandLine ? give(*info.commandLine) : zym::ZYM_E_NOT_FOUND;
+      return info.commandLine ? view(*info.commandLine) : zym::ZYM_E_NOT_FOUND;
     default:
       ZYM_TRACE(GetTracer(), kCall, "Unsupported param 0x" << zym::trace::hex << param);
       return zym::ZYM_E_NOT_SUPPORTED;
@@ -136,29 +134,30 @@ bool Event::Complete() try {
       return false;
   }
 } catch (...) {
-  zym::ExceptionInFunctionToResult(GetTracer(), "Complete");
+  zym::ExceptionInFunctionToResult(GetTracer(), __func__);
   return false;
 }
 
 bool Event::OnCreateProcess() {
   CollectStatistics();
   const bool completed = m_fromExec != 0 && m_info.info.state == kTerminated && CompleteFromListener();
-  // A process that is not known any more is told by the no-event flag, which the provider has set then.
+  // For a process that is not known any more the provider sets the no-event flag.
   static_cast<void>(m_context->GetEventInfoProvider()->OnCreateProcess(completed, m_info));
   return !m_info.skip;
 }
 
 void Event::CollectStatistics() noexcept try {
   if (!m_context->IsCounted(m_info.info)) return;
-  IScanStatisticsCollector* const m_scanStatisticCollector = m_context->GetScanStatisticsCollector();
-  zym::types::string16_t imagePath = m_info.info.imagePath;
-  ZYM_REPORT_RESULT(GetTracer(),
-                    m_scanStatisticCollector->RegisterScannedProcessFilePath(std::move(imagePath)));
+  zym::types::string16_t path = m_info.info.imagePath;
+  ZYM_REPORT_RESULT_AS(
+      GetTracer(), "m_scanStatisticCollector->RegisterScannedProcessFilePath(std::move(imagePath))",
+      m_context->GetScanStatisticsCollector()->RegisterScannedProcessFilePath(std::move(path)));
 } catch (...) {
-  zym::ExceptionInFunctionToResult(GetTracer(), "CollectStatistics");
+  zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// The process died before /proc could be read; the listener knows what is not there any more.
+// The process died before /proc could be read; the listener knows what is not there any more. This and what
+// it calls trace under the name of OnCreateProcess, whose step they are: meant.
 bool Event::CompleteFromListener() noexcept try {
   if (!m_execInformationSource) return false;
   zym::intrusive_ptr<IExecStringsProvider> provider;
@@ -186,24 +185,21 @@ void Event::TakeExecStrings(const zym::types::vector_t<zym::types::string_t>& st
     return zym::Utf8ToUtf16Lossy(mayTrace ? text : zym::kSkippedByPrivacyPolicy);
   };
   ZYM_TRACE(GetTracer(), kCall,
-            "OnCreateProcess: "
-                << "image path: " << std::u16string_view(zym::Utf8ToUtf16Lossy(strings.front()))
-                << ", command line: " << std::u16string_view(traced(arguments)));
+            "OnCreateProcess: image path: " << std::u16string_view(zym::Utf8ToUtf16Lossy(strings.front()))
+                                            << ", command line: " << std::u16string_view(traced(arguments)));
 
   if (auto path = zym::Utf8ToUtf16(strings.front()))
     m_info.info.imagePath = std::move(*path);
   else
     ZYM_TRACE(GetTracer(), kFailure,
-              "OnCreateProcess: "
-                  << "Failed to convert image path: "
+              "OnCreateProcess: Failed to convert image path: "
                   << std::u16string_view(zym::Utf8ToUtf16Lossy(strings.front())));
 
   if (auto commandLine = zym::Utf8ToUtf16(arguments))
     m_info.info.commandLine = std::make_shared<const zym::types::string16_t>(std::move(*commandLine));
   else
     ZYM_TRACE(GetTracer(), kFailure,
-              "OnCreateProcess: "
-                  << "Failed to convert command line: " << std::u16string_view(traced(arguments)));
+              "OnCreateProcess: Failed to convert command line: " << std::u16string_view(traced(arguments)));
 }
 
 zym::types::string16_t Event::ToString() {

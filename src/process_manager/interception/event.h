@@ -1,4 +1,4 @@
-// The creation of an image of a process, or its end.
+// Event of a process: a new image, or the end of one.
 #pragma once
 
 #include <memory>

@@ -27,7 +27,7 @@ EventContext::EventContext(zym::IServiceLocator* locator, NativePath watchdogExe
       m_eventTracer(zym::trace::WithPrefix(zym::RequireInterface<zym::ITracer>(locator), "Event")),
       m_categoryFilter(zym::RequireInterface<zym::ITracerCategoryFilter>(locator)),
       m_eventInfoProvider(zym::RequireInterface<IEventInfoProvider>(locator)),
-      m_scanStatisticCollector(zym::RequireInterface<IScanStatisticsCollector>(locator)),
+      m_scanStatisticsCollector(zym::RequireInterface<IScanStatisticsCollector>(locator)),
       m_ownPid(::getpid()),
       m_ownParentPid(::getppid()),
       m_startedByWatchdog(IsStartedByWatchdog(locator)),

@@ -1,4 +1,4 @@
-// What every event of one factory shares.
+// Services and facts that all events of one factory share.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +18,7 @@ namespace qor::process_manager {
 // Where the product's watchdog is installed.
 inline constexpr const char* kWatchdogExecutable = "/opt/quelmarin/vorn/libexec/wdserver";
 
-// The services and facts that events complete themselves with. Any thread.
+// Events complete themselves with these. Any thread.
 class EventContext : zym::NonCopyable {
  public:
   // Required of the locator: zym::ITracer, zym::ITracerCategoryFilter, IEventInfoProvider,
@@ -34,11 +34,11 @@ class EventContext : zym::NonCopyable {
     return m_eventInfoProvider.get();
   }
 
-  // The image belongs into the statistics of scans: it is neither this process's own work, nor, when a
+  // Whether the image belongs into the statistics of scans: it is neither this process's own work nor, when a
   // watchdog started this process, the watchdog's.
   [[nodiscard]] bool IsCounted(const process_cache::ProcessInformation& info) const;
   [[nodiscard]] IScanStatisticsCollector* GetScanStatisticsCollector() const noexcept {
-    return m_scanStatisticCollector.get();
+    return m_scanStatisticsCollector.get();
   }
 
  private:
@@ -48,7 +48,7 @@ class EventContext : zym::NonCopyable {
   zym::intrusive_ptr<zym::ITracer> m_eventTracer;  // prefixed for events
   zym::intrusive_ptr<zym::ITracerCategoryFilter> m_categoryFilter;
   zym::intrusive_ptr<IEventInfoProvider> m_eventInfoProvider;
-  zym::intrusive_ptr<IScanStatisticsCollector> m_scanStatisticCollector;
+  zym::intrusive_ptr<IScanStatisticsCollector> m_scanStatisticsCollector;
   const pid_t m_ownPid;
   const pid_t m_ownParentPid;
   const bool m_startedByWatchdog;

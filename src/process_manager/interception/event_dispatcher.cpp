@@ -102,9 +102,7 @@ void EventDispatcher::Dispatch(zym::types::vector_t<zym::intrusive_ptr<ISystemEv
   for (zym::intrusive_ptr<ISystemEvent>& event : events) {
     // Without the queue lock: several callers may pass the limit by one each.
     if (m_total > m_pendingLimit && event->GetType() != event_type::kExitProcess) {
-      ZYM_TRACE(GetTracer(), kCall,
-                __func__ << ": "
-                         << "event queue is full. skip all events except exit_process");
+      ZYM_TRACE(GetTracer(), kCall, __func__ << ": event queue is full. skip all events except exit_process");
       continue;
     }
     try {
@@ -168,8 +166,7 @@ EventDispatcher::Queue& EventDispatcher::GetStrand(Pids pids) {
   ++queue.size;
   ++m_total;
   ZYM_TRACE(GetTracer(), kCall,
-            __func__ << ": "
-                     << "pid: " << pids.pid << ", cpid: " << pids.cpid << ", assigned to queue "
+            __func__ << ": pid: " << pids.pid << ", cpid: " << pids.cpid << ", assigned to queue "
                      << queue.index << ", size: " << queue.size
                      << ", processing pids count: " << m_pids.size() << ", all: " << m_total.load());
   return queue;
@@ -178,8 +175,7 @@ EventDispatcher::Queue& EventDispatcher::GetStrand(Pids pids) {
 void EventDispatcher::ProcessQueuedEvent(const zym::intrusive_ptr<ISystemEvent>& event) noexcept {
   try {
     ZYM_TRACE(GetTracer(), kCall,
-              __func__ << ": "
-                       << "nonblocking event: " << std::u16string_view(event->ToString()));
+              __func__ << ": nonblocking event: " << std::u16string_view(event->ToString()));
     if (event->Complete()) CallHandler(event);
   } catch (...) {
     zym::ExceptionInFunctionToResult(GetTracer(), __func__);
@@ -212,10 +208,9 @@ void EventDispatcher::CallHandler(const zym::intrusive_ptr<ISystemEvent>& event)
   };
   const std::optional<HandlerIndex> index = indexOf(event->GetType());
   if (!index) {
+    // Under the name of its caller: meant.
     ZYM_TRACE(GetTracer(), zym::trace::kFailure,
-              "ProcessQueuedEvent"
-                  << ": "
-                  << "Unsupported event : " << event->GetType());
+              "ProcessQueuedEvent: Unsupported event : " << event->GetType());
     return;
   }
   const std::shared_lock lock(m_handlerLock);
@@ -229,8 +224,7 @@ void EventDispatcher::OnEventProcessed(Pids pids) {
   --queue.size;
   --m_total;
   ZYM_TRACE(GetTracer(), kCall,
-            __func__ << ": "
-                     << "pid: " << pids.pid << ", cpid: " << pids.cpid << ", removed from queue "
+            __func__ << ": pid: " << pids.pid << ", cpid: " << pids.cpid << ", removed from queue "
                      << queue.index << ", size: " << queue.size
                      << ", processing pids count: " << m_pids.size() << ", all: " << m_total.load());
 }

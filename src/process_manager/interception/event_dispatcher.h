@@ -1,4 +1,4 @@
-// The queue between the sources and the handlers, and the thread that works it off.
+// Queue between the sources and the handlers, with the thread that calls the handlers.
 #pragma once
 
 #include <atomic>
@@ -20,10 +20,10 @@ namespace qor::process_manager::non_blocking {
 // destruction is released and reaches no handler; the last reference must not go on that thread, which can't
 // wait for itself.
 //
-// What a handler raises is its own business: it is traced, and the event counts as processed. An event for
-// whose queuing there is no memory is traced and lost.
+// An exception of a handler is traced, and the event counts as processed. An event that can't be queued for
+// want of memory is lost; the exception is traced.
 //
-// When the last event is handled the worker rests for a millisecond before it waits for the next one. To wake
+// When the last event is handled the worker rests for a millisecond before it waits for the next one. Waking
 // a thread costs both sides more than most handlers do: in a storm the worker finds some dozen events after
 // each rest, and their sources made no system call for them. An event that comes alone is handled at once;
 // one that comes within the rest is handled up to a millisecond later.

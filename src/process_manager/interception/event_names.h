@@ -1,4 +1,4 @@
-// The texts of the event types, for traces.
+// Texts of the event types, for traces.
 #pragma once
 
 #include <cstdint>

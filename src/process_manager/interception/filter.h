@@ -1,4 +1,4 @@
-// A filter: which events go to which handler.
+// Filter: which events go to which handler.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// A table of filters with a life of its own: the base of every event source. It says who gets an event, and
-// when the source must run: while at least one filter is enabled and has a handler.
+// Table of filters, the base of every event source. It decides who gets an event, and when the source must
+// run: while at least one filter is enabled and has a handler.
 #pragma once
 
 #include <algorithm>
@@ -72,8 +72,8 @@ class FilterManager : public zym::TracerProvider {
     return zym::ZYM_OK;
   }
 
-  // Of ids that this table doesn't hold too: a table that is idle then calls Stop. That is meant, and
-  // harmless. Throws std::bad_alloc with every filter as it was.
+  // Also with ids that this table doesn't hold: a table without an active filter then calls Stop. That is
+  // meant, and harmless. Throws std::bad_alloc with every filter as it was.
   zym::result_t DeleteFilters(FilterIds ids) {
     ZYM_TRACE(GetTracer(), zym::trace::kCall, __func__ << "() ");
     std::vector<zym::intrusive_ptr<Handler>> dropped;  // released with no lock held
@@ -120,9 +120,9 @@ class FilterManager : public zym::TracerProvider {
     return zym::ZYM_OK;
   }
 
-  // Gives the event to each active filter of this type, once each, in the order of the table. A blocking
-  // table passes the event's control behind the id. What a handler raises is traced and stops nobody else. A
-  // filter that is added during the walk may be served by it; one that is removed isn't called again.
+  // Calls each active filter of this type once, in the order of the table. A blocking table passes the
+  // event's control behind the id. An exception of a handler is traced, and the walk goes on. A filter that
+  // is added during the walk may be served by it; one that is removed isn't called again.
   template <class Event, class... Control>
   void OnEvent(std::uint32_t type, Event* event, Control*... control) {
     std::vector<std::uint32_t> called;
@@ -216,7 +216,7 @@ class FilterManager : public zym::TracerProvider {
     try {
       handler.OnEvent(event, id, control...);
     } catch (...) {
-      zym::ExceptionInFunctionToResult(GetTracer(), "OnEvent");
+      zym::ExceptionInFunctionToResult(GetTracer(), "OnEvent");  // the handler's operation: meant
     }
   }
 

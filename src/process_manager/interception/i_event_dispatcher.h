@@ -1,4 +1,4 @@
-// What stands between the threads that receive events and the handlers.
+// Interface of the queue between the sources and the handlers.
 #pragma once
 
 #include <functional>
@@ -15,7 +15,8 @@ using EventHandler = std::function<void(const zym::intrusive_ptr<ISystemEvent>&)
 struct IEventDispatcher : zym::IObject {
   static constexpr zym::iid_t kIid = 0x4c2ef210;
 
-  // Takes over the events, in their order. Beyond the pending limit it drops all but exit_process.
+  // Takes the events out of the vector, in their order. Beyond the pending limit all but exit_process are
+  // dropped.
   virtual void Dispatch(zym::types::vector_t<zym::intrusive_ptr<ISystemEvent>>& events) = 0;
 
   // Each waits for the running handler of its type to end. An empty function: such events are completed and

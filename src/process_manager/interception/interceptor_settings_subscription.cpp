@@ -38,15 +38,13 @@ zym::result_t InterceptorSettingsSubscription::Subscribe(IInterceptorSettings* s
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t InterceptorSettingsSubscription::Unsubscribe(IInterceptorSettings* subscriber) try {
+zym::result_t InterceptorSettingsSubscription::Unsubscribe(IInterceptorSettings* subscriber) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
   const std::scoped_lock lock(m_mutex);
   const auto found = std::ranges::find(m_subscribers, subscriber, &zym::objptr_t<IInterceptorSettings>::get);
   if (found == m_subscribers.end()) return zym::ZYM_E_NOT_FOUND;
   m_subscribers.erase(found);
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t InterceptorSettingsSubscription::SetSettings(const InterceptorSettings& settings) try {

@@ -1,4 +1,4 @@
-// Holds the settings that may change while the module runs, and tells each subscriber of every change.
+// Holder of the settings that may change while the module runs. It reports each change to every subscriber.
 #pragma once
 
 #include <mutex>
@@ -26,7 +26,7 @@ class InterceptorSettingsSubscription
   zym::result_t GetSettings(InterceptorSettings& settings) override;
 
  private:
-  // Traces a subscriber's refusal, which changes nothing: it has no second chance until the next change.
+  // Traces a subscriber's refusal, which changes nothing: it isn't asked again until the next change.
   void Notify(IInterceptorSettings* subscriber, const char* function);
 
   std::mutex m_mutex;  // guards all below

@@ -38,14 +38,13 @@ zym::intrusive_ptr<ISystemEvent> SystemEventsFactory::Create(
   return zym::CreateObject<Event>(m_context, type, std::move(info), listener, std::move(descriptors));
 }
 
+// This and OpenImage trace under the name of Create, whose steps they are: meant.
 void SystemEventsFactory::DuplicateImage(int fd, ImageDescriptors& descriptors) {
   const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
   const int error = errno;
   if (copy < 0)
     ZYM_TRACE(GetTracer(), kFailure,
-              "Create"
-                  << ": "
-                  << "Failed to duplicate the descriptor of the image: "
+              "Create: Failed to duplicate the descriptor of the image: "
                   << zym::trace::Code{zym::ErrnoToResult(error)});
   descriptors.file.Reset(copy);
 }
@@ -62,19 +61,14 @@ bool SystemEventsFactory::MayOpenInForeignMountNamespace(const process_cache::Pr
 
 void SystemEventsFactory::OpenImage(const process_cache::ProcessInformation& info,
                                     ImageDescriptors& descriptors) {
-  ZYM_TRACE(GetTracer(), kCall,
-            "Create"
-                << ": "
-                << "Opening process image in its mount namespace");
+  ZYM_TRACE(GetTracer(), kCall, "Create: Opening process image in its mount namespace");
   const bool haveFile{descriptors.file};
   const zym::result_t result =
       haveFile ? tools::OpenDirectoryOfPath(info.pid, info.imagePath, descriptors.directory)
                : tools::OpenFileOfPath(info.pid, info.imagePath, descriptors.directory, descriptors.file);
   if (!ZYM_SUCCEEDED(result))
     ZYM_TRACE(GetTracer(), kFailure,
-              "Create"
-                  << ": "
-                  << "Failed to open process image in its mount namespace, " << zym::trace::Code{result});
+              "Create: Failed to open process image in its mount namespace, " << zym::trace::Code{result});
 }
 
 }  // namespace qor::process_manager

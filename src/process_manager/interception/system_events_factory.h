@@ -1,4 +1,4 @@
-// Makes events from what the process cache reports.
+// Factory of events from the records of the process cache.
 #pragma once
 
 #include <memory>

@@ -20,7 +20,8 @@ using zym::trace::kCall;
 using zym::trace::kWarning;
 
 constexpr const char* kThreadName = "vornPrcMonPoll";
-constexpr std::uint32_t kAllTypes = 15;
+constexpr std::uint32_t kAllTypes = non_blocking_type::kNetlink | non_blocking_type::kKprobes |
+                                    non_blocking_type::kFullProcessInfo | non_blocking_type::kConsoleInput;
 
 // The bits of a type by name, for the trace.
 struct TypeNames {
@@ -127,13 +128,14 @@ zym::result_t NetlinkInterceptor::StartNetlink() try {
     ZYM_TRACE(GetTracer(), kCall, __func__ << ": netlink nonblocking interceptor is running already");
     return zym::ZYM_FALSE;
   }
-  ZYM_CHECK_RESULT(GetTracer(), InitNetlinkConnector(), "Cannot init netlink connector");
+  m_socket = NetlinkSocket::Open(GetTracer());
+  ZYM_CHECK_RESULT_AS(GetTracer(), "InitNetlinkConnector()", m_socket ? zym::ZYM_OK : zym::ZYM_E_UNSPECIFIED,
+                      "Cannot init netlink connector");
   m_featureMark.emplace(GetServiceLocator(), GetTracer(), ReportFeatures::ProcessMonitoring,
                         ReportFeatureTechs::Netlink);
   m_stopNotifier.emplace();
-  // From here on a failure leaves the socket open: a later start answers that it is running, and a stop
-  // clears it.
-  ZYM_CHECK_RESULT(GetTracer(), ConfigureNetlinkConnector(true));
+  // From here on a failure leaves the socket open: a later start finds it running, and a stop closes it.
+  ZYM_CHECK_RESULT_AS(GetTracer(), "ConfigureNetlinkConnector(true)", m_socket->Configure(GetTracer(), true));
   ZYM_CHECK_RESULT(GetTracer(), m_pollThread.Create(&NetlinkInterceptor::PollTask, this),
                    "Cannot create poll thread");
   return zym::ZYM_OK;
@@ -146,7 +148,8 @@ zym::result_t NetlinkInterceptor::StopNetLink() {
     ZYM_TRACE(GetTracer(), kCall, __func__ << ": nonblocking interceptor is stopped already");
     return zym::ZYM_FALSE;
   }
-  ZYM_CHECK_RESULT(GetTracer(), ConfigureNetlinkConnector(false));
+  ZYM_CHECK_RESULT_AS(GetTracer(), "ConfigureNetlinkConnector(false)",
+                      m_socket->Configure(GetTracer(), false));
   StopPolling();
   m_socket.reset();
   m_featureMark.reset();
@@ -157,15 +160,6 @@ void NetlinkInterceptor::StopPolling() {
   if (m_stopNotifier) ZYM_REPORT_RESULT(GetTracer(), m_stopNotifier->Notify());
   m_pollThread.Join();
   m_stopNotifier.reset();
-}
-
-zym::result_t NetlinkInterceptor::InitNetlinkConnector() {
-  m_socket = NetlinkSocket::Open(GetTracer());
-  return m_socket ? zym::ZYM_OK : zym::ZYM_E_UNSPECIFIED;
-}
-
-zym::result_t NetlinkInterceptor::ConfigureNetlinkConnector(bool listen) {
-  return m_socket->Configure(GetTracer(), listen);
 }
 
 // --- the poll thread ---
@@ -184,7 +178,7 @@ zym::result_t NetlinkInterceptor::PollTask() noexcept {
   }
   if (ZYM_SUCCEEDED(result)) return result;
   ZYM_TRACE(GetTracer(), kCall, __func__ << ": unexpected poll thread exit, restart");
-  ProductRestart(GetTracer());  // it traces how that went; there is nobody left here to act on it
+  ProductRestart(GetTracer());  // traces its result; nobody is left here to act on it
   return zym::ZYM_E_UNSPECIFIED;
 }
 
@@ -198,7 +192,7 @@ zym::result_t NetlinkInterceptor::ProcessNetlink(const void* buffer, std::uint64
   DispatchEvents(transition);
   return zym::ZYM_OK;
 } catch (...) {
-  zym::ExceptionInFunctionToResult(GetTracer(), "ProcessNetlink");
+  zym::ExceptionInFunctionToResult(GetTracer(), __func__);
   return zym::ZYM_E_UNSPECIFIED;
 }
 
@@ -240,7 +234,7 @@ void NetlinkInterceptor::Apply(const EventRecord& record, Transition& transition
   }
 }
 
-// A process that is gone by now is an ordinary case: it is reported with what the event tells, and with what
+// A process that is gone by now is an ordinary case: it is reported with what the event says, and with what
 // could still be read.
 void NetlinkInterceptor::ReadProcess(PidType pid, bool full, process_cache::ProcessInformation& info) {
   const auto read = full ? &GetFullProcessInfo : &GetProcessInfo;

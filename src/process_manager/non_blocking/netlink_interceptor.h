@@ -1,4 +1,4 @@
-// The passive source of process events: the kernel's proc connector, with the host's exec listener beside it.
+// Passive source of process events: the kernel's proc connector, with the host's exec listener beside it.
 #pragma once
 
 #include <atomic>
@@ -40,26 +40,31 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
                      zym::intrusive_ptr<SystemEventsFactory> systemEventsFactory);
   ~NetlinkInterceptor();
 
-  // The filter table's: the first filter became active, the last one inactive. What was asked for by type is
-  // remembered, so that a start restores what a stop ended. ZYM_OK also when there is nothing to do.
+  // Called by the filter table, when its first filter became active and when the last one became inactive.
+  // What was asked for by type is remembered, so that a start restores what a stop ended. ZYM_OK also when
+  // there is nothing to do.
   zym::result_t Start() override;
   zym::result_t Stop() override;
 
-  // The host's: `type` is a set of non_blocking_type bits, added to what was asked for, or taken from it; the
-  // source starts or stops at once, whether or not a filter is active.
+  // Called by the host. `type` is a set of non_blocking_type bits, added to what was asked for, or taken from
+  // it. The source starts or stops at once, whether or not a filter is active.
   //
-  // Start: ZYM_E_UNSPECIFIED: the socket can't be opened, bound (as for NetlinkSocket) or subscribed; the
-  // aggregator's code when the feature can't be marked; a thread that can't be made gives its error. The exec
-  // listener is not tried then. A failure behind the opening of the socket (the mark, the subscription, the
-  // thread) leaves it open: a later start does nothing and succeeds, and only a stop clears the way. The
-  // locator's code: there is no IExecListenerFactory, which kprobes need; that it gives no listener is no
-  // failure.
+  // Start, the proc connector first:
+  //   ZYM_E_UNSPECIFIED       the socket can't be opened, bound (as for NetlinkSocket) or subscribed
+  //   the aggregator's code   the feature can't be marked
+  //   the error of pthread_create(3), by ErrnoToResult
+  //   the locator's code      there is no IExecListenerFactory, which kprobes need; that the factory has no
+  //                           listener is no failure
+  // Without the proc connector the exec listener is not tried. A failure after the opening of the socket
+  // (mark, subscription, thread) leaves it open: a later start does nothing and succeeds, until a stop closes
+  // it.
+  //
   // Stop: ZYM_E_UNSPECIFIED: the kernel's group can't be left; the source runs on.
   zym::result_t Start(std::uint32_t type);
   zym::result_t Stop(std::uint32_t type);
 
-  // Handles one datagram, aligned as Message is, as the poll thread does. Lets nothing out. ZYM_OK: it was
-  // handled, or is of no interest. ZYM_E_UNSPECIFIED: it was rejected, or handling it failed.
+  // Handles one datagram, aligned as Message is, as the poll thread does. ZYM_OK: it was handled, or is of no
+  // interest. ZYM_E_UNSPECIFIED: it was rejected, or handling it failed, which is traced.
   zym::result_t ProcessNetlink(const void* buffer, std::uint64_t size) noexcept;
 
  private:
@@ -69,9 +74,7 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
   zym::result_t StopImpl(std::uint32_t type);
 
   zym::result_t StartNetlink();
-  zym::result_t StopNetLink();
-  zym::result_t InitNetlinkConnector();
-  zym::result_t ConfigureNetlinkConnector(bool listen);
+  zym::result_t StopNetLink();  // spelled as in the traces
   void StopPolling();
 
   zym::result_t StartKprobes();
@@ -86,7 +89,8 @@ class NetlinkInterceptor : public zym::object::Ifaces<>,
 
   zym::intrusive_ptr<procfs::IParser> m_procfs;
   zym::intrusive_ptr<IEventInfoProvider> m_eventInfoProvider;
-  zym::intrusive_ptr<zym::ITracerCategoryFilter> m_tracerCategoryFilter;
+  zym::intrusive_ptr<zym::ITracerCategoryFilter>
+      m_tracerCategoryFilter;  // required, although only events ask it
   zym::intrusive_ptr<SystemEventsFactory> m_systemEventsFactory;
   zym::intrusive_ptr<IEventDispatcher> m_dispatcher;
   NetlinkParser m_parser;

@@ -13,23 +13,19 @@
 #include "process_manager/non_blocking/mnl_receive_buffer.h"
 #include "zym/trace.h"
 
+// The traces name two steps of the source's start and stop, InitNetlinkConnector and
+// ConfigureNetlinkConnector, and not the functions here: meant.
 namespace qor::process_manager::non_blocking {
-namespace {
-
-// The records belong to the source's operations of these names.
-constexpr const char* kInit = "InitNetlinkConnector: ";
-constexpr const char* kConfigure = "ConfigureNetlinkConnector: ";
-
-}  // namespace
 
 void NetlinkSocket::WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket) {
   const int size = mnl_socket_get_rcv_buf_size(socket);
   if (size > 0)
-    ZYM_TRACE(tracer, zym::trace::kCall, kInit << "default netlink socket receive buffer size: " << size);
+    ZYM_TRACE(tracer, zym::trace::kCall,
+              "InitNetlinkConnector: default netlink socket receive buffer size: " << size);
   if (size >= kReceiveBufferSize) return;
   if (mnl_socket_set_rcv_buf_size(socket, kReceiveBufferSize) == 0)
     ZYM_TRACE(tracer, zym::trace::kCall,
-              kInit << "new netlink socket receive buffer size: " << kReceiveBufferSize);
+              "InitNetlinkConnector: new netlink socket receive buffer size: " << kReceiveBufferSize);
 }
 
 std::unique_ptr<NetlinkSocket> NetlinkSocket::Open(zym::ITracer* tracer) {
@@ -37,13 +33,13 @@ std::unique_ptr<NetlinkSocket> NetlinkSocket::Open(zym::ITracer* tracer) {
   if (!socket) {
     const int error = errno;
     ZYM_TRACE(tracer, zym::trace::kFailure,
-              kInit << "Cannot initialize netlink connector socket: " << std::strerror(error));
+              "InitNetlinkConnector: Cannot initialize netlink connector socket: " << std::strerror(error));
     return nullptr;
   }
   WidenReceiveBuffer(tracer, socket.get());
   if (mnl_socket_bind(socket.get(), CN_IDX_PROC, MNL_SOCKET_AUTOPID) < 0) {
     const int error = errno;
-    ZYM_TRACE(tracer, zym::trace::kFailure, kInit << " Cannot bind: " << std::strerror(error));
+    ZYM_TRACE(tracer, zym::trace::kFailure, "InitNetlinkConnector:  Cannot bind: " << std::strerror(error));
     return nullptr;
   }
   return std::unique_ptr<NetlinkSocket>(new NetlinkSocket(std::move(socket)));
@@ -68,7 +64,8 @@ zym::result_t NetlinkSocket::Configure(zym::ITracer* tracer, bool listen) {
 
   if (mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0) {
     const int error = errno;
-    ZYM_TRACE(tracer, zym::trace::kFailure, kConfigure << "Cannot send netlink: " << std::strerror(error));
+    ZYM_TRACE(tracer, zym::trace::kFailure,
+              "ConfigureNetlinkConnector: Cannot send netlink: " << std::strerror(error));
     return zym::ZYM_E_UNSPECIFIED;
   }
   return zym::ZYM_OK;

@@ -1,4 +1,4 @@
-// A socket on the kernel's proc connector.
+// Socket on the kernel's proc connector.
 #pragma once
 
 #include <libmnl/libmnl.h>
@@ -17,16 +17,16 @@ class NetlinkSocket final : public IDatagramSource {
   // The receive buffer takes the bursts of a busy machine.
   static constexpr int kReceiveBufferSize = 0x200000;
 
-  // A buffer that is large enough stays. That one can't be made larger is not told: the socket is used as it
-  // is.
+  // A buffer that is large enough stays. A failure is not reported: the socket is used as it is.
   static void WidenReceiveBuffer(zym::ITracer* tracer, mnl_socket* socket);
 
-  // Opens and binds; on failure the reason is traced and the pointer is null. Older kernels want
+  // Opens and binds; on failure the reason is traced and the pointer is null. Older kernels ask for
   // CAP_NET_ADMIN (NL_CFG_F_NONROOT_RECV in drivers/connector/connector.c; seen on 6.18: every user may). The
   // connector is in the machine's first network namespace alone.
   static std::unique_ptr<NetlinkSocket> Open(zym::ITracer* tracer);
 
-  // Subscribes to the process events, or leaves them. ZYM_E_UNSPECIFIED: traced, with the reason.
+  // Subscribes to the process events, or cancels that. ZYM_E_UNSPECIFIED: sending failed; the reason is
+  // traced.
   zym::result_t Configure(zym::ITracer* tracer, bool listen);
 
   [[nodiscard]] int GetDescriptor() const override { return mnl_socket_get_fd(m_socket.get()); }

@@ -40,6 +40,7 @@ zym::result_t PollLoop::Run() {
     ZYM_CHECK(m_tracer, nfds > 0, zym::ZYM_E_UNSPECIFIED, ": poll error: " << std::strerror(error));
     ZYM_CHECK(m_tracer, !(stop.revents & kBroken), zym::ZYM_E_UNSPECIFIED, ": stop fd is corrupted");
     if ((stop.revents & POLLIN) != 0) {
+      // Under the name of the thread's function: meant.
       ZYM_TRACE(m_tracer, zym::trace::kCall, "PollTask: Received stop event, stopping polling");
       return zym::ZYM_OK;
     }
@@ -69,7 +70,7 @@ zym::result_t PollLoop::ReadNetlink() {
 
 // The kernel marks the socket with ENOBUFS when it drops a datagram (netlink(7)). Mostly the next recv(2)
 // takes the mark; when the drop falls into the moment between the last recv(2) and poll(2), the latter shows
-// it. Either way it is a failed read and no broken socket.
+// it. Either way it is a failed read and no broken socket, and is traced as one, by the name of ReadNetlink.
 bool PollLoop::IsOverflow(int fd) {
   const int error = TakePendingError(fd);
   if (error != 0) TraceReadError(error);

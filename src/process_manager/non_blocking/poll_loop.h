@@ -1,4 +1,4 @@
-// How the poll thread waits for datagrams and for the word to stop.
+// Loop of the poll thread: it waits for datagrams and for the request to stop.
 #pragma once
 
 #include <cstddef>
@@ -27,19 +27,19 @@ class PollLoop {
   // Datagrams are read up to this many bytes.
   static constexpr std::size_t kMaxMessageSize = 4096;
 
-  // Takes each datagram, aligned to 8 bytes. What it raises ends the loop.
+  // Called with each datagram, aligned to 8 bytes. What it throws ends the loop.
   using Process = std::function<void(const void* buffer, std::uint64_t size)>;
 
   // `tracer` may be null.
   PollLoop(zym::ITracer* tracer, int stopDescriptor, IDatagramSource& source, Process process);
 
-  // Waits, with no time limit, and reads whenever there is something to read. A stop wins over datagrams that
-  // wait. ZYM_OK: the stop descriptor became readable. ZYM_E_UNSPECIFIED, traced: a descriptor is broken, or
-  // poll(2) failed.
+  // Waits, without a time limit, and reads whenever there is something to read. A stop comes before datagrams
+  // that wait. ZYM_OK: the stop descriptor became readable. ZYM_E_UNSPECIFIED, traced: a descriptor is
+  // broken, or poll(2) failed.
   zym::result_t Run();
 
-  // Reads until there is nothing more. ZYM_OK: it ran dry. ZYM_E_UNSPECIFIED, traced: a read failed; ENOBUFS
-  // says that the kernel had to drop datagrams (netlink(7)), which are lost, and what comes after them can be
+  // Reads until there is nothing more, which is ZYM_OK. ZYM_E_UNSPECIFIED, traced: a read failed. With
+  // ENOBUFS the kernel has dropped datagrams (netlink(7)): they are lost, and what comes after them can be
   // read.
   zym::result_t ReadNetlink();
 

@@ -1,7 +1,7 @@
-// The three functions that the module exports, and the classes that can be asked of it.
+// Entries of the module: its three exported functions, and the ids of the classes that they make.
 //
-// Load the module with dlopen, find the entries with dlsym, and give them a locator that offers your services
-// (services/). All three may be called from any thread and never let an exception out.
+// Load the module with dlopen, find the entries with dlsym, and pass them a locator that offers your services
+// (services/). All three may be called on any thread, and none throws.
 #pragma once
 
 #include <cstdint>
@@ -29,33 +29,33 @@ inline constexpr std::uint32_t kInterceptor = 0x15aee499;                      /
 inline constexpr std::uint32_t kInterceptorSettingsSubscription = 0xf2c28292;  // SettingsCreationRecord
 inline constexpr std::uint32_t kProcessCache = 0x034b5e94;                     // CreationRecord
 
-// Not a class: both entries terminate the process when they are asked for it.
+// Not a class: with this id both functions that make objects terminate the process.
 inline constexpr std::uint32_t kTripWire = 0xbad1bad1;
 
 }  // namespace qor::class_ids
 
 extern "C" {
 
-// What zymCreateObject makes an object from. The locator stands first in the record of every class.
+// Arguments of zymCreateObject. The locator stands first in the record of every class.
 struct CreationRecord {
   zym::IServiceLocator* locator;
 };
 
-// For InterceptorSettingsSubscription. It needs a tracer and nothing else of a host: `tracer`, if it is not
-// null, else the locator's. `settings` is the value to begin with; null stands for the default.
+// For InterceptorSettingsSubscription. It needs a tracer and no other service: `tracer`, if it is not null,
+// else the locator's. `settings` is the first value; null stands for the default.
 struct SettingsCreationRecord {
   CreationRecord base;
   zym::ITracer* tracer;
   const qor::process_manager::InterceptorSettings* settings;
 };
 
-// Gives a factory of the class, with one reference. An unknown class writes null to `factory` and returns
-// ZYM_E_NOT_IMPLEMENTED.
+// Makes a factory of the class, with one reference. ZYM_E_NOT_IMPLEMENTED, with null written to `factory`:
+// there is no such class here.
 zym::result_t zymGetObjectFactory(zym::IServiceLocator* locator, std::uint32_t classId,
                                   zym::IObjectFactory** factory);
 
-// Makes an object of the class, with one reference. An unknown class returns ZYM_E_CLASS_NOT_FOUND; a
-// constructor that fails returns its code. On failure `object` is left as it was.
+// Makes an object of the class, with one reference. ZYM_E_CLASS_NOT_FOUND: there is no such class here. Any
+// other failure is that of the construction. On a failure `object` is left as it was.
 zym::result_t zymCreateObject(std::uint32_t classId, const CreationRecord* record, zym::IObject** object);
 
 // ZYM_OK: no object of the module is alive, so it may be unloaded. ZYM_FALSE: one is.

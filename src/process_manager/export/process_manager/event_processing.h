@@ -1,4 +1,4 @@
-// Handlers: what the host attaches to filters.
+// Handlers of events, which the host attaches to filters.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,8 @@
 
 namespace system_interceptors::event_processing {
 
-// Called on the module's worker thread, one event after the other. From inside the call no operation of the
-// interceptor may be called, nor its last reference released (interceptor.h says why).
+// Called on the module's worker thread "vornPrcMonProc", one event after the other. Inside the call no
+// operation of the interceptor may be called, nor its last reference released (interceptor.h says why).
 struct INonBlockingEventHandler : zym::IObject {
   virtual void OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t filterId) = 0;
 
@@ -17,10 +17,10 @@ struct INonBlockingEventHandler : zym::IObject {
   ~INonBlockingEventHandler() = default;
 };
 
-// What a blocking handler may answer. The answer only ever rises: a lower one after a higher one is ignored.
+// Reply of a blocking handler. It only rises: a lower one after a higher one is ignored.
 enum class Action : std::uint32_t { kDefault = 0, kAllow = 1, kDeny = 2, kBypass = 3 };
 
-// The reply channel of a blocking handler. Any thread.
+// Reply channel of a blocking handler. Any thread.
 struct IEventControl : zym::IObject {
   virtual zym::result_t Pend(std::uint32_t timeout) = 0;
   virtual zym::result_t PreReply(const Action& action, std::uint32_t timeout) = 0;

@@ -1,4 +1,5 @@
-// The one object through which a host reaches all event sources (class id class_ids::kInterceptor).
+// Interceptor: the one object through which a host reaches all event sources (class id
+// class_ids::kInterceptor).
 #pragma once
 
 #include <array>
@@ -19,22 +20,25 @@ static_assert(sizeof(FilterDescriptor) == 96);
 
 using FilterIds = zym::types::range_t<unsigned int*>;
 
-// Any thread but that of a handler; one operation runs at a time. A source runs while at least one of its
-// filters is enabled and has a handler. Ids that a table doesn't hold are no error in a list of ids.
+// Any thread but that of a handler; one operation runs at a time. Unknown ids in a list of ids are no error.
 //
-// From inside a handler call no operation of the interceptor, of whichever interface: another thread may be
-// in one that waits for the handler to return, and all wait for each other then. Nor release the last
-// reference to the interceptor there: it joins the thread that calls handlers, which can't wait for itself,
-// and ends the process.
+// A filter is active while it is enabled and has a handler. A source that the host enables starts at once. It
+// stops when its table has no active filter left, and starts again with the next one.
+//
+// Inside a handler, call no operation of the interceptor, of whichever interface: another thread may be in
+// one that waits for the handler to return, and both would wait for each other. Don't release the last
+// reference to the interceptor there either: it joins the thread that calls handlers, which can't wait for
+// itself, and ends the process.
 struct IInterceptor : zym::IObject {
   static constexpr zym::iid_t kIid = 0xde7726f2;
 
   // Not implemented yet: ZYM_E_NOT_IMPLEMENTED.
   virtual zym::result_t GetOfflineLog() = 0;
 
-  // `id` is written before anything else, and is consumed even if the registration fails. A handler may be
-  // null; the filter is inert then. `timeout` and `flags` are stored and not read by the module.
-  // ZYM_E_NOT_SUPPORTED: there are no such filters for this type of event.
+  // `id` is written before anything else, and is not used again even if the registration fails. With a null
+  // handler the filter is inert. `timeout` and `flags` are stored and not read by the module.
+  // ZYM_E_NOT_SUPPORTED: there are no such filters for this type of event. When the source can't be started,
+  // its code is the result, and the filter is registered.
   virtual zym::result_t RegisterBlockingFilterAttachHandler(const FilterDescriptor& descriptor, bool enabled,
                                                             std::uint32_t flags, std::uint32_t timeout,
                                                             event_processing::IBlockingEventHandler* handler,
@@ -46,8 +50,9 @@ struct IInterceptor : zym::IObject {
   virtual zym::result_t RegisterFilter(const FilterDescriptor& descriptor, bool enabled, std::uint32_t flags,
                                        std::uint32_t* id) = 0;
 
-  // These go through the sources' tables in a fixed order and stop at the first failure, with the tables
-  // before it changed. Deleting, disabling and detaching wait until no handler of the filters runs.
+  // These go through the sources' tables in a fixed order, up to the first failure to start or stop a source;
+  // the tables up to there stay changed. Deleting, disabling and detaching wait until no handler of the
+  // filters runs.
   virtual zym::result_t DeleteFilters(FilterIds ids) = 0;
   virtual zym::result_t EnableFilters(FilterIds ids) = 0;
   virtual zym::result_t DisableFilters(FilterIds ids) = 0;
@@ -59,7 +64,7 @@ struct IInterceptor : zym::IObject {
   ~IInterceptor() = default;
 };
 
-// On the same pointer as IInterceptor, whose operations it continues.
+// Continuation of IInterceptor, on the same pointer.
 struct IInterceptor2 : IInterceptor {
   static constexpr zym::iid_t kIid = 0x49b85a1b;
 
@@ -84,23 +89,24 @@ namespace qor::process_manager {
 
 // Bits of the non-blocking interceptor's type.
 namespace non_blocking_type {
-// The kernel's proc connector. Older kernels want CAP_NET_ADMIN. Newer ones (6.18) let every user listen; but
-// without rights what /proc tells of other users' processes stays unknown, and without that one the socket's
-// buffer isn't larger than the system's limit (net.core.rmem_max).
+// The kernel's proc connector. Older kernels ask for CAP_NET_ADMIN; newer ones (6.18) let every user listen.
+// Without that right the socket's buffer can't be larger than the system's limit (net.core.rmem_max), and
+// without further rights much of /proc stays unknown for other users' processes.
 inline constexpr std::uint32_t kNetlink = 1;
 inline constexpr std::uint32_t kKprobes = 2;          // the host's exec listener
 inline constexpr std::uint32_t kFullProcessInfo = 4;  // credentials and environments with each exec
 inline constexpr std::uint32_t kConsoleInput = 8;     // named in the trace; it starts nothing here
 }  // namespace non_blocking_type
 
-// Turns the sources on and off, apart from their filters. Threads as for IInterceptor. Enabling what is
-// enabled and disabling what is disabled return ZYM_OK. ZYM_E_NOT_SUPPORTED: this build has no such source.
+// Switch of the sources, apart from their filters. Threads as for IInterceptor. ZYM_OK: done, or there was
+// nothing to do. ZYM_E_NOT_SUPPORTED: this build has no such source. Any other failure is the source's.
 struct IQorInterceptor : zym::IObject {
   static constexpr zym::iid_t kIid = 0xdae40c14;
 
   // ZYM_FALSE: the machine has no fanotify, so nothing was enabled.
   virtual zym::result_t EnableBlockingInterceptor() = 0;
   virtual zym::result_t DisableBlockingInterceptor() = 0;
+  // `type`: bits of non_blocking_type. A failure to stop a source is traced; the result is ZYM_OK.
   virtual zym::result_t EnableNonBlockingInterceptor(std::uint32_t type) = 0;
   virtual zym::result_t DisableNonBlockingInterceptor(std::uint32_t type) = 0;
   virtual zym::result_t EnableJournalInterceptor() = 0;

@@ -1,4 +1,6 @@
-// The settings that the host may change while the permission path runs.
+// Settings that the host may change while the permission path runs (class id
+// class_ids::kInterceptorSettingsSubscription). One object holds the value for the host, and reports each
+// change to the subscribers.
 #pragma once
 
 #include "process_manager/types.h"
@@ -11,7 +13,8 @@ struct InterceptorSettings {
   zym::types::vector_t<NativePath> excluded;
 };
 
-// A subscriber. Called with the subscription's mutex held: it must not call back.
+// Subscriber. Called on the thread of Subscribe or SetSettings, with the subscription's mutex held: it must
+// not call back. A failure is traced; the subscriber is called again at the next change.
 struct IInterceptorSettings : zym::IObject {
   static constexpr zym::iid_t kIid = 0x4f299e8f;
 
@@ -25,8 +28,8 @@ struct IInterceptorSettings : zym::IObject {
 struct IInterceptorSettingsSubscription : zym::IObject {
   static constexpr zym::iid_t kIid = 0x90a67124;
 
-  // Calls the subscriber at once with the current value; that it refuses the value is traced and no failure.
-  // ZYM_E_ALREADY_DONE: it is subscribed.
+  // Calls the subscriber at once with the current value, whatever it returns. ZYM_E_ALREADY_DONE: it is
+  // subscribed.
   virtual zym::result_t Subscribe(IInterceptorSettings* subscriber) = 0;
   // ZYM_E_NOT_FOUND: it is not subscribed.
   virtual zym::result_t Unsubscribe(IInterceptorSettings* subscriber) = 0;
@@ -35,12 +38,12 @@ struct IInterceptorSettingsSubscription : zym::IObject {
   ~IInterceptorSettingsSubscription() = default;
 };
 
-// The host's side. Any thread.
+// Side of the host. Any thread.
 struct IInterceptorSettingsHolder : zym::IObject {
   static constexpr zym::iid_t kIid = 0xf62878be;
 
-  // Keeps a copy and tells every subscriber in the order of subscription. What a subscriber answers changes
-  // nothing: the value stays, and the result is ZYM_OK. A failed copy leaves the old value.
+  // Keeps a copy, and calls every subscriber in the order of subscription. Whatever a subscriber returns, the
+  // value stays and the result is ZYM_OK. When there is no memory for the copy, the old value stays.
   virtual zym::result_t SetSettings(const InterceptorSettings& settings) = 0;
   virtual zym::result_t GetSettings(InterceptorSettings& settings) = 0;
 

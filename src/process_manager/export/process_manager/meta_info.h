@@ -1,4 +1,4 @@
-// The shapes of the module's serialisable structures, for the host's serialisation framework (class id
+// Descriptors of the module's serialisable structures, for the host's serialisation framework (class id
 // class_ids::kTypeDescriptorStaticRegistry).
 #pragma once
 

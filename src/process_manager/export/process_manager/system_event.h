@@ -72,7 +72,7 @@ struct ISystemEvent : system_interceptors::event_processing::IEvent, zym::NonCop
   virtual PidType GetCpid() = 0;
   // The event stands in for one that no source reported.
   virtual bool IsFake() = 0;
-  // The dispatcher's call, once, before any handler. False: no handler is to see this event.
+  // Called by the dispatcher, once, before any handler. False: no handler is to see this event.
   virtual bool Complete() = 0;
   virtual zym::types::string16_t ToString() = 0;
 

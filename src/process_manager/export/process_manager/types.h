@@ -1,4 +1,4 @@
-// The words that every interface of the module shares.
+// Types and constants that all interfaces of the module share.
 #pragma once
 
 #include <cstdint>
@@ -16,10 +16,11 @@ using PidType = std::uint32_t;   // a process id (the kernel's tgid)
 // One image of one pid, across a reuse of the pid and a restart of the module. Bits 63 to 32: seconds since
 // 1970; bits 31 to 23: a counter of all images; bits 22 to 0: the pid (Linux has at most 2^22 of them).
 //
-// Two images have one value only where one pid got both in the same second, by a clock that may be set back,
-// and the counter, which each run of the module begins at random, stood the same: as after 512 images; or
-// where the pid was given again before the end of its former owner was handled. One image has two values
-// where the cache has evicted it and met it again.
+// Two images share a value in two cases only:
+//   - one pid got both in the same second, by a clock that may be set back, and the counter was the same, as
+//     after 512 images or in another run of the module, which begins it at random;
+//   - the kernel reused the pid before the end of its former owner was handled.
+// One image has two values when the cache has evicted it and met it again.
 using UniquePidType = std::uint64_t;
 
 inline constexpr PidType kNoPid = 0xffffffff;

@@ -1,4 +1,7 @@
-// The settings of the whole application, as far as the module has a use for them.
+// Settings of the whole application, as far as the module reads them.
+//
+// Required for controls of processes (process_control.h), which ask at each creation, on the thread that asks
+// for the control. Not asked for the host itself and its children.
 #pragma once
 
 #include "process_manager/services/path_matching.h"
@@ -19,13 +22,13 @@ struct AppSettings {
   bool systemEventsTransmission = false;
 };
 
-// Needed for controls of processes (process_manager.h). Any thread.
+// Any thread. On a failure of GetSettings no control is made, and its code is the result.
 struct IAppSettingsProvider : zym::IObject {
   static constexpr zym::iid_t kIid = 0x345e2eb8;
 
-  // Not called by the module: what GetSettings would give had nobody set anything.
+  // The settings as they are when nobody has set anything. Not called by the module.
   virtual zym::result_t GetDefaultSettings(AppSettings& settings) = 0;
-  // Fills the whole record, which the caller passes with the defaults of its type. On failure it may be
+  // Fills the whole record, which the caller passes with the defaults of its type. On a failure it may be
   // filled in part.
   virtual zym::result_t GetSettings(AppSettings& settings) = 0;
 

@@ -1,11 +1,14 @@
-// Named switches of the product. Optional. Any thread.
+// Named switches of the product.
+//
+// Optional. Asked for at each new image, on the thread of the event source. A switch that can't be read is
+// off.
 #pragma once
 
 #include "zym/iobject.h"
 
 namespace qor {
 
-// Named switches. Optional.
+// Any thread.
 struct IFeatureLookup : zym::IObject {
   static constexpr zym::iid_t kIid = 0x9caa2097;
 

@@ -1,4 +1,8 @@
-// Which features of the product are in use, and by which technologies they are delivered at the moment.
+// Register of the features of the product that are in use, and of the technologies that deliver them.
+//
+// Required by the netlink source, which registers itself when it starts and unregisters when it stops, on the
+// thread that starts or stops it. When registering fails, so does the start. qor::FeatureTechsAggregator
+// (qor_common/feature_techs_aggregator.h) is an implementation.
 #pragma once
 
 #include <cstdint>
@@ -20,14 +24,14 @@ struct FeatureTechsReport {
 struct IFeatureTechsAggregator : zym::IObject {
   static constexpr zym::iid_t kIid = 0x05f76414;
 
-  // A repeat changes nothing and succeeds.
+  // ZYM_OK also when it is registered already.
   virtual zym::result_t RegisterTech(std::uint32_t feature, std::uint32_t tech) = 0;
   // ZYM_E_NOT_FOUND: the feature, or the technology of it, isn't registered. The feature stays.
   virtual zym::result_t UnregisterTech(std::uint32_t feature, std::uint32_t tech) = 0;
   virtual zym::result_t RegisterFeature(std::uint32_t feature) = 0;
   // ZYM_E_NOT_FOUND: it isn't registered.
   virtual zym::result_t UnregisterFeature(std::uint32_t feature) = 0;
-  // Fills the record anew. Needs IProductValues of the locator.
+  // Replaces the contents of the record. Not called by the module.
   virtual zym::result_t Report(FeatureTechsReport& report) = 0;
 
  protected:

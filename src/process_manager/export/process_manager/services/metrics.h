@@ -1,4 +1,8 @@
-// Metrics of the module, and the registry that reads them. Required. Any thread.
+// Metrics of the module, and the registry that reads them.
+//
+// Both services are required by the process cache, which asks for them at its creation and fails with their
+// code. The metric objects are called on any thread, often, and with locks held: they must return at once and
+// must not call the module.
 #pragma once
 
 #include <cstdint>
@@ -24,18 +28,19 @@ struct ICounter : IObject {
   ~ICounter() = default;
 };
 
-// What a bounded table tells of itself.
+// Metrics of a bounded table.
 struct TableMetrics {
   objptr_t<IGauge> size;
   objptr_t<ICounter> hits;
   objptr_t<ICounter> misses;
 };
 
-// Gives the metric objects of a component, which live in the host's registry.
+// Source of a component's metric objects, which live in the host's registry.
 struct IMetricSource : IObject {
   static constexpr iid_t kIid = 0x34e76fa8;
 
-  // `component`: "process_cache" or "pending_interpreters". All three objects are given, or the call fails.
+  // `component`: "process_cache" or "pending_interpreters". ZYM_OK: all three objects are set. A result of
+  // ZYM_OK without one of them fails the caller.
   virtual result_t GetTableMetrics(const char* component, TableMetrics& metrics) = 0;
 
  protected:
@@ -53,9 +58,10 @@ struct ICollector : IObject {
 struct IMetricsRegistry : IObject {
   static constexpr iid_t kIid = 0x1d40f599;
 
-  // Not called by the module: all metrics as text.
+  // All metrics as text. Not called by the module.
   virtual result_t GetText(types::string_t& text) = 0;
-  // Gives a token for the opposite operation. The registry keeps a reference.
+  // Sets the token for UnregisterCollector. The registry keeps a reference, and may call the collector at
+  // once.
   virtual result_t RegisterCollector(ICollector* collector, std::uint64_t* token) = 0;
   // When it returns, the collector isn't running and won't be called again.
   virtual result_t UnregisterCollector(std::uint64_t token) = 0;

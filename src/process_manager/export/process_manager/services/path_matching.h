@@ -1,5 +1,7 @@
-// Patterns of paths: what the module asks the host to test. The language of the patterns is the host's own;
-// the module passes them on unchanged.
+// Matchers of paths. The language of the patterns is the host's own; the module passes them on unchanged.
+//
+// IPathMatcherFactory is required for controls of processes (process_control.h), which ask at each creation,
+// on the thread that asks for the control. On a failure no control is made, and its code is the result.
 #pragma once
 
 #include "process_manager/types.h"
@@ -10,7 +12,7 @@ namespace qor {
 
 using PathList = zym::types::vector_t<NativePath>;
 
-// Any thread. A text may be any bytes. Both tests: ZYM_OK, the text matches; ZYM_FALSE, it does not.
+// Any thread. A text may be any bytes. Both operations: ZYM_OK: the text matches; ZYM_FALSE: it does not.
 struct IPathMatcher : zym::IObject {
   // A whole path: the image of a process; for a mount matcher, a mount point.
   virtual zym::result_t Match(const NativePath& path) = 0;
@@ -22,13 +24,13 @@ struct IPathMatcher : zym::IObject {
   ~IPathMatcher() = default;
 };
 
-// Makes matchers, which are fixed from then on. Any thread. The module calls CreateMountMatcher and
-// CreatePathMatcher. ZYM_E_INVALID_ARGUMENT, with `matcher` left alone: a pattern is none of the host's
-// language. An empty list makes a matcher that matches nothing.
+// Any thread. A matcher doesn't change once it is made. ZYM_E_INVALID_ARGUMENT, with `matcher` left alone: a
+// pattern is not in the host's language. An empty list makes a matcher that matches nothing. Of these the
+// module calls CreatePathMatcher.
 struct IPathMatcherFactory : zym::IObject {
   static constexpr zym::iid_t kIid = 0x38514cf7;
 
-  // ZYM_OK: it is one.
+  // ZYM_OK: it is a pattern. ZYM_E_INVALID_ARGUMENT: it is not.
   virtual zym::result_t CheckPattern(const NativePath& pattern) = 0;
   // Texts that stand for themselves, whatever characters they hold.
   virtual zym::result_t CreateExactMatcher(const PathList& texts, IPathMatcher** matcher) = 0;
@@ -38,8 +40,8 @@ struct IPathMatcherFactory : zym::IObject {
   // As CreatePathMatcher, and nothing that `exceptions` match.
   virtual zym::result_t CreateExceptingMatcher(const PathList& patterns, const PathList& exceptions,
                                                IPathMatcher** matcher) = 0;
-  // Match takes a mount point, MatchName the type of a file system. A pattern of paths has a say in the first
-  // alone, a pattern of names in the second alone. What `exceptions` match doesn't match.
+  // Match takes a mount point, MatchName the type of a file system. Patterns of paths count for the first
+  // alone, patterns of names for the second alone. What `exceptions` match doesn't match.
   virtual zym::result_t CreateMountMatcher(const PathList& excluded, const PathList& exceptions,
                                            IPathMatcher** matcher) = 0;
   // Patterns of names alone, others are refused; Match tests the last component of the path.

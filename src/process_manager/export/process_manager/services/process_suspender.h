@@ -1,4 +1,8 @@
-// Processes held still. Any thread.
+// Suspender of processes, for reading their memory.
+//
+// Required by ProcessMemoryFactory on kernels below 3.3, whose /proc/<pid>/mem can be read of a stopped
+// process only; not asked for on others. Called on the threads that make factories and memory objects, and
+// read from them.
 #pragma once
 
 #include <cstdint>
@@ -8,14 +12,13 @@
 
 namespace qor {
 
-// Stops a process so that its memory can be read. Asked for by a ProcessMemoryFactory on kernels below 3.3
-// only, whose /proc/<pid>/mem tells a stopped process alone.
+// Any thread. A failure is the result of the operation that needed the service.
 struct IQorProcessSuspender : zym::IObject {
   static constexpr zym::iid_t kIid = 0xdd65aa6a;
 
-  // Returns when the process is stopped, and keeps it so until ReleaseProcess, or Stop, undoes it. Suspended
-  // twice, it is released by the second release. `timeout` in milliseconds; after that, ZYM_E_TIMEOUT, and on
-  // any other failure, the process is as it was.
+  // Returns when the process is stopped. It stays so until ReleaseProcess or Stop; suspended twice, it is
+  // released by the second release. `timeout` in milliseconds. ZYM_E_TIMEOUT: it was not stopped within that
+  // time. On every failure the process is as it was.
   virtual zym::result_t SuspendProcess(std::uint32_t pid, std::uint32_t timeout) = 0;
   virtual zym::result_t ReleaseProcess(std::uint32_t pid) = 0;
   // Reads a suspended process. ZYM_OK: all of `range` is filled; ZYM_FALSE: a part of it, from its beginning.

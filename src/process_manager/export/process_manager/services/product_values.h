@@ -1,4 +1,7 @@
-// The product's state by number. Any thread.
+// State of the product, by number.
+//
+// Required by FeatureTechsAggregator::Report (qor_common/feature_techs_aggregator.h), which fails with its
+// code, on the thread that asks for the report. The module itself doesn't ask for it.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +10,12 @@
 
 namespace qor {
 
-// The product's state by number.
+// Any thread.
 struct IProductValues : zym::IObject {
   static constexpr zym::iid_t kIid = 0xb70e30bb;
   static constexpr std::uint32_t kExploitPreventionActive = 5;
 
+  // ZYM_OK: `value` is set; of kExploitPreventionActive, any value but 0 means yes.
   virtual zym::result_t GetValue(std::uint32_t key, std::uint32_t* value) = 0;
 
  protected:

@@ -1,4 +1,7 @@
-// Descriptors of mount namespaces. Any thread.
+// Descriptors of mount namespaces.
+//
+// Optional. Asked for when a file of another mount namespace is removed through the image of an event, on the
+// thread that removes it. On a failure the file stays, and the code is the result of the removal.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +18,11 @@ struct IDescriptor : zym::IObject {
   ~IDescriptor() = default;
 };
 
+// Any thread.
 struct IRootFdProvider : zym::IObject {
   static constexpr zym::iid_t kIid = 0x6380f86d;
 
-  // A descriptor of the mount namespace with this inode, for setns(2).
+  // An open descriptor of the mount namespace with this inode, for setns(2).
   virtual zym::result_t GetNamespaceFd(std::uint64_t namespaceId, IDescriptor** descriptor) = 0;
 
  protected:

@@ -1,4 +1,7 @@
-// Tasks of the product. Any thread.
+// Tasks of the product.
+//
+// Optional. Asked for by FeatureTechsAggregator::Report (qor_common/feature_techs_aggregator.h), on the
+// thread that asks for the report: does a memory scan run? The module itself doesn't ask for it.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +11,7 @@
 
 namespace qor {
 
-// Whose tasks.
+// Owner of tasks.
 struct UserCred {
   zym::types::string_t userName;
 
@@ -39,9 +42,11 @@ struct TaskInfo {
 
 }  // namespace core
 
+// Any thread.
 struct IQorTaskManager : zym::IObject {
   static constexpr zym::iid_t kIid = 0x887632c7;
 
+  // ZYM_OK: `tasks` holds the tasks of this user. A failure counts as no tasks.
   virtual zym::result_t GetTaskList(zym::types::vector_t<core::TaskInfo>& tasks, const UserCred& user) = 0;
 
  protected:
