@@ -14,9 +14,11 @@
 
 #include "module/fault_host.h"
 #include "process_manager/process_manager.h"
+#include "process_manager/services/exec_listener.h"
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 
 namespace {
 
@@ -239,7 +241,7 @@ class OperationServiceFaults : public testing::Test {
 };
 
 TEST_F(OperationServiceFaults, AStartWithoutTheFeatureTableFailsAndAStopClearsTheWay) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   zym::intrusive_ptr<zym::IObject> aggregator;
   ASSERT_EQ(m_host.inner.host.locator->GetInterface(qor::IFeatureTechsAggregator::kIid, 0,
                                                     reinterpret_cast<void**>(aggregator.Ref())),

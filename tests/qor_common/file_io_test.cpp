@@ -18,6 +18,8 @@
 #include "qor_common/unique_fd.h"
 #include "support/child_process.h"
 #include "support/fake_services.h"
+#include "support/rights.h"
+#include "support/temp_directory.h"
 #include "zym/exception.h"
 
 namespace qor {
@@ -25,7 +27,7 @@ namespace {
 
 using test_support::ForeignNamespace;
 using test_support::RunInChild;
-using test_support::TemporaryDirectory;
+using test_support::TempDirectory;
 using test_support::WriteTextFile;
 using zym::trace::kCall;
 using zym::trace::kFailure;
@@ -80,7 +82,7 @@ class FileIo : public testing::Test {
     return text;
   }
 
-  TemporaryDirectory m_directory;
+  TempDirectory m_directory;
   const std::string m_path = m_directory / "file";
   test_support::FakeHost m_host;
   test_support::RecordingTracer& m_tracer = *m_host.tracer;
@@ -564,7 +566,7 @@ class RootFdProvider : public zym::object::Ifaces<IRootFdProvider> {
 };
 
 TEST_F(FileIo, RemovesAFileOfAnotherMountNamespaceThere) {
-  if (const auto missing = test_support::MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
+  SKIP_IF(test_support::MissingMountRights());
   const ForeignNamespace foreign(m_directory.Path());
   WriteTextFile(foreign.Seen(m_path), "there");
   m_host.locator->Add(zym::CreateObject<RootFdProvider>(&foreign));

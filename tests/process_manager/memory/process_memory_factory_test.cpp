@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "process_manager/memory/fake_process_suspender.h"
-#include "process_manager/memory/maps_parser.h"
 #include "support/fake_process_control.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/memory_actor.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 #include "zym/generic_object_factory.h"
 #include "zym/module_counter.h"
 
@@ -19,8 +20,8 @@ namespace qor::process_memory_manager {
 namespace {
 
 using namespace system_interceptors::process_memory_manager;
-using process_manager::MapsParser;
 using test_support::FakeProcessControl;
+using test_support::FakeProcfsParser;
 using Calls = std::vector<std::string>;
 
 class MemoryFactory : public testing::Test {
@@ -58,7 +59,8 @@ class MemoryFactory : public testing::Test {
 
   const test_support::ObjectCount m_objects;
   test_support::FakeHost m_host;
-  zym::intrusive_ptr<MapsParser> m_parser = zym::CreateObject<MapsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
   zym::intrusive_ptr<FakeProcessSuspender> m_suspender = zym::CreateObject<FakeProcessSuspender>();
   zym::intrusive_ptr<ProcessMemoryFactory> m_factory;
 };

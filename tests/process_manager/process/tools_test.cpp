@@ -18,6 +18,9 @@
 #include "process_manager/procfs/proc_parser.h"
 #include "support/child.h"
 #include "support/fake_services.h"
+#include "support/forwarding_parser.h"
+#include "support/process_records.h"
+#include "support/rights.h"
 #include "support/temp_directory.h"
 #include "zym/module_counter.h"
 
@@ -26,6 +29,7 @@ namespace {
 
 using process_cache::ProcessInformation;
 using test_support::Child;
+using test_support::IsRecord;
 using test_support::TempDirectory;
 using ::testing::_;
 using ::testing::DoAll;
@@ -43,27 +47,9 @@ constexpr zym::datetime_t kStart = 1'700'000'000LL * 10'000'000 + 116'444'736'00
 
 class MockParser : public zym::object::Ifaces<procfs::IParser> {
  public:
-  MOCK_METHOD(zym::result_t, GetStat, (PidType, procfs::Stat&), (override));
-  MOCK_METHOD(zym::result_t, GetIOCounters, (PidType, procfs::IOCounters&), (override));
-  MOCK_METHOD(zym::result_t, GetProcLink, (PidType, const NativePath&, NativePath&), (override));
-  MOCK_METHOD(zym::result_t, GetMaps, (PidType, procfs::Maps&), (override));
-  MOCK_METHOD(zym::result_t, GetCmdline, (PidType, zym::types::string16_t&), (override));
-  MOCK_METHOD(zym::result_t, GetProcessList, (std::vector<unsigned int>&), (override));
-  MOCK_METHOD(zym::result_t, GetProcessListByRelevance, (std::vector<unsigned int>&), (override));
-  MOCK_METHOD(zym::result_t, GetIOMemMap, (procfs::IOMemMap&), (override));
-  MOCK_METHOD(zym::result_t, GetImagePath, (PidType, NativePath&), (override));
-  MOCK_METHOD(zym::result_t, GetDescriptors, (PidType, std::vector<unsigned int>&), (override));
-  MOCK_METHOD(zym::result_t, GetDescriptorInfo, (PidType, unsigned int, procfs::DescriptorInfo&), (override));
-  MOCK_METHOD(zym::result_t, GetModules, (procfs::ModulesList&), (override));
-  MOCK_METHOD(zym::result_t, GetModulesSections,
-              (const procfs::ModulesList&, procfs::ModulesSections&, std::uint64_t), (override));
-  MOCK_METHOD(zym::result_t, GetCreds, (PidType, procfs::Creds&), (override));
-  MOCK_METHOD(zym::result_t, GetEnvironmentVariable, (PidType, const char*, std::string&), (override));
-  MOCK_METHOD(zym::result_t, GetWorkingDir, (PidType, NativePath&), (override));
-  MOCK_METHOD(zym::result_t, GetComm, (PidType, std::string&), (override));
-  MOCK_METHOD(zym::result_t, GetEnvironmentVariables, (PidType, zym::types::vector_t<zym::types::string_t>&),
-              (override));
-  MOCK_METHOD(zym::result_t, GetMountNamespaceId, (PidType, std::uint64_t&), (override));
+#define MOCK(Name, parameters, arguments) MOCK_METHOD(zym::result_t, Name, parameters, (override));
+  PARSER_OPERATIONS(MOCK)
+#undef MOCK
 };
 
 // A record in which every field that a read may set has a value that no read gives.
@@ -86,22 +72,6 @@ ProcessInformation OldRecord() {
   info.realUserId = 103;
   info.mountNamespaceId = 104;
   return info;
-}
-
-void ExpectOldRecord(const ProcessInformation& info) {
-  const ProcessInformation old = OldRecord();
-  EXPECT_EQ(info.pid, old.pid);
-  EXPECT_EQ(info.parentPid, old.parentPid);
-  EXPECT_EQ(info.sessionId, old.sessionId);
-  EXPECT_EQ(info.startTime, old.startTime);
-  EXPECT_EQ(info.exitTime, old.exitTime);
-  EXPECT_EQ(info.imagePath, old.imagePath);
-  EXPECT_EQ(info.workingDirectory, old.workingDirectory);
-  EXPECT_EQ(*info.commandLine, *old.commandLine);
-  EXPECT_EQ(info.flags, old.flags);
-  EXPECT_EQ(info.state, old.state);
-  EXPECT_EQ(info.realUserId, old.realUserId);
-  EXPECT_EQ(info.mountNamespaceId, old.mountNamespaceId);
 }
 
 // --- with a reader that answers as the test says ---
@@ -172,29 +142,22 @@ class ToolsTest : public ::testing::Test {
 TEST_F(ToolsTest, AProcessGivesEveryFieldThatOneLookTells) {
   ReadsSucceed();
   ASSERT_EQ(Get(), zym::ZYM_OK);
-  EXPECT_EQ(m_info.pid, 77U);
-  EXPECT_EQ(m_info.parentPid, 5U);
-  EXPECT_EQ(m_info.sessionId, 6U);
-  EXPECT_EQ(m_info.startTime, kStart);
-  EXPECT_EQ(m_info.exitTime, 0);
-  EXPECT_EQ(m_info.state, kCreated);
-  EXPECT_EQ(m_info.workingDirectory, u"/home/\u00fcser");
-  EXPECT_EQ(m_info.imagePath, u"/usr/bin/pr\u00f6gram");
-  EXPECT_EQ(*m_info.commandLine, u"program --option");
-  EXPECT_EQ(m_info.flags, 0U);
-  EXPECT_EQ(m_info.realUserId, 1001U);
-  EXPECT_EQ(m_info.mountNamespaceId, 4026531841U);
+  ProcessInformation expected = OldRecord();  // the creator and the unique pids are left to the cache
+  expected.pid = 77;
+  expected.parentPid = 5;
+  expected.sessionId = 6;
+  expected.startTime = kStart;
+  expected.exitTime = 0;
+  expected.state = kCreated;
+  expected.workingDirectory = u"/home/\u00fcser";
+  expected.imagePath = u"/usr/bin/pr\u00f6gram";
+  expected.commandLine = std::make_shared<const zym::types::string16_t>(u"program --option");
+  expected.flags = 0;
+  expected.realUserId = 1001;
+  expected.mountNamespaceId = 4026531841;
+  EXPECT_THAT(m_info, IsRecord(expected));
   EXPECT_TRUE(m_tracer->Has(800, "procfs->GetImagePath: /usr/bin/pr\u00f6gram"));
   EXPECT_TRUE(m_tracer->Has(800, "(may be modified) imagePath: /usr/bin/pr\u00f6gram"));
-}
-
-TEST_F(ToolsTest, TheCreatorAndTheUniquePidsAreLeftToTheCache) {
-  ReadsSucceed();
-  ASSERT_EQ(Get(), zym::ZYM_OK);
-  EXPECT_EQ(m_info.creatorPid, 92U);
-  EXPECT_EQ(m_info.uniquePid, 94U);
-  EXPECT_EQ(m_info.creatorUniquePid, 95U);
-  EXPECT_EQ(m_info.parentUniquePid, 96U);
 }
 
 TEST_F(ToolsTest, TheCommandLineIsANewStringAtEachRead) {
@@ -219,36 +182,28 @@ TEST_F(ToolsTest, Pid0NeverReadsStatAndIsTheKernel) {
   EXPECT_CALL(*parser, GetCmdline(0, _))
       .WillOnce(DoAll(SetArgReferee<1>(zym::types::string16_t(u"root=/dev/vda quiet")), Return(zym::ZYM_OK)));
   ASSERT_EQ(GetProcessInfo(m_tracer.get(), parser.get(), 0, m_info), zym::ZYM_OK);
-  EXPECT_EQ(m_info.pid, 0U);
-  EXPECT_EQ(m_info.creatorPid, 0xffffffffU);
-  EXPECT_EQ(m_info.parentPid, 0xffffffffU);
-  EXPECT_EQ(m_info.uniquePid, 0U);
-  EXPECT_EQ(m_info.creatorUniquePid, 0xffffffffffffffffU);
-  EXPECT_EQ(m_info.parentUniquePid, 0xffffffffffffffffU);
-  EXPECT_EQ(m_info.sessionId, 0U);
-  EXPECT_EQ(m_info.startTime, 0);
-  EXPECT_EQ(m_info.exitTime, 0);
-  EXPECT_EQ(m_info.imagePath, u"kernel memory");
-  EXPECT_EQ(m_info.workingDirectory, u"");
-  EXPECT_EQ(m_info.flags, 17U);
-  EXPECT_EQ(m_info.state, 1U);
-  EXPECT_EQ(*m_info.commandLine, u"root=/dev/vda quiet");
-  EXPECT_EQ(m_info.realUserId, 0U);
-  EXPECT_EQ(m_info.effectiveUserId, 0U);
-  EXPECT_EQ(m_info.realGroupId, 0U);
-  EXPECT_EQ(m_info.effectiveGroupId, 0U);
+  ProcessInformation kernel;
+  kernel.creatorPid = kernel.parentPid = 0xffffffff;
+  kernel.creatorUniquePid = kernel.parentUniquePid = 0xffffffffffffffff;
+  kernel.imagePath = u"kernel memory";
+  kernel.flags = 17;
+  kernel.state = 1;
+  kernel.commandLine = std::make_shared<const zym::types::string16_t>(u"root=/dev/vda quiet");
+  kernel.realUserId = kernel.effectiveUserId = kernel.realGroupId = kernel.effectiveGroupId = 0;
+  kernel.mountNamespaceId = m_info.mountNamespaceId;
+  EXPECT_THAT(m_info, IsRecord(kernel));
 }
 
 TEST_F(ToolsTest, TheKernelWithoutACommandLineIsAFailureAtOnce) {
   EXPECT_CALL(*m_parser, GetCmdline(0, _)).WillOnce(Return(kFailure));
   EXPECT_EQ(Get(0), kFailure);
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, PidAllOnesIsAnInvalidArgumentAndReadsNothing) {
   const auto parser = zym::CreateObject<StrictMock<MockParser>>();
   EXPECT_EQ(GetProcessInfo(m_tracer.get(), parser.get(), 0xffffffff, m_info), zym::ZYM_E_INVALID_ARGUMENT);
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, TheStepsComeInTheirOrder) {
@@ -269,7 +224,7 @@ TEST_F(ToolsTest, AFailedStatEndsTheRead) {
   EXPECT_CALL(*m_parser, GetWorkingDir).Times(0);
   EXPECT_EQ(Get(), kFailure);
   ExpectFailedCheck("procfs->GetStat(pid, stat)", "Cannot get process status from procfs for pid: 77");
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AFailedWorkingDirectoryEndsTheRead) {
@@ -278,7 +233,7 @@ TEST_F(ToolsTest, AFailedWorkingDirectoryEndsTheRead) {
   EXPECT_CALL(*m_parser, GetMountNamespaceId).Times(0);
   EXPECT_EQ(Get(), kFailure);
   ExpectFailedCheck("procfs->GetWorkingDir(pid, cwd)", "Cannot get process cwd from procfs for pid: 77");
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AFailedMountNamespaceEndsTheRead) {
@@ -288,7 +243,7 @@ TEST_F(ToolsTest, AFailedMountNamespaceEndsTheRead) {
   EXPECT_EQ(Get(), kFailure);
   ExpectFailedCheck("procfs->GetMountNamespaceId(pid, mountNsId)",
                     "Cannot get mount namespace id for pid: 77");
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AProcessThatVanishesBeforeItsImageIsReadIsNotFound) {
@@ -300,7 +255,7 @@ TEST_F(ToolsTest, AProcessThatVanishesBeforeItsImageIsReadIsNotFound) {
   EXPECT_CALL(*m_parser, GetCmdline).Times(0);
   EXPECT_EQ(Get(), zym::ZYM_E_NOT_FOUND) << "whatever the reader's own result is";
   EXPECT_TRUE(m_tracer->Has(500, "Failed to obtain image path for pid: 77, error: No such process"));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AProcessThatVanishesAtItsCommandLineIsNotFoundByTheReader) {
@@ -311,7 +266,7 @@ TEST_F(ToolsTest, AProcessThatVanishesAtItsCommandLineIsNotFoundByTheReader) {
       m_tracer->Find("(cmdlineResult)"),
       ::testing::EndsWith("(cmdlineResult),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000004c (Not found) "
                           "Cannot get process cmdline from procfs for pid: 77"));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AnEmptyCommandLineIsNoFailure) {
@@ -383,14 +338,14 @@ TEST_F(ToolsTest, AnImagePathThatIsNotUtf8IsABadCastAndLeavesTheRecord) {
   ReadsSucceed();
   EXPECT_CALL(*m_parser, GetImagePath).WillOnce(DoAll(SetArgReferee<1>("/\xff"), Return(zym::ZYM_OK)));
   EXPECT_EQ(Get(), zym::ZYM_E_BAD_CAST);
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AWorkingDirectoryThatIsNotUtf8IsABadCastAndLeavesTheRecord) {
   ReadsSucceed();
   EXPECT_CALL(*m_parser, GetWorkingDir).WillOnce(DoAll(SetArgReferee<1>("/\xff"), Return(zym::ZYM_OK)));
   EXPECT_EQ(Get(), zym::ZYM_E_BAD_CAST);
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, ATimeBeyondTheRangeOfDatesIsAFailureThatLeavesTheRecord) {
@@ -398,11 +353,11 @@ TEST_F(ToolsTest, ATimeBeyondTheRangeOfDatesIsAFailureThatLeavesTheRecord) {
   m_stat.directoryChangeTime = std::numeric_limits<std::int64_t>::max();
   EXPECT_FALSE(ZYM_SUCCEEDED(Get()));
   EXPECT_TRUE(m_tracer->Has(300, "Invalid timestamp: epoch 9223372036854775807"));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
   m_stat.directoryChangeTime = -20'000'000'000;  // before the year 1601
   EXPECT_FALSE(ZYM_SUCCEEDED(Get()));
   EXPECT_TRUE(m_tracer->Has(300, "Invalid utc timestamp for posix platform "));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, NoMemoryIsAFailureThatLetsNoExceptionOut) {
@@ -678,7 +633,7 @@ TEST_F(RealProcessTest, AProcessThatIsGoneIsNotFound) {
                            "stat\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004c \\(Not "
                            "found\\) Cannot get process status from procfs for pid: " +
                            std::to_string(pid)));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(RealProcessTest, AZombieIsNotFound) {
@@ -688,7 +643,7 @@ TEST_F(RealProcessTest, AZombieIsNotFound) {
 }
 
 TEST_F(RealProcessTest, AProcessOfAnotherMountNamespaceIsDescribed) {
-  if (::geteuid() != 0) GTEST_SKIP() << "a mount namespace needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(test_support::MissingMountRights());
   const Child child = Child::Forked([] { return ::unshare(CLONE_NEWNS) == 0; });
   ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
   const std::uint64_t other = m_info.mountNamespaceId;

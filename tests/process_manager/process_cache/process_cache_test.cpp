@@ -1,6 +1,7 @@
 // The cache's life, its tables, and the questions that it answers.
 #include "process_manager/process_cache/process_cache.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "process_manager/process/process_description.h"
+#include "support/process_records.h"
 #include "tests/process_manager/process_cache/process_cache_fixture.h"
 #include "zym/exception.h"
 
@@ -299,24 +301,16 @@ TEST_F(ProcessCacheTest, AnUpdateTeachesEveryFieldAndGivesTheUniquePids) {
   read.exitTime = 8;
   read.flags = kNoBackingImage;
   const Info told = Learn(read);
+  EXPECT_EQ(PidOf(told.uniquePid), static_cast<PidType>(kChild));
+  EXPECT_EQ(PidOf(told.parentUniquePid), static_cast<PidType>(kParent));
+  Info expected = read;  // what was read is not moved out of the caller's record
+  expected.uniquePid = told.uniquePid;
+  expected.parentUniquePid = expected.creatorUniquePid = told.parentUniquePid;
+  expected.creatorPid = kParent;
+  EXPECT_THAT(told, test_support::IsRecord(expected));
   const Info info = Ask(kChild);
-  EXPECT_EQ(told.uniquePid, info.uniquePid);
-  EXPECT_EQ(told.parentUniquePid, info.parentUniquePid);
-  EXPECT_EQ(told.creatorPid, static_cast<PidType>(kParent));
-  EXPECT_EQ(told.creatorUniquePid, told.parentUniquePid);
-  EXPECT_EQ(info.sessionId, 7U);
-  EXPECT_EQ(info.startTime, 5000);
-  EXPECT_EQ(info.exitTime, 8);
-  EXPECT_EQ(info.state, kCreated);
-  EXPECT_EQ(info.workingDirectory, u"/home");
-  EXPECT_EQ(info.commandLine.get(), read.commandLine.get());
-  EXPECT_EQ(info.imagePath, u"/bin/x");
-  EXPECT_EQ(info.flags, kNoBackingImage);
-  EXPECT_EQ(info.realUserId, 1000U);
-  EXPECT_EQ(info.effectiveGroupId, 1003U);
-  EXPECT_EQ(info.environment, read.environment);
-  EXPECT_EQ(info.mountNamespaceId, 42U);
-  EXPECT_EQ(told.imagePath, u"/bin/x") << "what was read is not moved out of the caller's record";
+  EXPECT_THAT(info, test_support::IsRecord(expected));
+  EXPECT_EQ(info.commandLine.get(), read.commandLine.get()) << "shared, not copied";
 }
 
 TEST_F(ProcessCacheTest, AnUpdateOfAReadyEntryChangesNothingButTheParent) {

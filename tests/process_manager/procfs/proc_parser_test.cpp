@@ -21,7 +21,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <string>
 #include <string_view>
@@ -33,6 +32,7 @@
 #include "support/child.h"
 #include "support/fake_services.h"
 #include "support/fresh_process.h"
+#include "support/rights.h"
 #include "support/temp_directory.h"
 #include "zym/exception.h"
 #include "zym/module_counter.h"
@@ -47,11 +47,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // What doesn't belong to one process lies where the test says.
 class RootedParser : public ProcParser {
@@ -104,10 +99,6 @@ void WithFakeRoot(const std::function<void(FakeRoot&)>& body) {
 }
 
 constexpr PidType kNobody = 4'194'305;  // above the largest pid of Linux, 2^22
-
-bool IsRoot() {
-  return ::geteuid() == 0;
-}
 
 // A mount namespace of the process's own, in which it may cover what it likes.
 bool EnterOwnMountNamespace() {
@@ -201,7 +192,7 @@ TEST_F(ProcParserTest, GivesTheKernelsOwnCommandLineForPid0) {
   const auto rooted = Make<RootedParser>("/proc");
   zym::types::string16_t cmdline;
   ASSERT_EQ(rooted->GetCmdline(0, cmdline), zym::ZYM_OK);
-  const std::string expected = ReadAll("/proc/cmdline");
+  const std::string expected = test_support::ReadTextFile("/proc/cmdline");
   EXPECT_EQ(cmdline, zym::types::string16_t(expected.begin(), expected.end())) << "its line end stays";
 }
 
@@ -320,7 +311,7 @@ TEST(ProcParser, CountersThatAreMissingOrUnreadableAreTraced) {
 }
 
 TEST_F(ProcParserTest, ReadsTheCredentialsOfARealProcess) {
-  if (!IsRoot()) GTEST_SKIP() << "taking other ids needs CAP_SETUID: run as root";
+  SKIP_IF(test_support::MissingRight(CAP_SETUID, "to take other ids"));
   const Child child = Child::Forked([] {
     const gid_t groups[] = {4001, 4002};
     return ::setgroups(2, groups) == 0 && ::setresgid(3001, 3002, 3003) == 0 &&
@@ -650,7 +641,7 @@ TEST(ProcParser, ADescriptorWhosePathIsTooLongIsNotTakenForAnother) {
 }
 
 TEST(ProcParser, ABlockDeviceIsTold) {
-  if (!IsRoot()) GTEST_SKIP() << "making a device needs CAP_MKNOD: run as root";
+  SKIP_IF(test_support::MissingRight(CAP_MKNOD, "to make a device"));
   WithFakeRoot([](FakeRoot& root) {
     ASSERT_EQ(::mknod(root.tree.Place("77/fd/3").c_str(), S_IFBLK | 0600, 0), 0);
     DescriptorInfo info;
@@ -782,7 +773,7 @@ TEST_F(ProcParserTest, GivesTheMountNamespaceOfAProcess) {
 }
 
 TEST_F(ProcParserTest, TellsAnotherMountNamespaceFromItsOwn) {
-  if (!IsRoot()) GTEST_SKIP() << "a mount namespace needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(test_support::MissingMountRights());
   const Child child = Child::Forked([] { return ::unshare(CLONE_NEWNS) == 0; });
   std::uint64_t own = 0;
   std::uint64_t other = 0;
@@ -799,7 +790,7 @@ TEST_F(ProcParserTest, TheNamespaceOfAProcessThatIsGoneIsUnknown) {
 }
 
 TEST(ProcParser, AKernelWithoutNamespaceFilesHasTheNamespace0) {
-  if (!IsRoot()) GTEST_SKIP() << "covering /proc needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(test_support::MissingMountRights());
   InFreshProcess([] {
     ASSERT_TRUE(EnterOwnMountNamespace());
     ASSERT_EQ(::mount("none", "/proc", "tmpfs", 0, nullptr), 0);
@@ -815,7 +806,7 @@ TEST(ProcParser, AKernelWithoutNamespaceFilesHasTheNamespace0) {
 }
 
 TEST(ProcParser, AnotherFailureToReadTheOwnNamespaceIsTriedAgain) {
-  if (!IsRoot()) GTEST_SKIP() << "covering /proc needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(test_support::MissingMountRights());
   InFreshProcess([] {
     ASSERT_TRUE(EnterOwnMountNamespace());
     ASSERT_EQ(::mount("none", "/proc", "tmpfs", 0, nullptr), 0);
@@ -949,7 +940,7 @@ TEST(ProcParser, AFileThatIsCutAnywhereGivesAResultOfTheTable) {
       if (std::string_view(file) == "iomem")
         text = "00001000-0009fbff : System RAM\n  00001000-00002fff : part\n";
       if (std::string_view(file).starts_with("77/"))
-        text = ReadAll("/proc/self/" + std::string(file).substr(3));
+        text = test_support::ReadTextFile("/proc/self/" + std::string(file).substr(3));
       if (std::string_view(file) == "cmdline") text = "root=/dev/sda1 ro quiet\n";
       for (std::size_t length = 0; length <= std::min(text.size(), kMost); length += length < 80 ? 1 : 11) {
         root.tree.Write(file, text.substr(0, length));

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <random>
 #include <sstream>
@@ -15,6 +13,7 @@
 
 #include "process_manager/procfs/procfs_extractor.h"
 #include "procfs_patterns.h"
+#include "support/files.h"
 
 namespace qor::procfs {
 namespace {
@@ -22,11 +21,6 @@ namespace {
 using namespace std::string_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Changes of a text that keep it near to what it was.
 class Mutator {
@@ -503,7 +497,7 @@ TEST(ParseMaps, AMutatedLineIsTakenAsThePatternTakesIt) {
 }
 
 TEST(ParseMaps, TheMappingsOfThisProcessAreTakenAsThePatternTakesThem) {
-  const std::string text = ReadAll("/proc/self/maps");
+  const std::string text = test_support::ReadTextFile("/proc/self/maps");
   const Maps maps = MapsOf(text);
   EXPECT_TRUE(procfs_patterns::Equal(maps, procfs_patterns::ParseMaps(text)));
   EXPECT_EQ(maps.size(), static_cast<std::size_t>(std::ranges::count(text, '\n')));
