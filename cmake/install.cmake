@@ -1,12 +1,12 @@
-# The installed tree: the module, pmhost, the two static libraries a host links, the headers it includes, and the two
-# ways to find them (a CMake package and a pkg-config file). It may be moved as a whole.
+# The installed tree: the module, pmhost, the static libraries a host links, the headers it includes, and the two ways
+# to find them (a CMake package and a pkg-config file). It may be moved as a whole.
 
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/libprocess_manager)
 set(source_dir ${PROJECT_SOURCE_DIR}/src)
 
-install(TARGETS zym_boost zym qor_common process_manager_sdk
+install(TARGETS zym_boost zym qor_common process_manager_sdk host_kit
   EXPORT libprocess_manager
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -18,6 +18,8 @@ if(TARGET pmhost)
 endif()
 
 install(DIRECTORY ${source_dir}/zym/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zym FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/host_kit/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/host_kit
+  FILES_MATCHING PATTERN "*.h")
 foreach(part process_manager qor_common qor_utils)
   if(EXISTS ${source_dir}/${part}/export)
     install(DIRECTORY ${source_dir}/${part}/export/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}

@@ -34,12 +34,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto wide = zym::Utf8ToUtf16(narrow);
   Require(wide.has_value() == IsWhole(std::string_view(narrow)));
   if (wide) Require(zym::Utf16ToUtf8(*wide) == narrow);
+  // What is replaced is whole, and what is whole stays as it is.
+  const auto shown = zym::Utf8ToUtf16Lossy(narrow);
+  Require(IsWhole(std::u16string_view(shown)));
+  if (wide) Require(shown == *wide);
 
   std::u16string units(size / sizeof(char16_t), u'\0');
   if (!units.empty()) std::memcpy(units.data(), data, units.size() * sizeof(char16_t));
   const auto bytes = zym::Utf16ToUtf8(units);
   Require(bytes.has_value() == IsWhole(std::u16string_view(units)));
+  const auto shownBytes = zym::Utf16ToUtf8Lossy(units);
+  Require(IsWhole(std::string_view(shownBytes)));
   if (bytes) {
+    Require(shownBytes == *bytes);
     const auto back = zym::Utf8ToUtf16(*bytes);
     Require(back.has_value() && std::u16string_view(*back) == units);
   }

@@ -1,49 +1,60 @@
-// The reference host: every service in a locator, and the module's objects over it.
+// The reference host: every service in a locator, and the module at work over it.
 #pragma once
 
-#include "host/module.h"
+#include <cstdint>
+
 #include "host/options.h"
-#include "host/service_locator.h"
-#include "process_manager/interceptor.h"
-#include "process_manager/process_cache.h"
-#include "process_manager/services/feature_techs.h"
+#include "host_kit/bootstrap.h"
+#include "host_kit/loaded_module.h"
 
 namespace pmhost {
 
-// Made in the order that a daemon needs: services, the module, the module's objects that it takes back from
-// the locator. Ends in the opposite order; the module is unloaded last.
+// The module is unloaded last. An object of it that is still alive then is reported on standard error, and
+// the module stays loaded.
 class Host {
  public:
+  // Throws Failure.
   explicit Host(const GlobalOptions& options);
-  ~Host();
+  ~Host() = default;
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  // The facade of all event sources; made at the first call.
-  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> GetInterceptor();
+  // Each is made once.
+  [[nodiscard]] const zym::intrusive_ptr<qor::IFeatureTechsAggregator>& GetFeatures() const {
+    return m_bootstrap.GetFeatures();
+  }
+  [[nodiscard]] const zym::intrusive_ptr<qor::procfs::IParser>& GetParser() const {
+    return m_bootstrap.GetParser();
+  }
+  [[nodiscard]] const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider>& GetCache() const {
+    return m_bootstrap.GetCache();
+  }
+  // These two at the first call. They throw Failure.
+  [[nodiscard]] zym::intrusive_ptr<system_interceptors::process_manager::IProcessManager> GetProcessManager()
+      const {
+    return m_bootstrap.GetProcessManager();
+  }
+  [[nodiscard]] zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> GetInterceptor()
+      const {
+    return m_bootstrap.GetInterceptor();
+  }
 
   // A further object of one of the module's factories. Throws Failure.
   template <class I>
   zym::intrusive_ptr<I> Make(std::uint32_t classId, const char* what) const {
-    return m_module.Make<I>(classId, m_locator.get(), what);
-  }
-
-  [[nodiscard]] const zym::intrusive_ptr<qor::IFeatureTechsAggregator>& GetFeatures() const {
-    return m_features;
-  }
-  [[nodiscard]] const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider>& GetCache() const {
-    return m_cache;
+    return m_bootstrap.Make<I>(classId, what);
   }
 
  private:
-  void AddModuleServices();
-  void Release();
+  // Reports a module that stays loaded.
+  class Module : public host_kit::LoadedModule {
+   public:
+    using LoadedModule::LoadedModule;
+    ~Module();
+  };
 
-  zym::intrusive_ptr<ServiceLocator> m_locator;
   Module m_module;
-  zym::intrusive_ptr<qor::IFeatureTechsAggregator> m_features;
-  zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> m_cache;
-  zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> m_interceptor;
+  host_kit::Bootstrap m_bootstrap;
 };
 
 }  // namespace pmhost

@@ -6,6 +6,10 @@
 #include <string>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 namespace pmhost {
 
 struct GlobalOptions {
@@ -17,5 +21,8 @@ struct GlobalOptions {
   std::map<std::string, bool> features;        // named switches
   std::vector<std::string> excludedProcesses;  // patterns of images that interception is to leave alone
 };
+
+// `options` takes what is parsed, and lives as long as `app`.
+void AddGlobalOptions(CLI::App& app, GlobalOptions& options);
 
 }  // namespace pmhost

@@ -12,7 +12,7 @@ namespace {
 using namespace system_interceptors::process_manager;
 
 // Only the objects of a snapshot have credentials and environments, and a snapshot reads every process there
-// is. For one of them this asks the reader of /proc, which is where a snapshot has them from.
+// is. For one of them this asks the reader of /proc, from which a snapshot takes them, too.
 void ReadFromProcfs(qor::procfs::IParser& parser, std::uint32_t pid, ProcessDetails& details) {
   qor::procfs::Creds creds;
   if (ZYM_SUCCEEDED(parser.GetCreds(pid, creds))) {
@@ -30,10 +30,10 @@ void ReadFromProcfs(qor::procfs::IParser& parser, std::uint32_t pid, ProcessDeta
 void ReadNamespace(IProcessControl& control, ProcessDetails& details) {
   zym::intrusive_ptr<IProcessInformation> information;
   zym::intrusive_ptr<IPosixProcessInformation2> posix;
-  Require(control.GetInformation(information.Ref()), "a control doesn't know its process");
-  Require(zym::QueryInterface(information, posix.Ref()), "a process has no face for Linux");
+  Require(control.GetInformation(information.Ref()), "cannot read the process of a control");
+  Require(zym::QueryInterface(information, posix.Ref()), "a process has no Linux interface");
   std::uint64_t id = qor::kNoMountNamespace;
-  Require(posix->GetMountNamespaceId(id), "cannot tell a mount namespace");
+  Require(posix->GetMountNamespaceId(id), "cannot read a mount namespace");
   if (id == qor::kNoMountNamespace) return;
   details.mountNamespace = id;
   details.hostMountNamespace = posix->IsHostMountNamespace() == zym::ZYM_OK;
@@ -44,7 +44,7 @@ void ReadFromControl(IProcessControl& control, std::uint32_t pid, ProcessDetails
   zym::intrusive_ptr<IProcessAttributes> attributes;
   Require(zym::QueryInterface(zym::intrusive_ptr(&control), attributes.Ref()), "a control has no attributes");
   std::uint32_t flags = 0;
-  Require(attributes->GetAttributeFlags(flags), "cannot tell the attributes of a process");
+  Require(attributes->GetAttributeFlags(flags), "cannot read the attributes of a process");
   details.attributes = flags;
   if (pid == 0) return;  // of the kernel nothing is counted
   ProcessTimes times;
@@ -55,18 +55,18 @@ void ReadFromControl(IProcessControl& control, std::uint32_t pid, ProcessDetails
 
 }  // namespace
 
-ProcessDetails ReadDetails(const Host& host, const ProcessReader& reader, std::uint32_t pid) {
+ProcessDetails ReadDetails(Host& host, std::uint32_t pid) {
   ProcessDetails details;
-  ReadFromProcfs(*reader.Parser(), pid, details);
+  ReadFromProcfs(*host.GetParser(), pid, details);
   zym::intrusive_ptr<IProcessControl> control;
-  if (ZYM_SUCCEEDED(reader.Manager()->GetControl(pid, control.Ref())))
+  if (ZYM_SUCCEEDED(host.GetProcessManager()->GetControl(pid, control.Ref())))
     ReadFromControl(*control, pid, details);
-  // Of a process whose environment can't be read the module would tell the language of its own user.
+  // Of a process whose environment can't be read the module would report the language of its own user.
   if (details.environment) {
     const auto provider = host.Make<qor::process_manager::IProcessUserLocalizationProvider>(
         qor::class_ids::kProcessUserLocalizationProvider, "the provider of languages");
     zym::types::string16_t localization;
-    Require(provider->GetProcessUserLocalization(pid, localization), "cannot tell the language of a process");
+    Require(provider->GetProcessUserLocalization(pid, localization), "cannot read the language of a process");
     details.localization = std::move(localization);
   }
   return details;

@@ -1,11 +1,10 @@
-// What is known of one process beyond what a list of processes tells.
+// What is known of one process beyond what a list of processes shows.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 
 #include "host/host.h"
-#include "host/process_reader.h"
 #include "process_manager/process_control.h"
 #include "zym/containers.h"
 
@@ -27,6 +26,6 @@ struct ProcessDetails {
 
 // Of the process that has `pid` now; 0 is the kernel, of which neither environment nor counters are known.
 // What can't be read, because the process has ended or a right is missing, is absent. Throws Failure.
-ProcessDetails ReadDetails(const Host& host, const ProcessReader& reader, std::uint32_t pid);
+ProcessDetails ReadDetails(Host& host, std::uint32_t pid);
 
 }  // namespace pmhost

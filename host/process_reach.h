@@ -1,8 +1,7 @@
-// Why a process can't be looked into.
+// Why a process can't be read.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 namespace pmhost {
@@ -16,20 +15,16 @@ enum class Reach {
 // Tries the link `name` of the process's directory, as "exe": whoever may read that may read all the rest.
 Reach ReachOf(std::uint32_t pid, const char* name);
 
-// How to come by a capability that is missing.
+// How to get a capability that is missing.
 std::string Remedy();
 
 // The right that is missing for kDenied, and the remedy.
 std::string MissingRight();
 
 // A sentence for a person that ends a command: what couldn't be done, why, and the remedy if one is known.
-// The module tells the failure of a read by a code that many causes have; here the file `name` of the process
-// is tried, to find which it was. `otherwise` is the reason when that file can be opened.
+// The module reports a read that failed by a code that many causes have; here the file `name` of the process
+// is opened, to find which it was. `otherwise` is the reason when that file can be opened.
 std::string ExplainProcess(const std::string& what, std::uint32_t pid, const char* name,
                            const std::string& otherwise);
-
-// The process to which `id` belongs, which for the id of a thread is another than `id`. Absent: there is
-// neither.
-std::optional<std::uint32_t> ProcessOfThread(std::uint32_t id);
 
 }  // namespace pmhost

@@ -1,6 +1,7 @@
 #include "host/commands/features.h"
 
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <stdexcept>
@@ -10,12 +11,24 @@
 #include "host/commands/netlink_source.h"
 #include "host/failure.h"
 #include "host/host.h"
-#include "host/output/json.h"
-#include "host/output/line_writer.h"
+#include "host/output/table.h"
 #include "qor_common/enum_names.h"
 
 namespace pmhost {
 namespace {
+
+struct Feature {
+  std::string name;
+  Names technologies;
+};
+
+std::vector<Column<Feature>> Columns() {
+  return {
+      {{"feature", Kind::kText, "FEATURE"}, [](const Feature& feature) { return Value(feature.name); }},
+      {{"technologies", Kind::kNames, "TECHNOLOGIES"},
+       [](const Feature& feature) { return Value(feature.technologies); }},
+  };
+}
 
 template <class E>
 std::string NameOf(std::uint32_t value) {
@@ -25,11 +38,6 @@ std::string NameOf(std::uint32_t value) {
     return std::to_string(value);
   }
 }
-
-struct Feature {
-  std::string name;
-  std::vector<std::string> technologies;
-};
 
 std::vector<Feature> Name(const qor::FeatureTechsReport& report) {
   std::vector<Feature> features;
@@ -44,31 +52,28 @@ std::vector<Feature> Name(const qor::FeatureTechsReport& report) {
   return features;
 }
 
+class Features final : public Command {
+ public:
+  CLI::App& AddTo(CLI::App& app) override {
+    return *app.add_subcommand("features", "List the features that run, and by which technologies");
+  }
+
+  // Turns on what this host can, lists it, and turns it off again.
+  void Run(const GlobalOptions& global) override {
+    Host host(global);
+    const NetlinkSource source(host.GetInterceptor(), qor::process_manager::non_blocking_type::kNetlink);
+    qor::FeatureTechsReport report;
+    Require(host.GetFeatures()->Report(report), "cannot list the features that run");
+    LineWriter writer(STDOUT_FILENO);
+    Table<Feature>(global.json ? Layout::kJson : Layout::kTable, Columns(), writer).PrintAll(Name(report));
+    writer.Finish();
+  }
+};
+
 }  // namespace
 
-void ShowFeatures(const GlobalOptions& global) {
-  Host host(global);
-  const NetlinkSource source(host.GetInterceptor(), qor::process_manager::non_blocking_type::kNetlink);
-  qor::FeatureTechsReport report;
-  Require(host.GetFeatures()->Report(report), "cannot tell which features run");
-
-  LineWriter writer(STDOUT_FILENO);
-  JsonLine line;
-  for (const Feature& feature : Name(report)) {
-    if (global.json) {
-      line.Begin();
-      line.Text("feature", std::string_view(feature.name));
-      line.BeginList("technologies");
-      for (const std::string& technology : feature.technologies) line.Item(technology);
-      line.EndList();
-      writer.WriteLine(line.End());
-      continue;
-    }
-    std::string text = feature.name + ":";
-    for (const std::string& technology : feature.technologies) text += " " + technology;
-    writer.WriteLine(text);
-  }
-  writer.Finish();
+std::unique_ptr<Command> MakeFeatures() {
+  return std::make_unique<Features>();
 }
 
 }  // namespace pmhost

@@ -1,11 +1,12 @@
 // pmhost features: which features run, and by which technologies.
 #pragma once
 
-#include "host/options.h"
+#include <memory>
+
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-// Turns on what this host can, tells it, and turns it off again. Throws Failure.
-void ShowFeatures(const GlobalOptions& global);
+std::unique_ptr<Command> MakeFeatures();
 
 }  // namespace pmhost

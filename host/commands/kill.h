@@ -1,19 +1,12 @@
-// The end of a process.
+// pmhost kill: the end of a process.
 #pragma once
 
-#include <cstdint>
-#include <optional>
+#include <memory>
 
-#include "host/options.h"
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-struct KillOptions {
-  std::uint32_t pid = 0;
-  std::optional<std::uint32_t> wait;  // milliseconds; absent: asks, and doesn't wait
-};
-
-// Throws Failure.
-void KillProcess(const GlobalOptions& global, const KillOptions& options);
+std::unique_ptr<Command> MakeKill();
 
 }  // namespace pmhost

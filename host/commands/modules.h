@@ -1,12 +1,12 @@
-// The code that is loaded in a process.
+// pmhost modules: the code that is loaded in a process.
 #pragma once
 
-#include <cstdint>
+#include <memory>
 
-#include "host/options.h"
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-void ShowModules(const GlobalOptions& global, std::uint32_t pid);
+std::unique_ptr<Command> MakeModules();
 
 }  // namespace pmhost

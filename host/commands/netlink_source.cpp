@@ -13,7 +13,7 @@ namespace {
 bool HasNetAdmin() {
   __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
   __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-  if (::syscall(SYS_capget, &header, data) != 0) return true;  // not known: let the kernel say it
+  if (::syscall(SYS_capget, &header, data) != 0) return true;  // not known: the kernel will refuse
   return (data[CAP_TO_INDEX(CAP_NET_ADMIN)].effective & CAP_TO_MASK(CAP_NET_ADMIN)) != 0;
 }
 
@@ -31,7 +31,7 @@ NetlinkSource::NetlinkSource(
   RequireRight();
   Require(zym::QueryInterface(interceptor, m_control.Ref()), "the interceptor cannot be controlled");
   Require(m_control->EnableNonBlockingInterceptor(m_type),
-          "cannot watch processes: the kernel's proc connector cannot be used (--trace 300 says why)");
+          "cannot watch processes: the kernel's proc connector cannot be used (--trace 300 shows why)");
 }
 
 NetlinkSource::~NetlinkSource() {

@@ -1,17 +1,34 @@
 #include "host/commands/os.h"
 
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <string>
 
 #include "host/failure.h"
-#include "host/output/json.h"
-#include "host/output/line_writer.h"
+#include "host/output/table.h"
 #include "host/services/tracer.h"
 #include "qor_common/os_info.h"
 
 namespace pmhost {
 namespace {
+
+struct Row {
+  qor::OsInfo info;
+  std::string kernel;
+  bool workstation = false;
+};
+
+std::vector<Column<Row>> Columns() {
+  const auto text = [](const std::string& value) { return KnownText(std::string_view(value)); };
+  return {
+      {{"name", Kind::kText}, [text](const Row& row) { return text(row.info.name); }},
+      {{"version", Kind::kText}, [text](const Row& row) { return text(row.info.version); }},
+      {{"description", Kind::kText}, [text](const Row& row) { return text(row.info.description); }},
+      {{"kernel", Kind::kText}, [text](const Row& row) { return text(row.kernel); }},
+      {{"workstation", Kind::kYesNo}, [](const Row& row) { return Value(row.workstation); }},
+  };
+}
 
 // "6.1.0": as many numbers as are known.
 std::string Shown(const qor::KernelVersion& kernel) {
@@ -38,37 +55,30 @@ std::string Unquoted(const std::string& value) {
   return text;
 }
 
+class Os final : public Command {
+ public:
+  CLI::App& AddTo(CLI::App& app) override {
+    return *app.add_subcommand("os", "Show distribution and kernel, and whether this is a workstation");
+  }
+
+  void Run(const GlobalOptions& global) override {
+    const auto tracer = zym::CreateObject<Tracer>(global.traceLevel, global.traceFile);
+    Row row;
+    Require(qor::GetOsInfo(tracer.get(), row.info), "cannot read what this machine runs");
+    for (std::string* const value : {&row.info.name, &row.info.version, &row.info.description})
+      *value = Unquoted(*value);
+    row.kernel = Shown(qor::GetLinuxKernelRelease(tracer.get()));
+    row.workstation = qor::IsWorkstation(tracer.get());
+    LineWriter writer(STDOUT_FILENO);
+    Table<Row>(global.json ? Layout::kJson : Layout::kSheet, Columns(), writer).Print(row);
+    writer.Finish();
+  }
+};
+
 }  // namespace
 
-void ShowOs(const GlobalOptions& global) {
-  const auto tracer = zym::CreateObject<Tracer>(global.traceLevel, global.traceFile);
-  qor::OsInfo info;
-  Require(qor::GetOsInfo(tracer.get(), info), "cannot tell what this machine runs");
-  for (std::string* const value : {&info.name, &info.version, &info.description}) *value = Unquoted(*value);
-  const std::string kernel = Shown(qor::GetLinuxKernelRelease(tracer.get()));
-  const bool workstation = qor::IsWorkstation(tracer.get());
-
-  LineWriter writer(STDOUT_FILENO);
-  if (global.json) {
-    JsonLine line;
-    const auto text = [&line](const char* name, const std::string& value) {
-      value.empty() ? line.Null(name) : line.Text(name, std::string_view(value));
-    };
-    line.Begin();
-    text("name", info.name);
-    text("version", info.version);
-    text("description", info.description);
-    text("kernel", kernel);
-    line.Boolean("workstation", workstation);
-    writer.WriteLine(line.End());
-    return writer.Finish();
-  }
-  writer.WriteLine("name         " + info.name);
-  writer.WriteLine("version      " + info.version);
-  writer.WriteLine("description  " + info.description);
-  writer.WriteLine("kernel       " + kernel);
-  writer.WriteLine(std::string("workstation  ") + (workstation ? "yes" : "no, a server"));
-  writer.Finish();
+std::unique_ptr<Command> MakeOs() {
+  return std::make_unique<Os>();
 }
 
 }  // namespace pmhost

@@ -1,11 +1,12 @@
-// pmhost os: what the module thinks it runs on.
+// pmhost os: distribution, kernel, workstation or server.
 #pragma once
 
-#include "host/options.h"
+#include <memory>
+
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-// Throws Failure.
-void ShowOs(const GlobalOptions& global);
+std::unique_ptr<Command> MakeOs();
 
 }  // namespace pmhost

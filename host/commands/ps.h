@@ -1,15 +1,12 @@
-// A snapshot of all processes.
+// pmhost ps: a snapshot of all processes.
 #pragma once
 
-#include "host/options.h"
+#include <memory>
+
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-struct PsOptions {
-  bool tree = false;
-};
-
-// Throws Failure.
-void ListProcesses(const GlobalOptions& global, const PsOptions& options);
+std::unique_ptr<Command> MakePs();
 
 }  // namespace pmhost

@@ -1,17 +1,17 @@
 #include "host/commands/show.h"
 
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "host/commands/arguments.h"
 #include "host/failure.h"
 #include "host/host.h"
-#include "host/output/json.h"
-#include "host/output/line_writer.h"
-#include "host/output/shown_text.h"
-#include "host/output/user_names.h"
+#include "host/output/process_columns.h"
+#include "host/output/table.h"
 #include "host/process_details.h"
 #include "host/process_reader.h"
 
@@ -20,213 +20,160 @@ namespace {
 
 using namespace system_interceptors::process_manager;
 
+struct Row {
+  ProcessRecord process;
+  ProcessDetails details;
+};
+
 constexpr std::uint64_t kUnitsPerSecond = zym::datetime::kUnitsPerSecond;
 
-std::vector<const char*> AttributeNames(std::uint32_t flags) {
-  std::vector<const char*> names;
-  if ((flags & kInvisibleProcess) != 0) names.push_back("invisible");
+Value Environment(const Row& row) {
+  if (!row.details.environment) return NotKnown();
+  return Names(row.details.environment->begin(), row.details.environment->end());
+}
+
+Value Localization(const Row& row) {
+  const auto& localization = row.details.localization;
+  return localization ? Value(std::u16string_view(*localization)) : Value(NotKnown());
+}
+
+Value Attributes(const Row& row) {
+  if (!row.details.attributes) return NotKnown();
+  Names names;
+  if ((*row.details.attributes & kInvisibleProcess) != 0) names.emplace_back("invisible");
   return names;
 }
 
-// --- JSON --------------------------------------------------------------------------------------------------
+// --- what JSON has as objects ------------------------------------------------------------------------------
 
-void WriteLists(JsonLine& json, const ProcessDetails& details) {
-  if (details.environment) {
-    json.BeginList("environment");
-    for (const zym::types::string_t& variable : *details.environment) json.Item(variable);
-    json.EndList();
-  } else {
-    json.Null("environment");
-  }
-  json.LongNumber("mount_namespace", details.mountNamespace);
-  details.hostMountNamespace ? json.Boolean("host_mount_namespace", *details.hostMountNamespace)
-                             : json.Null("host_mount_namespace");
-  json.Text("localization",
-            details.localization ? std::optional<std::u16string_view>(*details.localization) : std::nullopt);
-  if (!details.attributes) return json.Null("attributes");
-  json.BeginList("attributes");
-  for (const char* name : AttributeNames(*details.attributes)) json.Item(name);
-  json.EndList();
+Value Times(const Row& row) {
+  const auto& times = row.details.times;
+  if (!times) return NotKnown();
+  return Members{{"kernel_seconds", Kind::kNumber, times->kernelTime / kUnitsPerSecond},
+                 {"user_seconds", Kind::kNumber, times->userTime / kUnitsPerSecond}};
 }
 
-void WriteCounters(JsonLine& json, const ProcessDetails& details) {
-  if (details.times) {
-    json.BeginObject("times");
-    json.Number("kernel_seconds", details.times->kernelTime / kUnitsPerSecond);
-    json.Number("user_seconds", details.times->userTime / kUnitsPerSecond);
-    json.EndObject();
-  } else {
-    json.Null("times");
-  }
-  if (!details.io) return json.Null("io");
-  json.BeginObject("io");
-  json.LongNumber("read_operations", details.io->readOperations);
-  json.LongNumber("write_operations", details.io->writeOperations);
-  json.LongNumber("read_bytes", details.io->readBytes);
-  json.LongNumber("write_bytes", details.io->writeBytes);
-  json.EndObject();
+Value Io(const Row& row) {
+  const auto& io = row.details.io;
+  if (!io) return NotKnown();
+  return Members{{"read_operations", Kind::kLongNumber, io->readOperations},
+                 {"write_operations", Kind::kLongNumber, io->writeOperations},
+                 {"read_bytes", Kind::kLongNumber, io->readBytes},
+                 {"write_bytes", Kind::kLongNumber, io->writeBytes}};
 }
 
-void WriteJson(const ShownProcess& process, const ProcessDetails& details, LineWriter& writer) {
-  JsonLine json;
-  TimeText time;
-  json.Begin();
-  WriteProcess(json, time, process);
-  json.Number("effective_user_id", details.effectiveUserId);
-  json.Number("real_group_id", details.realGroupId);
-  json.Number("effective_group_id", details.effectiveGroupId);
-  WriteLists(json, details);
-  WriteCounters(json, details);
-  writer.WriteLine(json.End());
+Value Seconds(const Row& row, std::uint64_t ProcessTimes::*time) {
+  const auto& times = row.details.times;
+  return times ? Value(std::to_string((*times).*time / kUnitsPerSecond) + " s") : Value(NotKnown());
 }
 
-// --- for a person ------------------------------------------------------------------------------------------
+Value Amount(const Row& row, std::uint64_t ProcessIoCounters::*operations,
+             std::uint64_t ProcessIoCounters::*bytes) {
+  const auto& io = row.details.io;
+  if (!io) return NotKnown();
+  return std::to_string((*io).*bytes) + " bytes in " + std::to_string((*io).*operations) + " operations";
+}
 
-// One name and one value a line.
-class Sheet {
+// --- the command -------------------------------------------------------------------------------------------
+
+std::vector<Column<Row>> Columns() {
+  const auto detail = [](auto ProcessDetails::*member) {
+    return [member](const Row& row) { return Known(row.details.*member); };
+  };
+  constexpr auto kJson = Audience::kJson;
+  constexpr auto kPerson = Audience::kPerson;
+  return ColumnsOf(&Row::process, ProcessColumns()) +
+         std::vector<Column<Row>>{
+             {{"effective_user_id", Kind::kUser}, detail(&ProcessDetails::effectiveUserId)},
+             {{"real_group_id", Kind::kNumber}, detail(&ProcessDetails::realGroupId)},
+             {{"effective_group_id", Kind::kNumber}, detail(&ProcessDetails::effectiveGroupId)},
+             {{"environment", Kind::kLines}, Environment},
+             {{"mount_namespace", Kind::kLongNumber}, detail(&ProcessDetails::mountNamespace)},
+             {{"host_mount_namespace", Kind::kYesNo}, detail(&ProcessDetails::hostMountNamespace)},
+             {{"localization", Kind::kText}, Localization},
+             {{"attributes", Kind::kNames}, Attributes},
+             {{"times", Kind::kObject, "", 0, kJson}, Times},
+             {{"io", Kind::kObject, "", 0, kJson}, Io},
+             {{"kernel_time", Kind::kText, "", 0, kPerson},
+              [](const Row& row) { return Seconds(row, &ProcessTimes::kernelTime); }},
+             {{"user_time", Kind::kText, "", 0, kPerson},
+              [](const Row& row) { return Seconds(row, &ProcessTimes::userTime); }},
+             {{"read", Kind::kText, "", 0, kPerson},
+              [](const Row& row) {
+                return Amount(row, &ProcessIoCounters::readOperations, &ProcessIoCounters::readBytes);
+              }},
+             {{"written", Kind::kText, "", 0, kPerson},
+              [](const Row& row) {
+                return Amount(row, &ProcessIoCounters::writeOperations, &ProcessIoCounters::writeBytes);
+              }},
+         };
+}
+
+class Show final : public Command {
  public:
-  explicit Sheet(LineWriter& writer) : m_writer(writer), m_width(writer.Width()) {}
+  CLI::App& AddTo(CLI::App& app) override {
+    CLI::App& command = *app.add_subcommand("show", "Show all that is known of one process");
+    m_pidOption = AddPid(command, m_pid, TakesKernel::kYes);
+    m_uniqueOption = AddNumber(command, "--unique", kAnyNumber, "Show the process with this image",
+                               [this](std::uint64_t uniquePid) { m_uniquePid = uniquePid; });
+    m_uniqueOption->type_name("ID");
+    m_uniqueOption->excludes(m_pidOption);
+    return command;
+  }
 
-  template <class C>
-  void Text(const char* name, std::optional<std::basic_string_view<C>> value) {
-    char column[32];
-    std::snprintf(column, sizeof(column), "%-22s", name);
-    m_line = column;
-    if (value)
-      AppendShown(m_line, *value);
-    else
-      m_line += '?';
-    CutToWidth(m_line, m_width);
-    m_writer.WriteLine(m_line);
+  void Check(const GlobalOptions&) override {
+    if (!*m_pidOption && !*m_uniqueOption) throw CLI::ValidationError("show", "needs PID or --unique ID");
   }
-  void Text(const char* name, const std::string& value) {
-    Text(name, std::optional<std::string_view>(value));
-  }
-  void Number(const char* name, std::optional<std::uint64_t> value) {
-    Text(name, value ? std::to_string(*value) : "?");
-  }
-  void Time(const char* name, std::optional<zym::datetime_t> time) {
-    Text(name, time ? std::optional(m_time.FromDatetime(*time)) : std::nullopt);
-  }
-  void User(const char* name, std::optional<std::uint32_t> id) {
-    Text(name, id ? std::to_string(*id) + " (" + m_names.NameOf(*id) + ")" : "?");
+
+  void Run(const GlobalOptions& global) override {
+    Host host(global);
+    ProcessReader reader(host);
+    ListedProcess process = Find(reader);
+    const std::uint32_t pid = process.facts.pid;
+    LineWriter writer(STDOUT_FILENO);
+    Table<Row>(global.json ? Layout::kJson : Layout::kSheet, Columns(), writer)
+        .Print({std::move(process.facts), ReadDetails(host, pid)});
+    writer.Finish();
+    if (process.denied)
+      std::fprintf(stderr,
+                   "pmhost: process %u could be read in part only, as it belongs to another user or is "
+                   "protected: %s\n",
+                   pid, MissingRight().c_str());
   }
 
  private:
-  LineWriter& m_writer;
-  const std::size_t m_width;
-  TimeText m_time;
-  UserNames m_names;
-  std::string m_line;
-};
-
-std::string Joined(const std::vector<const char*>& names) {
-  std::string text;
-  for (const char* name : names) text += (text.empty() ? "" : ", ") + std::string(name);
-  return text.empty() ? "none" : text;
-}
-
-std::string FlagsText(std::optional<std::uint32_t> flags) {
-  if (!flags) return "?";
-  std::vector<const char*> names;
-  if ((*flags & qor::kSystemProcess) != 0) names.push_back("system");
-  if ((*flags & qor::kNoBackingImage) != 0) names.push_back("no backing image");
-  return Joined(names);
-}
-
-void WriteFacts(Sheet& sheet, const ShownProcess& process) {
-  sheet.Number("pid", process.pid);
-  sheet.Number("unique pid", process.uniquePid);
-  sheet.Number("parent pid", process.parentPid);
-  sheet.Number("unique parent pid", process.uniqueParentPid);
-  sheet.Number("creator pid", process.creatorPid);
-  sheet.Number("unique creator pid", process.uniqueCreatorPid);
-  sheet.Number("session", process.sessionId);
-  sheet.Time("start time", process.startTime);
-  if (process.exitTime) sheet.Time("exit time", process.exitTime);
-  sheet.Text("image path", process.imagePath);
-  sheet.Text("working directory", process.workingDirectory);
-  sheet.Text("command line", process.commandLine);
-  sheet.User("user", process.userId);
-  sheet.Text("flags", FlagsText(process.flags));
-  sheet.Text("state", StateName(process.state));
-}
-
-void WriteDetails(Sheet& sheet, const ProcessDetails& details) {
-  sheet.User("effective user", details.effectiveUserId);
-  sheet.Number("group", details.realGroupId);
-  sheet.Number("effective group", details.effectiveGroupId);
-  const std::string whose = !details.hostMountNamespace   ? ""
-                            : *details.hostMountNamespace ? " (the host's)"
-                                                          : " (another than the host's)";
-  sheet.Text("mount namespace",
-             (details.mountNamespace ? std::to_string(*details.mountNamespace) : "?") + whose);
-  sheet.Text("localization",
-             details.localization ? std::optional<std::u16string_view>(*details.localization) : std::nullopt);
-  sheet.Text("attributes", details.attributes ? Joined(AttributeNames(*details.attributes)) : "?");
-  const auto seconds = [](std::uint64_t time) { return std::to_string(time / kUnitsPerSecond) + " s"; };
-  sheet.Text("kernel time", details.times ? seconds(details.times->kernelTime) : "?");
-  sheet.Text("user time", details.times ? seconds(details.times->userTime) : "?");
-  const auto amount = [](std::uint64_t operations, std::uint64_t bytes) {
-    return std::to_string(bytes) + " bytes in " + std::to_string(operations) + " operations";
-  };
-  sheet.Text("read", details.io ? amount(details.io->readOperations, details.io->readBytes) : "?");
-  sheet.Text("written", details.io ? amount(details.io->writeOperations, details.io->writeBytes) : "?");
-  const char* name = "environment";
-  if (!details.environment || details.environment->empty())
-    return sheet.Text(name, details.environment ? "none" : "?");
-  for (const zym::types::string_t& variable : *details.environment) {
-    sheet.Text(name, std::optional<std::string_view>(variable));
-    name = "";
-  }
-}
-
-// --- which process -----------------------------------------------------------------------------------------
-
-KnownProcess Find(ProcessReader& reader, const ShowOptions& options) {
-  if (options.pid) {
-    std::optional<KnownProcess> process = reader.Read(*options.pid);
+  ListedProcess Find(ProcessReader& reader) const {
+    if (!*m_uniqueOption) {
+      std::optional<ListedProcess> process = reader.Read(m_pid);
+      if (!process)
+        throw Failure(reader.ExplainAbsence("cannot show process " + std::to_string(m_pid), m_pid));
+      return std::move(*process);
+    }
+    const std::uint32_t pid = qor::PidOf(m_uniquePid);
+    std::optional<ListedProcess> process = reader.ReadByUniquePid(m_uniquePid);
     if (!process)
-      throw Failure(
-          reader.ExplainAbsence("cannot show process " + std::to_string(*options.pid), *options.pid));
+      throw Failure("cannot show the image with the unique pid " + std::to_string(m_uniquePid) +
+                    ": it is gone, and process " + std::to_string(pid) +
+                    " is another or not there; pmhost ps lists the processes");
+    if (process->facts.uniquePid != m_uniquePid)
+      std::fprintf(
+          stderr,
+          "pmhost: the unique pid is of another run of the module: process %u was there already, but "
+          "whether it has replaced its image since is not known\n",
+          pid);
     return std::move(*process);
   }
-  const std::uint64_t uniquePid = options.uniquePid.value();
-  const std::uint32_t pid = qor::PidOf(uniquePid);
-  std::optional<KnownProcess> process = reader.ReadByUniquePid(uniquePid);
-  if (!process)
-    throw Failure("cannot show the image with the unique pid " + std::to_string(uniquePid) +
-                  ": it is gone, and process " + std::to_string(pid) +
-                  " is another or none; pmhost ps tells which processes there are");
-  if (process->record.uniquePid != uniquePid)
-    std::fprintf(stderr,
-                 "pmhost: the unique pid is of another run of the module: process %u was there already, but "
-                 "whether it has replaced its image since can't be told\n",
-                 pid);
-  return std::move(*process);
-}
+
+  std::uint32_t m_pid = 0;
+  std::uint64_t m_uniquePid = 0;
+  CLI::Option* m_pidOption = nullptr;
+  CLI::Option* m_uniqueOption = nullptr;  // one of the two is given
+};
 
 }  // namespace
 
-void ShowProcess(const GlobalOptions& global, const ShowOptions& options) {
-  const Host host(global);
-  ProcessReader reader(host);
-  const KnownProcess process = Find(reader, options);
-  const ProcessDetails details = ReadDetails(host, reader, process.record.pid);
-  LineWriter writer(STDOUT_FILENO);
-  if (global.json) {
-    WriteJson(process.Shown(), details, writer);
-  } else {
-    Sheet sheet(writer);
-    WriteFacts(sheet, process.Shown());
-    WriteDetails(sheet, details);
-  }
-  writer.Finish();
-  if (process.denied)
-    std::fprintf(stderr,
-                 "pmhost: process %u could be told in part only, as it belongs to another user or is "
-                 "protected: %s\n",
-                 process.record.pid, MissingRight().c_str());
+std::unique_ptr<Command> MakeShow() {
+  return std::make_unique<Show>();
 }
 
 }  // namespace pmhost

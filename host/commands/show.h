@@ -1,20 +1,12 @@
-// All that is known of one process.
+// pmhost show: all that is known of one process.
 #pragma once
 
-#include <cstdint>
-#include <optional>
+#include <memory>
 
-#include "host/options.h"
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-// One of the two is there.
-struct ShowOptions {
-  std::optional<std::uint32_t> pid;
-  std::optional<std::uint64_t> uniquePid;
-};
-
-// Throws Failure.
-void ShowProcess(const GlobalOptions& global, const ShowOptions& options);
+std::unique_ptr<Command> MakeShow();
 
 }  // namespace pmhost

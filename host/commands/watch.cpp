@@ -2,21 +2,25 @@
 
 #include <sys/wait.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
 
+#include "host/commands/arguments.h"
 #include "host/commands/netlink_source.h"
 #include "host/failure.h"
 #include "host/host.h"
-#include "host/output/line_writer.h"
-#include "host/output/process_event_printer.h"
+#include "host/output/process_columns.h"
+#include "host/output/table.h"
+#include "host/process_event.h"
 #include "host/run_limits.h"
 #include "zym/service_provider.h"
 
@@ -26,27 +30,58 @@ namespace {
 using namespace qor::process_manager;
 using namespace system_interceptors;
 
+std::string_view EventName(const ProcessEvent& event) {
+  return event.type == event_type::kCreateProcess ? "create_process" : "exit_process";
+}
+
+std::string_view ActionName(const ProcessEvent& event) {
+  if (event.type == event_type::kExitProcess) return "exit";
+  return event.fromExec ? "exec" : "fork";
+}
+
+// The image, and at its start the command line.
+Value ImageText(const ProcessEvent& event) {
+  const ProcessRecord& process = event.process;
+  if (process.commandLine.empty() || event.type != event_type::kCreateProcess)
+    return KnownText(std::u16string_view(process.imagePath));
+  const std::u16string_view path = process.imagePath.empty() ? u"?" : std::u16string_view(process.imagePath);
+  return zym::types::string16_t(path) + u": " + process.commandLine;
+}
+
+std::vector<Column<ProcessEvent>> Columns() {
+  using E = ProcessEvent;
+  return std::vector<Column<E>>{
+             {{"event", Kind::kText}, [](const E& event) { return Value(EventName(event)); }},
+             {{"sequence", Kind::kLongNumber}, [](const E& event) { return Value(event.sequence); }},
+             {{"time", Kind::kEventTime, "TIME", 15}, [](const E& event) { return Known(event.timestamp); }},
+             {{"from_exec", Kind::kYesNo}, [](const E& event) { return Value(event.fromExec); }},
+             {{"fake", Kind::kYesNo}, [](const E& event) { return Value(event.fake); }},
+         } +
+         ColumnsOf(&E::process, ProcessColumns()) +
+         std::vector<Column<E>>{
+             {{"action", Kind::kText, "EVENT", 5, Audience::kPerson},
+              [](const E& event) { return Value(ActionName(event)); }},
+             {{"image", Kind::kText, "PATH: COMMAND LINE", 0, Audience::kPerson}, ImageText},
+         };
+}
+
 // Prints events. They come on one thread, in the order of their sequence.
 class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHandler>,
                 public zym::NonCopyable {
  public:
-  Handler(zym::intrusive_ptr<IProcessInfoProvider> cache, std::unique_ptr<ProcessEventPrinter> printer,
-          LineWriter& writer, std::optional<std::uint64_t> count, RunLimits& limits)
-      : m_reader(std::move(cache)),
-        m_printer(std::move(printer)),
-        m_writer(writer),
-        m_left(count),
-        m_limits(limits) {}
+  Handler(zym::intrusive_ptr<IProcessInfoProvider> cache, Table<ProcessEvent>& table,
+          std::optional<std::uint64_t> count, RunLimits& limits)
+      : m_reader(std::move(cache)), m_table(table), m_left(count), m_limits(limits) {}
 
   void OnEvent(ISystemEvent* event, std::uint32_t) override {
     ++m_seen;
     if (IsOfTheMarker(*event) || m_left == 0U) return;
-    const bool written = m_writer.WriteLine(m_printer->Line(m_reader.Read(*event)));
+    const bool printed = m_table.Print(m_reader.Read(*event));
     if (m_left) --*m_left;
-    if (!written || m_left == 0U) m_limits.Finish();
+    if (!printed || m_left == 0U) m_limits.Finish();
   }
 
-  // Returns when every event that the kernel told before this call has been printed: a process of our own is
+  // Returns when every event that the kernel sent before this call has been printed: a process of our own is
   // started, and events keep their order, so its end comes behind them. The kernel may drop it with others,
   // so there is another one every while, as long as events come; silence ends the wait.
   void Drain() {
@@ -80,8 +115,7 @@ class Handler : public zym::object::Ifaces<event_processing::INonBlockingEventHa
   }
 
   ProcessEventReader m_reader;
-  const std::unique_ptr<ProcessEventPrinter> m_printer;
-  LineWriter& m_writer;
+  Table<ProcessEvent>& m_table;
   std::optional<std::uint64_t> m_left;
   RunLimits& m_limits;
   std::atomic<std::uint64_t> m_seen{0};
@@ -114,28 +148,50 @@ class Filters {
   std::vector<unsigned int> m_ids;
 };
 
+class Watch final : public Command {
+ public:
+  CLI::App& AddTo(CLI::App& app) override {
+    CLI::App& command = *app.add_subcommand("watch", "Print each process start, exec and exit");
+    command.add_flag("--full", m_full, "Read credentials and environments too");
+    AddSeconds(command, "--for", m_seconds, "End after so many seconds");
+    AddNumber(command, "--count", {1, kAnyNumber.last}, "End after so many events",
+              [this](std::uint64_t count) { m_count = count; })
+        ->type_name("N");
+    return command;
+  }
+
+  void Run(const GlobalOptions& global) override {
+    RunLimits::BlockSignals();
+    Host host(global);
+    RunLimits limits(m_seconds);
+    LineWriter writer(STDOUT_FILENO);
+    Table<ProcessEvent> table(global.json ? Layout::kJson : Layout::kTable, Columns(), writer,
+                              {"time", "action", "pid", "parent_pid", "user_id", "unique_pid", "image"});
+    NetlinkSource::RequireRight();
+    table.PrintHeading();
+
+    const auto handler = zym::CreateObject<Handler>(host.GetCache(), table, m_count, limits);
+    const Filters filters(host.GetInterceptor(), *handler);
+    const std::uint32_t type =
+        non_blocking_type::kNetlink | (m_full ? non_blocking_type::kFullProcessInfo : 0);
+    const NetlinkSource source(host.GetInterceptor(), type);
+    if (::isatty(STDERR_FILENO) == 1) std::fputs("pmhost: watching; end with Ctrl-C\n", stderr);
+    limits.Wait();
+    const RunLimits::Unblocked aSecondSignalEndsItAtOnce;  // a reader that stands still would hold it up
+    handler->Drain();
+    writer.Finish();
+  }
+
+ private:
+  bool m_full = false;
+  std::optional<double> m_seconds;
+  std::optional<std::uint64_t> m_count;
+};
+
 }  // namespace
 
-void Watch(const GlobalOptions& global, const WatchOptions& options) {
-  RunLimits::BlockSignals();
-  Host host(global);
-  RunLimits limits(options.seconds);
-  LineWriter writer(STDOUT_FILENO);
-  auto printer = global.json ? MakeJsonPrinter() : MakeColumnPrinter(writer.Width());
-  NetlinkSource::RequireRight();
-  if (const std::string_view heading = printer->Heading(); !heading.empty()) writer.WriteLine(heading);
-
-  const auto handler =
-      zym::CreateObject<Handler>(host.GetCache(), std::move(printer), writer, options.count, limits);
-  const Filters filters(host.GetInterceptor(), *handler);
-  const std::uint32_t type =
-      non_blocking_type::kNetlink | (options.full ? non_blocking_type::kFullProcessInfo : 0);
-  const NetlinkSource source(host.GetInterceptor(), type);
-  if (::isatty(STDERR_FILENO) == 1) std::fputs("pmhost: watching; end with Ctrl-C\n", stderr);
-  limits.Wait();
-  const RunLimits::Unblocked aSecondSignalEndsItAtOnce;  // a reader that stands still would hold it up
-  handler->Drain();
-  writer.Finish();
+std::unique_ptr<Command> MakeWatch() {
+  return std::make_unique<Watch>();
 }
 
 }  // namespace pmhost

@@ -1,20 +1,12 @@
-// pmhost watch: every process that starts, replaces its image, or ends.
+// pmhost watch: each process start, exec and exit.
 #pragma once
 
-#include <cstdint>
-#include <optional>
+#include <memory>
 
-#include "host/options.h"
+#include "host/commands/command.h"
 
 namespace pmhost {
 
-struct WatchOptions {
-  bool full = false;
-  std::optional<double> seconds;
-  std::optional<std::uint64_t> count;
-};
-
-// Returns when it is told to end. Throws Failure.
-void Watch(const GlobalOptions& global, const WatchOptions& options);
+std::unique_ptr<Command> MakeWatch();
 
 }  // namespace pmhost

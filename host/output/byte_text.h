@@ -1,4 +1,4 @@
-// Bytes that should be text and may be none.
+// Bytes that should be text and may be something else.
 #pragma once
 
 #include <string_view>
@@ -7,7 +7,7 @@
 
 namespace pmhost {
 
-// UTF-8 as UTF-16; a byte 0xXX that is no part of a character becomes the lone surrogate 0xdcXX, which JSON
+// UTF-8 as UTF-16; a byte 0xXX that is not part of a character becomes the lone surrogate 0xdcXX, which JSON
 // lines show as they show such a byte itself.
 zym::types::string16_t DecodeBytes(std::string_view bytes);
 

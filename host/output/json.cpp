@@ -10,7 +10,7 @@
 namespace pmhost {
 namespace {
 
-// What stands for a unit that is no text: a lone surrogate itself, or the low surrogate that many programs
+// What stands for a unit that is not text: a lone surrogate itself, or the low surrogate that many programs
 // read back as the byte.
 constexpr unsigned Unit(char16_t unit) {
   return unit;

@@ -19,7 +19,7 @@ class JsonLine {
   // Ends it; valid until the next Begin.
   std::string_view End();
 
-  // UTF-8, or UTF-16. What is no text is never dropped: a lone surrogate is escaped as itself ("\udXXX"), a
+  // UTF-8, or UTF-16. What is not text is never dropped: a lone surrogate is escaped as itself ("\udXXX"), a
   // byte 0xXX as "\udcXX".
   void Text(const char* name, std::string_view value);
   void Text(const char* name, std::optional<std::u16string_view> value);

@@ -10,7 +10,7 @@ namespace pmhost {
 // Asks the system once for each user.
 class UserNames {
  public:
-  // The number itself where there is no name, or none can be found out.
+  // The number itself where there is no name, or where it can't be found.
   const std::string& NameOf(std::uint32_t userId);
 
  private:

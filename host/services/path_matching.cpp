@@ -30,7 +30,7 @@ std::vector<PathPattern> Parse(const PathList& patterns) {
   return parsed;
 }
 
-// What a pattern of names has a say in, of a whole path.
+// The part of a whole path with which a pattern of names is tested.
 enum class NamesInPaths : bool { kNone, kLastComponent };
 
 class PatternSet {

@@ -117,7 +117,7 @@ PathPattern::PathPattern(std::string_view text) : m_isOfNames(text.find('/') == 
     const std::string_view component = components[i];
     if (component.empty() && i != 0 && text != "/") throw std::invalid_argument("'//' is in no path");
     if (component == "." || component == "..")
-      throw std::invalid_argument("'.' and '..' are in no path that the kernel tells");
+      throw std::invalid_argument("'.' and '..' are in no path that the kernel reports");
     const bool isAnyDepth = !m_isOfNames && component == kAnyDepth;
     m_components.push_back(isAnyDepth ? Component{Kind::kAnyDepth, {}} : Parse(component));
   }
@@ -139,7 +139,7 @@ bool PathPattern::MatchesName(const char* name) const {
 }
 
 // A "**" takes as few components as it can; when what follows fails, the last "**" takes one more. An earlier
-// one never has to: what it left to the later one can be had there too.
+// one never has to: what it left to the later one can be matched there too.
 bool PathPattern::MatchesPath(const PathText& path) const {
   if (m_isOfNames) return false;
   const std::vector<const char*>& text = path.Components();

@@ -1,4 +1,4 @@
-// The host's language of patterns; docs/pmhost.md tells it to the user.
+// The host's language of patterns; docs/pmhost.md explains it to the user.
 #pragma once
 
 #include <string>
@@ -27,7 +27,7 @@ class PathText {
 // Testing takes at most as many comparisons of components as the product of the two lengths.
 class PathPattern {
  public:
-  // Throws std::invalid_argument with a sentence for the user if `text` is no pattern.
+  // Throws std::invalid_argument with a sentence for the user if `text` is not a pattern.
   explicit PathPattern(std::string_view text);
 
   // A pattern without a slash.

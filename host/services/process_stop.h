@@ -1,19 +1,18 @@
 // A process that is held still, by one of several means.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
+#include <cstdint>
 #include <memory>
 
 #include "zym/result.h"
 
 namespace pmhost {
 
+// What kernels below 3.3 have, on which alone the module asks for a suspender.
 enum class StopMeans {
-  kCgroup2,  // cgroup.freeze of a control group of its own, below the one that it is in; Linux 5.2,
-             // cgroups(7)
-  kFreezer,  // freezer.state, the same with the freezer of version 1
+  kFreezer,  // freezer.state of a control group of its own, below the one that it is in; cgroups(7), version
+             // 1
   kSignals,  // SIGSTOP and SIGCONT, which the process's parent sees, too
 };
 
@@ -35,7 +34,7 @@ using StopDeadline = std::chrono::steady_clock::time_point;
 // means, or this process not the right to them. ZYM_E_TIMEOUT: it wasn't stopped in time; ZYM_E_NOT_FOUND:
 // there is no such process; ZYM_E_ACCESS_DENIED: it may not be stopped. On any failure the process is as it
 // was. Throws only std::bad_alloc.
-zym::result_t StopProcess(pid_t pid, StopMeans means, StopDeadline deadline,
+zym::result_t StopProcess(std::uint32_t pid, StopMeans means, StopDeadline deadline,
                           std::unique_ptr<ProcessStop>& stop);
 
 }  // namespace pmhost

@@ -1,6 +1,5 @@
 #include "host/services/process_suspender.h"
 
-#include <fcntl.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -8,11 +7,10 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
-#include <string>
 #include <utility>
 
+#include "host/proc_files.h"
 #include "qor_common/procfs_root.h"
-#include "qor_common/unique_fd.h"
 #include "zym/exception_to_result.h"
 
 namespace pmhost {
@@ -37,18 +35,17 @@ void Continue(Transfer& transfer, const zym::types::blob_range_t& range, ReadPar
   }
 }
 
-// By process_vm_readv(2), and what that doesn't give (it came with Linux 3.2, and keeps to the protection of
-// pages) by the mem file, which may give it.
-Transfer Read(pid_t pid, std::uint64_t address, const zym::types::blob_range_t& range) {
+// By process_vm_readv(2), and what that doesn't read (it came with Linux 3.2, and keeps to the protection of
+// pages) by the mem file, which may allow it.
+Transfer Read(std::uint32_t pid, std::uint64_t address, const zym::types::blob_range_t& range) {
   Transfer transfer;
   Continue(transfer, range, [&](std::uint8_t* to, std::size_t size, std::size_t offset) {
     const iovec local{.iov_base = to, .iov_len = size};
     const iovec remote{.iov_base = reinterpret_cast<void*>(address + offset), .iov_len = size};
-    return ::process_vm_readv(pid, &local, 1, &remote, 1, 0);
+    return ::process_vm_readv(static_cast<pid_t>(pid), &local, 1, &remote, 1, 0);
   });
   if (transfer.done == range.size()) return transfer;
-  const std::string path = "/proc/" + std::to_string(pid) + "/mem";
-  const qor::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const qor::UniqueFd file = OpenProcFile(pid, "mem");
   if (!file) return transfer;
   Continue(transfer, range, [&](std::uint8_t* to, std::size_t size, std::size_t offset) {
     return ::pread64(file.Get(), to, size, static_cast<off64_t>(address + offset));
@@ -67,8 +64,7 @@ zym::result_t ProcessSuspender::SuspendProcess(std::uint32_t pid, std::uint32_t 
     const std::scoped_lock lock(process->mutex);
     if (process->dropped) continue;
     if (process->suspensions == 0) {
-      if (const zym::result_t result = StopNow(static_cast<pid_t>(pid), timeout, process->stop);
-          result != zym::ZYM_OK) {
+      if (const zym::result_t result = StopNow(pid, timeout, process->stop); result != zym::ZYM_OK) {
         Drop(pid, *process);
         return result;
       }
@@ -97,7 +93,7 @@ zym::result_t ProcessSuspender::ReadMemory(std::uint32_t pid, std::uint64_t addr
   if (process == nullptr) return zym::ZYM_E_NOT_FOUND;
   const std::scoped_lock lock(process->mutex);
   if (process->suspensions == 0) return zym::ZYM_E_NOT_FOUND;
-  const Transfer transfer = Read(static_cast<pid_t>(pid), address, range);
+  const Transfer transfer = Read(pid, address, range);
   if (transfer.done == range.size()) return zym::ZYM_OK;
   if (transfer.done != 0) return zym::ZYM_FALSE;
   // A mem file without an error at its end is that of a process that has ended.
@@ -132,7 +128,7 @@ zym::result_t ProcessSuspender::Stop() try {
   return zym::ExceptionToResult(nullptr);
 }
 
-zym::result_t ProcessSuspender::StopNow(pid_t pid, std::uint32_t timeout,
+zym::result_t ProcessSuspender::StopNow(std::uint32_t pid, std::uint32_t timeout,
                                         std::unique_ptr<ProcessStop>& stop) const {
   const StopDeadline deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
   zym::result_t result = zym::ZYM_E_NOT_SUPPORTED;

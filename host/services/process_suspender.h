@@ -18,8 +18,7 @@ namespace pmhost {
 class ProcessSuspender : public zym::object::Ifaces<qor::IQorProcessSuspender>, public zym::NonCopyable {
  public:
   // The means are tried in this order, the next when the machine doesn't have one.
-  explicit ProcessSuspender(std::vector<StopMeans> means = {StopMeans::kCgroup2, StopMeans::kFreezer,
-                                                            StopMeans::kSignals})
+  explicit ProcessSuspender(std::vector<StopMeans> means = {StopMeans::kFreezer, StopMeans::kSignals})
       : m_means(std::move(means)) {}
 
   // ZYM_E_INVALID_STATE: the service isn't started. ZYM_E_INVALID_ARGUMENT: pid 0, or this process itself,
@@ -44,7 +43,7 @@ class ProcessSuspender : public zym::object::Ifaces<qor::IQorProcessSuspender>, 
     bool dropped = false;  // no longer in m_processes
   };
 
-  zym::result_t StopNow(pid_t pid, std::uint32_t timeout, std::unique_ptr<ProcessStop>& stop) const;
+  zym::result_t StopNow(std::uint32_t pid, std::uint32_t timeout, std::unique_ptr<ProcessStop>& stop) const;
   // Null, without `make`, when it isn't there.
   std::shared_ptr<Process> Find(std::uint32_t pid, bool make);
   // With the mutex of `process` held.

@@ -1,57 +1,47 @@
 #include "host/services/tracer.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <memory>
+#include <string_view>
+#include <utility>
 
 #include "host/failure.h"
+#include "qor_common/unique_fd.h"
 
 namespace pmhost {
 namespace {
 
-// A record in memory: padding, the level as text, the text itself, and room for a line end.
-constexpr std::size_t kLevelWidth = 4;
+iovec Piece(std::string_view text) {
+  return {.iov_base = const_cast<char*>(text.data()), .iov_len = text.size()};  // it is only read
+}
 
-struct Layout {
-  static char* Line(void* text) { return static_cast<char*>(text) - kLevelWidth; }
-  static void* Memory(void* text) { return Line(text) - kLevelWidth; }  // keeps the text aligned for 8 bytes
-  static void* Text(void* memory) { return static_cast<char*>(memory) + 2 * kLevelWidth; }
-  static std::size_t Size(std::uint64_t text) { return 2 * kLevelWidth + text + 1; }
-};
+void WriteLine(int fd, std::uint32_t level, std::string_view text) {
+  char number[8];
+  const int length = std::snprintf(number, sizeof(number), "%3u ", level % 1000);
+  const iovec line[] = {Piece({number, static_cast<std::size_t>(length)}), Piece(text), Piece("\n")};
+  static_cast<void>(!::writev(fd, line, std::size(line)));
+}
+
+// Writes to the file until the last copy of it goes.
+host_kit::CallbackTracer::Callback WriterOf(const std::string& file) {
+  if (file.empty())
+    return [](std::uint32_t level, std::string_view text) { WriteLine(STDERR_FILENO, level, text); };
+  qor::UniqueFd opened(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
+  const int error = errno;
+  if (!opened) throw Failure("cannot write the trace to " + file + ": " + std::strerror(error));
+  const auto fd = std::make_shared<const qor::UniqueFd>(std::move(opened));
+  return [fd](std::uint32_t level, std::string_view text) { WriteLine(fd->Get(), level, text); };
+}
 
 }  // namespace
 
-Tracer::Tracer(std::uint32_t ceiling, const std::string& file) : m_ceiling(ceiling) {
-  if (file.empty()) return;
-  m_file.Reset(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
-  if (!m_file) throw Failure("cannot write the trace to " + file + ": " + std::strerror(errno));
-}
-
-zym::result_t Tracer::GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) {
-  const bool opening = *buffer == nullptr;
-  if (opening && level > m_ceiling) return zym::ZYM_E_NOT_MATCHED;
-  void* const memory = std::realloc(opening ? nullptr : Layout::Memory(*buffer), Layout::Size(size));
-  if (memory == nullptr) return zym::ZYM_E_OUT_OF_MEMORY;
-  *buffer = Layout::Text(memory);
-  if (opening) {
-    char text[kLevelWidth + 1];
-    std::snprintf(text, sizeof(text), "%3u ", level % 1000);
-    std::memcpy(Layout::Line(*buffer), text, kLevelWidth);
-  }
-  return zym::ZYM_OK;
-}
-
-void Tracer::CommitRecord(void* buffer, std::uint64_t length) {
-  char* const line = Layout::Line(buffer);
-  line[kLevelWidth + length] = '\n';
-  const int fd = m_file ? m_file.Get() : STDERR_FILENO;
-  // A trace that can't be written is lost: tracing never fails what it traces.
-  static_cast<void>(!::write(fd, line, kLevelWidth + length + 1));
-  std::free(Layout::Memory(buffer));
-}
+Tracer::Tracer(std::uint32_t ceiling, const std::string& file) : CallbackTracer(ceiling, WriterOf(file)) {}
 
 }  // namespace pmhost

@@ -58,30 +58,35 @@ zym::result_t FeatureTechsAggregator::RegisterTech(std::uint32_t feature, std::u
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t FeatureTechsAggregator::UnregisterTech(std::uint32_t feature, std::uint32_t tech) try {
+// The texts of the checks of these two are those of the lookups under the lock, which a tracer must not hold
+// up.
+zym::result_t FeatureTechsAggregator::UnregisterTech(std::uint32_t feature, std::uint32_t tech) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << FeatureName(feature) << ", " << TechName(tech));
-  std::unique_lock lock(m_mutex);
-  const auto featuresIt = m_aggregated.find(feature);
-  ZYM_CHECK(Unlock(lock), featuresIt != m_aggregated.end(), zym::ZYM_E_NOT_FOUND,
-            "Attempt to unregister non-registered feature");
-  auto& techs = featuresIt->second;
-  const auto techsIt = techs.find(tech);
-  ZYM_CHECK(Unlock(lock), techsIt != techs.end(), zym::ZYM_E_NOT_FOUND,
-            "Attempt to unregister non-registered tech");
-  techs.erase(techsIt);
+  bool hadFeature = false;
+  bool hadTech = false;
+  {
+    const std::scoped_lock lock(m_mutex);
+    const auto found = m_aggregated.find(feature);
+    hadFeature = found != m_aggregated.end();
+    hadTech = hadFeature && found->second.erase(tech) != 0;
+  }
+  ZYM_CHECK_AS(GetTracer(), "featuresIt != m_aggregated.end()", hadFeature, zym::ZYM_E_NOT_FOUND,
+               "Attempt to unregister non-registered feature");
+  ZYM_CHECK_AS(GetTracer(), "techsIt != techs.end()", hadTech, zym::ZYM_E_NOT_FOUND,
+               "Attempt to unregister non-registered tech");
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t FeatureTechsAggregator::UnregisterFeature(std::uint32_t feature) try {
+zym::result_t FeatureTechsAggregator::UnregisterFeature(std::uint32_t feature) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << FeatureName(feature));
-  std::unique_lock lock(m_mutex);
-  ZYM_CHECK(Unlock(lock), m_aggregated.erase(feature), zym::ZYM_E_NOT_FOUND,
-            "Attempt to unregister non-registered");
+  bool hadFeature = false;
+  {
+    const std::scoped_lock lock(m_mutex);
+    hadFeature = m_aggregated.erase(feature) != 0;
+  }
+  ZYM_CHECK_AS(GetTracer(), "m_aggregated.erase(feature)", hadFeature, zym::ZYM_E_NOT_FOUND,
+               "Attempt to unregister non-registered");
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t FeatureTechsAggregator::Report(FeatureTechsReport& report) try {
@@ -106,6 +111,7 @@ zym::result_t FeatureTechsAggregator::Report(FeatureTechsReport& report) try {
 
 void FeatureTechsAggregator::AddExploitPrevention(Table& table, std::uint32_t feature) {
   constexpr std::uint32_t kTech = ReportFeatureTechs::ExploitPrevention;
+  // In the name of the operation that it is a part of.
   ZYM_TRACE(GetTracer(), kCall, "Report: " << FeatureName(feature) << ", " << TechName(kTech));
   table[feature].insert(kTech);
 }
@@ -124,13 +130,6 @@ bool FeatureTechsAggregator::IsAepEnabled() {
   const bool useAEP = process_memory_manager::GetMemoryScanSettings(task)->useAEP;
   ZYM_TRACE(GetTracer(), kCall, __func__ << ": useAEP=" << useAEP);
   return useAEP;
-}
-
-// The tracer for a failed check: evaluated only when it has failed, and with the lock given back, for a
-// tracer is another object.
-zym::ITracer* FeatureTechsAggregator::Unlock(std::unique_lock<std::mutex>& lock) {
-  lock.unlock();
-  return GetTracer();
 }
 
 ScopedTech::ScopedTech(zym::IServiceLocator* locator, zym::ITracer* tracer, std::uint32_t feature,

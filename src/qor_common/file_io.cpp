@@ -26,6 +26,8 @@ using zym::trace::kFailure;
 using zym::trace::kWarning;
 namespace mode = zym::io_access_mode;
 
+constexpr std::string_view kUnexpected = "Unexpected exception in ";
+
 static_assert(sizeof(off_t) == 8, "the plain calls are those for large files");
 
 // O_PATH opens a name and no content: nothing can be read from it or written to it.
@@ -72,7 +74,7 @@ IO::~IO() {
     if (IsDeleteOnClose() && !m_removed)
       ZYM_CHECK_RESULT_OR_THROW(RemoveFile(), "Cannot remove file " << m_path);
   } catch (...) {
-    zym::ExceptionToResult(GetTracer(), "Unexpected exception in ~IO: ");
+    zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
   }
   if (!m_autoClose) return;
   Close(m_fd);
@@ -82,38 +84,39 @@ IO::~IO() {
 void IO::Close(int fd) const noexcept {
   if (fd == -1 || ::close(fd) == 0) return;
   const int error = errno;
+  // In the name of the destructor, which this is a part of.
   ZYM_TRACE(GetTracer(), kFailure, "~IO: (fd: " << fd << ") close: " << ::strerror(error));
 }
 
 // --- zym::IIO ---
 
 zym::result_t IO::Read(void* data, std::uint32_t size, std::uint32_t& done) {
-  ZYM_TRACE(GetTracer(), kCall, "Read() size: " << size << " (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() size: " << size << " (fd: " << m_fd << ")");
   const ssize_t count = ::pread(m_fd, data, size, static_cast<off_t>(m_offset));
   const int error = errno;
   ZYM_CHECK(GetTracer(), count != -1, zym::ErrnoToResult(error), "read: " << ::strerror(error));
   m_offset += static_cast<zym::file_size_t>(count);
   done = static_cast<std::uint32_t>(count);
-  ZYM_TRACE(GetTracer(), kCall, "Read() <- Read " << done << " bytes");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Read " << done << " bytes");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::Write(const void* data, std::uint32_t size, std::uint32_t& done) {
-  ZYM_TRACE(GetTracer(), kCall, "Write() size: " << size << " (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() size: " << size << " (fd: " << m_fd << ")");
   const ssize_t count = ::pwrite(m_fd, data, size, static_cast<off_t>(m_offset));
   const int error = errno;
   ZYM_CHECK(GetTracer(), count != -1, zym::ErrnoToResult(error), "write: " << ::strerror(error));
   m_offset += static_cast<zym::file_size_t>(count);
   done = static_cast<std::uint32_t>(count);
-  ZYM_TRACE(GetTracer(), kCall, "Write() <- Written " << done << " bytes");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Written " << done << " bytes");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::Seek(zym::io_seek_method::Type method, zym::file_offset_t offset,
                        zym::file_size_t* position) {
   ZYM_TRACE(GetTracer(), kCall,
-            "Seek() method: " << static_cast<std::uint32_t>(method) << ", offset: " << offset
-                              << " (fd: " << m_fd << ")");
+            __func__ << "() method: " << static_cast<std::uint32_t>(method) << ", offset: " << offset
+                     << " (fd: " << m_fd << ")");
   // The current offset is this object's own, which the kernel doesn't know.
   int whence = static_cast<int>(method);
   off_t target = offset;
@@ -127,13 +130,14 @@ zym::result_t IO::Seek(zym::io_seek_method::Type method, zym::file_offset_t offs
   ZYM_CHECK(GetTracer(), newOffset != -1, zym::ErrnoToResult(error), "lseek64: " << ::strerror(error));
   m_offset = static_cast<zym::file_size_t>(newOffset);
   if (position != nullptr) *position = m_offset;
-  ZYM_TRACE(GetTracer(), kCall, "Seek() <- New file offset: " << m_offset);
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- New file offset: " << m_offset);
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::GetPos(zym::file_size_t& position) const {
   position = m_offset;
-  ZYM_TRACE(GetTracer(), kCall, "GetPos() <- Current file offset: " << m_offset << " (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall,
+            __func__ << "() <- Current file offset: " << m_offset << " (fd: " << m_fd << ")");
   return zym::ZYM_OK;
 }
 
@@ -143,22 +147,22 @@ zym::result_t IO::GetSize(zym::file_size_t& size) const {
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fstat64: " << ::strerror(error));
   size = static_cast<zym::file_size_t>(status.st_size);
-  ZYM_TRACE(GetTracer(), kCall, "GetSize() <- Current file size: " << size << " (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Current file size: " << size << " (fd: " << m_fd << ")");
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::SetSize(zym::file_size_t size) {
-  ZYM_TRACE(GetTracer(), kCall, "SetSize() size: " << size << " (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() size: " << size << " (fd: " << m_fd << ")");
   // A size that off_t can't hold becomes negative, which the kernel refuses with EINVAL.
   const int result = ::ftruncate(m_fd, static_cast<off_t>(size));
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "ftruncate: " << ::strerror(error));
-  ZYM_TRACE(GetTracer(), kCall, "SetSize() <- New file size: " << size);
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- New file size: " << size);
   return zym::ZYM_OK;
 }
 
 zym::result_t IO::Flush() {
-  ZYM_TRACE(GetTracer(), kCall, "Flush() (fd: " << m_fd << ")");
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() (fd: " << m_fd << ")");
   const int result = ::fsync(m_fd);
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fsync: " << ::strerror(error));
@@ -197,22 +201,23 @@ zym::result_t IO::ChangeAccessMode(mode::Type wanted) {
 
 // Puts a new opening of the same file in the place of the old one.
 zym::result_t IO::ReopenWith(mode::Type wanted) {
-  const off_t off = ::lseek(m_fd, 0, SEEK_CUR);
-  ZYM_CHECK(GetTracer(), off != -1, zym::ZYM_E_UNSPECIFIED, "Cannot get current offset, fd: " << m_fd);
+  const off_t offset = ::lseek(m_fd, 0, SEEK_CUR);
+  ZYM_CHECK_AS(GetTracer(), "off != -1", offset != -1, zym::ZYM_E_UNSPECIFIED,
+               "Cannot get current offset, fd: " << m_fd);
 
   char link[32];
   std::snprintf(link, sizeof(link), "/proc/self/fd/%d", m_fd);
-  const UniqueFd newOwner(::open(link, OpenFlagsOf(wanted)));
+  const UniqueFd newFile(::open(link, OpenFlagsOf(wanted)));
   const int error = errno;
-  const int newFd = newOwner.Get();
-  ZYM_CHECK(GetTracer(), newFd != -1, error == ETXTBSY ? zym::ZYM_E_LOCKED : zym::ZYM_E_UNSPECIFIED,
-            "Cannot reopen, fd: " << m_fd << ": " << ::strerror(error));
+  ZYM_CHECK_AS(GetTracer(), "newFd != -1", newFile,
+               error == ETXTBSY ? zym::ZYM_E_LOCKED : zym::ZYM_E_UNSPECIFIED,
+               "Cannot reopen, fd: " << m_fd << ": " << ::strerror(error));
 
-  // Numbers stand in place of the names because the trace prints the expressions, and its texts are fixed.
-  static_assert(SEEK_SET == 0 && O_CLOEXEC == 02000000);
-  ZYM_CHECK(GetTracer(), ::lseek(newFd, off, 0) != -1, zym::ZYM_E_UNSPECIFIED, "Cannot reseek, fd: " << m_fd);
-  ZYM_CHECK(GetTracer(), ::dup3(newFd, m_fd, 02000000) != -1, zym::ZYM_E_UNSPECIFIED,
-            "Cannot dup back, fd: " << m_fd);
+  ZYM_CHECK_AS(GetTracer(), "::lseek(newFd, off, 0) != -1", ::lseek(newFile.Get(), offset, SEEK_SET) != -1,
+               zym::ZYM_E_UNSPECIFIED, "Cannot reseek, fd: " << m_fd);
+  ZYM_CHECK_AS(GetTracer(), "::dup3(newFd, m_fd, 02000000) != -1",
+               ::dup3(newFile.Get(), m_fd, O_CLOEXEC) != -1, zym::ZYM_E_UNSPECIFIED,
+               "Cannot dup back, fd: " << m_fd);
   return zym::ZYM_OK;
 }
 
@@ -220,14 +225,14 @@ zym::result_t IO::ReopenWith(mode::Type wanted) {
 
 zym::result_t IO::Get(zym::propid_t id, zym::types::variant_t* value) const try {
   ZYM_TRACE(GetTracer(), kCall,
-            "Get() id: " << zym::trace::hex << id << zym::trace::dec << " (fd: " << m_fd << ")");
+            __func__ << "() id: " << zym::trace::hex << id << zym::trace::dec << " (fd: " << m_fd << ")");
   switch (id) {
     case zym::io_property::NativeDescriptor:
       *value = zym::types::variant_t(std::int32_t{m_fd});
       return zym::ZYM_OK;
     case zym::io_property::RemoveFile: {
-      // The mark tells whether the path was ever kept; a removal without it fails for want of a name.
-      ZYM_TRACE(GetTracer(), kCall, "Get: delete on close: " << IsDeleteOnClose());
+      // The mark says whether the path was ever kept; a removal without it fails for want of a name.
+      ZYM_TRACE(GetTracer(), kCall, __func__ << ": delete on close: " << IsDeleteOnClose());
       const bool removed = ZYM_SUCCEEDED(RemoveFile());
       if (removed) m_removed = true;
       *value = zym::types::variant_t(std::int32_t{removed ? zym::ZYM_OK : zym::ZYM_E_UNSPECIFIED});
@@ -237,20 +242,20 @@ zym::result_t IO::Get(zym::propid_t id, zym::types::variant_t* value) const try 
       return PropertyBagImpl::Get(id, value);
   }
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in Get: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 zym::result_t IO::Put(zym::propid_t id, const zym::types::variant_t* value) try {
   ZYM_TRACE(GetTracer(), kCall,
-            "Put() id: " << zym::trace::hex << id << zym::trace::dec << " (fd: " << m_fd << ")");
+            __func__ << "() id: " << zym::trace::hex << id << zym::trace::dec << " (fd: " << m_fd << ")");
   if (id == zym::io_property::DeleteOnClose) {
     NativePath nativePath;
-    ZYM_CHECK_RESULT(GetTracer(), GetPathImpl(nativePath));
+    ZYM_CHECK_RESULT_AS(GetTracer(), "GetPathImpl(nativePath)", tools::GetDescriptorPath(m_fd, nativePath));
     m_path = std::move(nativePath);
   }
   return PropertyBagImpl::Put(id, value);
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in Put: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 bool IO::IsDeleteOnClose() const {
@@ -260,32 +265,31 @@ bool IO::IsDeleteOnClose() const {
   return marked != nullptr && *marked;
 }
 
-// --- removal ---
+// --- removal: the parts trace in the name of RemoveFile ---
 
 zym::result_t IO::RemoveFile() const {
-  const NativePath& nativePath = m_path;
   ZYM_TRACE(GetTracer(), kCall,
-            "result_t qor::IO::RemoveFile() const (path: " << nativePath << ", fd: " << m_fd
+            "result_t qor::IO::RemoveFile() const (path: " << m_path << ", fd: " << m_fd
                                                            << ", dirfd: " << m_directoryFd << ")");
-  ZYM_CHECK(GetTracer(), !nativePath.empty(), zym::ZYM_E_UNSPECIFIED,
-            "Cannot remove unnamed file, fd: " << m_fd);
-  ZYM_CHECK(GetTracer(), !qor::tools::IsDeepNestedFile(nativePath), zym::ZYM_E_UNSPECIFIED,
-            "Cannot remove unnamed deep nested file, fd: " << m_fd);
-  const NativePath filename = FileNameOf(nativePath);
+  ZYM_CHECK_AS(GetTracer(), "!nativePath.empty()", !m_path.empty(), zym::ZYM_E_UNSPECIFIED,
+               "Cannot remove unnamed file, fd: " << m_fd);
+  ZYM_CHECK_AS(GetTracer(), "!qor::tools::IsDeepNestedFile(nativePath)", !tools::IsDeepNestedFile(m_path),
+               zym::ZYM_E_UNSPECIFIED, "Cannot remove unnamed deep nested file, fd: " << m_fd);
+  const NativePath filename = FileNameOf(m_path);
   ZYM_TRACE(GetTracer(), kCall,
             "result_t qor::IO::RemoveFile() const (fd: " << m_fd << ", dirfd: (" << m_directoryFd
                                                          << "), nsId: " << m_nsId
                                                          << ", filename: " << filename << ")");
   return tools::IsForeignNamespace(m_nsId) ? RemoveInForeignNamespace(filename)
-                                           : RemoveInOwnNamespace(nativePath, filename);
+                                           : RemoveInOwnNamespace(filename);
 }
 
-zym::result_t IO::RemoveInOwnNamespace(const NativePath& nativePath, const NativePath& filename) const {
+zym::result_t IO::RemoveInOwnNamespace(const NativePath& filename) const {
   const int result =
-      m_directoryFd == -1 ? ::unlink(nativePath.c_str()) : ::unlinkat(m_directoryFd, filename.c_str(), 0);
+      m_directoryFd == -1 ? ::unlink(m_path.c_str()) : ::unlinkat(m_directoryFd, filename.c_str(), 0);
   const int error = errno;
   if (result == 0) return zym::ZYM_OK;
-  ZYM_TRACE(GetTracer(), kWarning, "RemoveFile: Cannot remove '" << nativePath << "': " << ::strerror(error));
+  ZYM_TRACE(GetTracer(), kWarning, "RemoveFile: Cannot remove '" << m_path << "': " << ::strerror(error));
   return zym::ErrnoToResult(error);
 }
 
@@ -304,19 +308,15 @@ zym::result_t IO::RemoveInForeignNamespace(const NativePath& filename) const {
 
 // --- zym::IFileDescriptor ---
 
-zym::result_t IO::GetPathImpl(NativePath& path) const {
-  return tools::GetDescriptorPath(m_fd, path);
-}
-
 zym::result_t IO::GetPath(zym::types::string16_t& path) const try {
   NativePath nativePath;
-  ZYM_CHECK_RESULT(GetTracer(), GetPathImpl(nativePath));
+  ZYM_CHECK_RESULT_AS(GetTracer(), "GetPathImpl(nativePath)", tools::GetDescriptorPath(m_fd, nativePath));
   auto text = zym::Utf8ToUtf16(nativePath);
   ZYM_CHECK(GetTracer(), text.has_value(), zym::ZYM_E_UNSPECIFIED, "The path is not valid UTF-8");
   path = std::move(*text);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetPath: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 zym::result_t IO::GetAttributes(std::uint32_t&) const {
@@ -344,10 +344,10 @@ zym::result_t IO::GetLastWriteTime(zym::datetime_t& time) const try {
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fstat64: " << ::strerror(error));
   time = zym::datetime::FromUnix(status.st_mtim);
-  ZYM_TRACE(GetTracer(), kCall, "GetLastWriteTime() <- Last write time: " << time);
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Last write time: " << time);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetLastWriteTime: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 zym::result_t IO::GetLastAccessTime(zym::datetime_t& time) const try {
@@ -356,10 +356,10 @@ zym::result_t IO::GetLastAccessTime(zym::datetime_t& time) const try {
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "fstat64: " << ::strerror(error));
   time = zym::datetime::FromUnix(status.st_atim);
-  ZYM_TRACE(GetTracer(), kCall, "GetLastAccessTime() <- Last access time: " << time);
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Last access time: " << time);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in GetLastAccessTime: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 zym::result_t IO::SetLastWriteTime(const zym::datetime_t& time) try {
@@ -367,10 +367,10 @@ zym::result_t IO::SetLastWriteTime(const zym::datetime_t& time) try {
   const int result = ::futimens(m_fd, times);
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "futimens: " << ::strerror(error));
-  ZYM_TRACE(GetTracer(), kCall, "SetLastWriteTime() <- Last write time: " << time);
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Last write time: " << time);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in SetLastWriteTime: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 zym::result_t IO::SetLastAccessTime(const zym::datetime_t& time) try {
@@ -378,10 +378,10 @@ zym::result_t IO::SetLastAccessTime(const zym::datetime_t& time) try {
   const int result = ::futimens(m_fd, times);
   const int error = errno;
   ZYM_CHECK(GetTracer(), result != -1, zym::ErrnoToResult(error), "futimens: " << ::strerror(error));
-  ZYM_TRACE(GetTracer(), kCall, "SetLastAccessTime() <- Last access time: " << time);
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- Last access time: " << time);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionToResult(GetTracer(), "Unexpected exception in SetLastAccessTime: ");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__, kUnexpected);
 }
 
 zym::result_t IO::GetDescriptor(int& fd) const {

@@ -29,23 +29,24 @@ const core::MemoryScanSettings* GetMemoryScanSettings(const core::TaskInfo& task
              : nullptr;
 }
 
-zym::result_t GetMemoryScanningTask(zym::IServiceLocator* sl, zym::ITracer* tracer,
+zym::result_t GetMemoryScanningTask(zym::IServiceLocator* locator, zym::ITracer* tracer,
                                     core::TaskInfo& task) try {
-  zym::intrusive_ptr<IQorTaskManager> tm;
-  ZYM_CHECK_RESULT(tracer, zym::GetInterface(sl, tm.Ref()), "Cannot get IQorTaskManager interface");
-  zym::types::vector_t<core::TaskInfo> taskList;
-  ZYM_CHECK_RESULT(tracer, tm->GetTaskList(taskList, UserCred::GetProductUserCred()),
-                   "Cannot get tasks list");
+  zym::intrusive_ptr<IQorTaskManager> manager;
+  ZYM_CHECK_RESULT_AS(tracer, "zym::GetInterface(sl, tm.Ref())", zym::GetInterface(locator, manager.Ref()),
+                      "Cannot get IQorTaskManager interface");
+  zym::types::vector_t<core::TaskInfo> tasks;
+  ZYM_CHECK_RESULT_AS(tracer, "tm->GetTaskList(taskList, UserCred::GetProductUserCred())",
+                      manager->GetTaskList(tasks, UserCred::GetProductUserCred()), "Cannot get tasks list");
   const auto found = std::ranges::find_if(
-      taskList, [tracer](const core::TaskInfo& candidate) { return IsRunningMemoryScan(tracer, candidate); });
-  if (found == taskList.end()) {
+      tasks, [tracer](const core::TaskInfo& candidate) { return IsRunningMemoryScan(tracer, candidate); });
+  if (found == tasks.end()) {
     ZYM_TRACE(tracer, zym::trace::kCall, __func__ << ": Cannot find any running memory scanning task");
     return zym::ZYM_E_NOT_FOUND;
   }
   task = *found;
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(tracer, "GetMemoryScanningTask");
+  return zym::ExceptionInFunctionToResult(tracer, __func__);
 }
 
 }  // namespace qor::process_memory_manager

@@ -76,6 +76,7 @@ zym::result_t Parse(zym::ITracer* tracer, const ReleaseFile& file, const std::st
                     OsInfo& info) try {
   return file.parse(text, info);
 } catch (...) {
+  // In the name of the operation that it is a part of.
   return zym::ExceptionInFunctionToResult(tracer, "GetOsInfo");
 }
 
@@ -125,7 +126,7 @@ zym::result_t GetOsInfo(zym::ITracer* tracer, OsInfo& info, const std::string& r
   ZYM_TRACE(tracer, kCall, __func__ << ": osName:" << info.name << ", osVersion:" << info.version);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(tracer, "GetOsInfo");
+  return zym::ExceptionInFunctionToResult(tracer, __func__);
 }
 
 bool IsWorkstation(zym::ITracer* tracer, const std::string& root) {

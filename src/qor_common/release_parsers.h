@@ -1,4 +1,4 @@
-// What the release files below /etc look like inside. Each parser takes the whole text of a file, which may
+// Parsers of the release files below /etc. Each parser takes the whole text of a file, which may
 // be anything: it is not always text, and not always meant well.
 #pragma once
 

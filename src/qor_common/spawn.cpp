@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <system_error>
+#include <utility>
 
 namespace qor {
 namespace {
@@ -47,8 +49,9 @@ class StringList {
 // All that the children read, laid out before the first fork: another thread may hold the allocator's lock at
 // that moment, and would never give it back in the child.
 struct Plan {
-  explicit Plan(const SpawnContext& context)
-      : program(std::filesystem::absolute(context.program)),
+  // `path`: that of the program, absolute, since the child leaves the directory that it is relative to.
+  Plan(const SpawnContext& context, std::string path)
+      : program(std::move(path)),
         workingDirectory(context.workingDirectory.empty() ? "/" : context.workingDirectory),
         userId(context.userId),
         groupId(context.groupId),
@@ -218,7 +221,10 @@ zym::result_t SecureDaemonSpawn(const SpawnContext& spawnContext) {
       !IsOpen(spawnContext.standardError))
     return zym::ZYM_E_INVALID_ARGUMENT;
   if (!IsExecutableFile(spawnContext.program)) return zym::ZYM_E_NOT_FOUND;
-  const Plan plan(spawnContext);
+  std::error_code error;
+  const std::filesystem::path program = std::filesystem::absolute(spawnContext.program, error);
+  if (error) return zym::ErrnoToResult(error.value());
+  const Plan plan(spawnContext, program.string());
 
   // Blocked until the child has put its own handling in place.
   sigset_t all;
@@ -228,10 +234,10 @@ zym::result_t SecureDaemonSpawn(const SpawnContext& spawnContext) {
   // No signal at its end: a host that ignores SIGCHLD would have the kernel reap this child, and one that
   // waits for any child would take it away (wait(2), "__WCLONE").
   const pid_t child = Fork(0);
-  const int error = errno;
+  const int forkError = errno;
   if (child == 0) RunChild(plan);
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  if (child < 0) return zym::ErrnoToResult(error);
+  if (child < 0) return zym::ErrnoToResult(forkError);
   return WaitFor(child);
 }
 

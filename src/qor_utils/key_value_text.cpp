@@ -57,7 +57,7 @@ struct Cut {
 
 Cut FindCut(std::string_view text, const ValueLimits& limits) {
   Cut cut{std::min(limits.head, text.size()), text.size() - std::min(limits.tail, text.size())};
-  // A sequence has at most three continuation bytes; a text that isn't UTF-8 is cut where it is told.
+  // A sequence has at most three continuation bytes; a text that isn't UTF-8 is cut where it is asked to be.
   for (int i = 0; i < 3 && cut.headEnd > 0 && IsContinuation(text[cut.headEnd]); ++i) --cut.headEnd;
   for (int i = 0; i < 3 && cut.tailBegin < text.size() && IsContinuation(text[cut.tailBegin]); ++i)
     ++cut.tailBegin;

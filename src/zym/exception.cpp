@@ -20,10 +20,6 @@ std::string ResultInHexadecimal(std::uint64_t value) {
   return "0x" + Hexadecimal(static_cast<std::uint32_t>(value), 8);
 }
 
-types::string16_t ToUtf16(std::string_view text) {
-  return Utf8ToUtf16(text).value_or(types::string16_t(u"<invalid UTF-8>"));
-}
-
 }  // namespace
 
 Property::Property(std::string_view name, Type type, std::variant<std::uint64_t, std::string> value)
@@ -131,11 +127,11 @@ GetInterfaceException::GetInterfaceException(const char* file, int line, std::ui
 }
 
 types::string16_t Exception::Message() const {
-  return ToUtf16(PrimaryMessage());
+  return Utf8ToUtf16Lossy(PrimaryMessage());
 }
 
 types::string16_t Exception::Description() const {
-  return Message() + ToUtf16(std::string(". At ") + File() + "(" + std::to_string(Line()) + ") ");
+  return Message() + Utf8ToUtf16Lossy(std::string(". At ") + File() + "(" + std::to_string(Line()) + ") ");
 }
 
 ResultCodeException::ResultCodeException(const char* file, int line, result_t result, std::string message)
@@ -149,8 +145,9 @@ result_t ResultCodeException::Result() const noexcept {
 
 types::string16_t ResultCodeException::Message() const {
   const result_t result = Result();
-  return Exception::Message() + ToUtf16(": " + ResultInHexadecimal(static_cast<std::uint32_t>(result)) +
-                                        " (" + std::string(ResultText(result)) + ")");
+  return Exception::Message() +
+         Utf8ToUtf16Lossy(": " + ResultInHexadecimal(static_cast<std::uint32_t>(result)) + " (" +
+                          std::string(ResultText(result)) + ")");
 }
 
 CheckResultFailedException::CheckResultFailedException(const char* file, int line, result_t result)

@@ -3,7 +3,7 @@
 //
 //   std::exception
 //     zym::exception                     file, line, shared details
-//       zym::GetInterfaceException       a required interface can't be had
+//       zym::GetInterfaceException       a required interface is missing
 //       zym::Exception                   a message of its own
 //         zym::ResultCodeException       with a result code
 //           zym::CheckResultFailedException
@@ -119,7 +119,7 @@ class exception : public std::exception {
   std::shared_ptr<Details> m_details;
 };
 
-// A required interface can't be had from the locator.
+// The locator doesn't give a required interface.
 class GetInterfaceException : public exception {
  public:
   GetInterfaceException(const char* file, int line, std::uint32_t iid, std::uint32_t serviceKey,
@@ -130,7 +130,7 @@ class Exception : public exception {
  public:
   using exception::exception;
 
-  // The message in UTF-16.
+  // The message in UTF-16. U+FFFD stands for each byte of it that is not UTF-8.
   virtual types::string16_t Message() const;
   // "message. At file(line) ": what a boundary traces.
   [[nodiscard]] types::string16_t Description() const;
@@ -147,9 +147,7 @@ class ExceptionBase : public B {
     return static_cast<D&>(*this);
   }
   D& operator<<(const char* text) { return *this << std::string_view(text); }
-  D& operator<<(std::u16string_view text) {
-    return *this << std::string_view(Utf16ToUtf8(text).value_or("<invalid UTF-16>"));
-  }
+  D& operator<<(std::u16string_view text) { return *this << std::string_view(Utf16ToUtf8Lossy(text)); }
   template <std::integral N>
   D& operator<<(N value) {
     char digits[24];

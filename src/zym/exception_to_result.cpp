@@ -12,6 +12,8 @@
 namespace zym {
 namespace {
 
+constexpr std::string_view kUnknownException = "unknown exception";
+
 result_t FailureOr(result_t result) {
   return ZYM_SUCCEEDED(result) ? ZYM_E_EXCEPTION_WITH_SUCCESS : result;
 }
@@ -37,6 +39,9 @@ void Append(trace::Record& record, const Exception& e) try {
 }
 void Append(trace::Record& record, const std::exception& e) {
   record << e.what();
+}
+void Append(trace::Record& record, const std::nested_exception&) {
+  record << kUnknownException;
 }
 
 std::optional<result_t> CodeOf(const ResultCodeException& e) {
@@ -66,12 +71,15 @@ std::optional<result_t> CodeOf(const std::invalid_argument&) {
 std::optional<result_t> CodeOf(const std::exception&) {
   return std::nullopt;
 }
+std::optional<result_t> CodeOf(const std::nested_exception&) {
+  return ZYM_E_UNKNOWN_EXCEPTION;
+}
 
-// Writes what the exception in flight says and gives its code, and then does the same for what it nests.
+// Writes what the exception in flight says, and then what it nests; returns the first code.
 std::optional<result_t> Walk(trace::Record& record, std::exception_ptr current);
 
 template <class E>
-std::optional<result_t> Tell(trace::Record& record, const E& e) {
+std::optional<result_t> Describe(trace::Record& record, const E& e) {
   if (record) Append(record, e);
   std::optional<result_t> code = CodeOf(e);
   if (const auto* const nested = dynamic_cast<const std::nested_exception*>(&e);
@@ -85,25 +93,27 @@ std::optional<result_t> Tell(trace::Record& record, const E& e) {
 std::optional<result_t> Walk(trace::Record& record, std::exception_ptr current) try {
   std::rethrow_exception(std::move(current));
 } catch (const ResultCodeException& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const Exception& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const exception& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const std::bad_alloc& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const std::bad_cast& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const std::length_error& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const std::out_of_range& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const std::invalid_argument& e) {
-  return Tell(record, e);
+  return Describe(record, e);
 } catch (const std::exception& e) {
-  return Tell(record, e);
+  return Describe(record, e);
+} catch (const std::nested_exception& e) {  // of a type that is no std::exception
+  return Describe(record, e);
 } catch (...) {
-  if (record) record << "unknown exception";
+  if (record) record << kUnknownException;
   return ZYM_E_UNKNOWN_EXCEPTION;
 }
 
@@ -119,9 +129,10 @@ result_t ExceptionToResult(ITracer* tracer, std::string_view prefix) noexcept {
   return Translate(record);
 }
 
-result_t ExceptionInFunctionToResult(ITracer* tracer, std::string_view function) noexcept {
+result_t ExceptionInFunctionToResult(ITracer* tracer, std::string_view function,
+                                     std::string_view before) noexcept {
   trace::Record record(tracer, trace::kFailure);
-  if (record) record << function << ": ";
+  if (record) record << before << function << ": ";
   return Translate(record);
 }
 

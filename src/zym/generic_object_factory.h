@@ -14,17 +14,18 @@ inline constexpr std::string_view kConstructionPrefix = "Exception during object
 template <class Strategy>
 class ObjectRootEx : private Strategy {};
 
-// Translates the exception in flight with the locator's tracer, if it has one.
+// Translates the exception in flight with the locator's tracer, if it has one that takes a failure.
 inline result_t ConstructionExceptionToResult(IServiceLocator* locator, std::string_view prefix) noexcept {
   intrusive_ptr<ITracer> tracer;
   if (locator != nullptr) static_cast<void>(GetInterface(locator, tracer.Ref()));
+  if (trace::kFailure > *trace::CeilingOf(tracer.get())) tracer.Reset();
   return ExceptionToResult(tracer.get(), prefix);
 }
 
 namespace detail {
 
 template <class T, class Instance, class... Args>
-result_t CreateInstance(IServiceLocator* locator, intrusive_ptr<T>& out, Args&&... args) try {
+result_t CreateHostAllocated(IServiceLocator* locator, T** out, Args&&... args) try {
   intrusive_ptr<IAllocator> allocator;
   if (const result_t result = GetInterface(locator, allocator.Ref()); !ZYM_SUCCEEDED(result)) return result;
   auto object = intrusive_ptr<T>::Attach(new (allocator.get())
@@ -32,7 +33,7 @@ result_t CreateInstance(IServiceLocator* locator, intrusive_ptr<T>& out, Args&&.
   if constexpr (HasFinalConstruct<T>) {
     if (const result_t result = object->FinalConstruct(); !ZYM_SUCCEEDED(result)) return result;
   }
-  out = std::move(object);
+  *out = object.Detach();
   return ZYM_OK;
 } catch (...) {
   return ConstructionExceptionToResult(locator, kConstructionPrefix);
@@ -40,12 +41,13 @@ result_t CreateInstance(IServiceLocator* locator, intrusive_ptr<T>& out, Args&&.
 
 }  // namespace detail
 
-// Makes a host-allocated object of T, as a factory does, for an owner within the module that knows what T is
-// made of beside the locator. On failure, which is traced, `out` is as it was.
+// Makes a host-allocated object of the class of a smart pointer, as a factory does, for an owner within the
+// module: zym::CreateInstance(locator, x.Ref()). `args` are what the class is made of beside the locator. On
+// failure, which is traced, `*out` is as it was.
 template <class T, class... Args>
-result_t CreateHostAllocated(IServiceLocator* locator, intrusive_ptr<T>& out, Args&&... args) {
-  return detail::CreateInstance<T, Object<T, LocatorObjectFactory>>(locator, out,
-                                                                    std::forward<Args>(args)...);
+result_t CreateInstance(IServiceLocator* locator, T** out, Args&&... args) {
+  return detail::CreateHostAllocated<T, Object<T, LocatorObjectFactory>>(locator, out,
+                                                                         std::forward<Args>(args)...);
 }
 
 template <class T, class Instance>
@@ -53,10 +55,14 @@ class GenericObjectFactory : public ObjectRootEx<NoServiceStrategy>, public obje
  public:
   result_t CreateInstance(IServiceLocator* locator, iid_t iid, void** out) override {
     intrusive_ptr<T> object;
-    if (const result_t result = detail::CreateInstance<T, Instance>(locator, object); !ZYM_SUCCEEDED(result))
+    if (const result_t result = detail::CreateHostAllocated<T, Instance>(locator, object.Ref());
+        !ZYM_SUCCEEDED(result))
       return result;
     return object->QueryInterface(iid, out);
   }
+
+ protected:
+  ~GenericObjectFactory() = default;
 };
 
 template <class T>

@@ -2,24 +2,25 @@
 
 #include <cstring>
 
+#include "zym/ceiling_tracer.h"
+
 namespace zym::trace {
 namespace {
 
-constexpr std::uint32_t kConstantCeiling = kDefaultCeiling;
 constexpr std::string_view kSeparator = "::";
 
-template <class I>
-intrusive_ptr<I> Query(ITracer& tracer) {
-  intrusive_ptr<I> result;
+intrusive_ptr<IPrefixTracer> QueryPrefix(ITracer& tracer) {
+  intrusive_ptr<IPrefixTracer> result;
   void* found = nullptr;
-  if (tracer.QueryInterface(I::kIid, &found) == ZYM_OK) *result.Ref() = static_cast<I*>(found);
+  if (tracer.QueryInterface(IPrefixTracer::kIid, &found) == ZYM_OK)
+    *result.Ref() = static_cast<IPrefixTracer*>(found);
   return result;
 }
 
 // Steps through the prefixes of other components, so that prefixes don't pile up.
 intrusive_ptr<ITracer> SkipPrefixes(intrusive_ptr<ITracer> tracer) {
   while (tracer) {
-    const auto prefixed = Query<IPrefixTracer>(*tracer);
+    const auto prefixed = QueryPrefix(*tracer);
     if (!prefixed) break;
     const types::string_t prefix = prefixed->GetPrefix();
     ITracer* const inner = prefixed->GetTracer();
@@ -27,14 +28,6 @@ intrusive_ptr<ITracer> SkipPrefixes(intrusive_ptr<ITracer> tracer) {
     tracer = intrusive_ptr<ITracer>(inner);
   }
   return tracer;
-}
-
-// The host's ceiling, valid while its tracer lives, which this object keeps alive.
-const std::uint32_t* CeilingOf(ITracer* tracer) {
-  if (tracer == nullptr) return &kConstantCeiling;
-  const auto source = Query<ITraceLevelSource>(*tracer);
-  const std::uint32_t* const ceiling = source ? source->GetLevelPtr() : nullptr;
-  return ceiling != nullptr ? ceiling : &kConstantCeiling;
 }
 
 std::string MakePrefix(std::string_view name, std::string_view secondName) {
@@ -59,7 +52,7 @@ result_t PrefixTracer::GetRecord(std::uint32_t level, void** buffer, std::uint64
   void* record = opening ? nullptr : static_cast<char*>(*buffer) - m_prefix.size();
   const result_t result = m_tracer->GetRecord(level, &record, size + m_prefix.size());
   if (result != ZYM_OK) return result;
-  // A success without a buffer is told on as such: the caller must not take the old one for one that has
+  // A success without a buffer is passed on as such: the caller must not take the old one for one that has
   // grown.
   *buffer = record != nullptr ? static_cast<char*>(record) + m_prefix.size() : nullptr;
   return ZYM_OK;

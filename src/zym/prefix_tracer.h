@@ -23,6 +23,9 @@ class PrefixTracer : public object::Ifaces<ITracer, IPrefixTracer>, public NonCo
   types::string_t GetPrefix() override;
   ITracer* GetTracer() override { return m_tracer.get(); }
 
+ protected:
+  ~PrefixTracer() = default;
+
  private:
   intrusive_ptr<ITracer> m_tracer;
   const std::uint32_t* m_ceiling;

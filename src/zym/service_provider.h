@@ -3,6 +3,7 @@
 
 #include <string_view>
 
+#include "zym/ceiling_tracer.h"
 #include "zym/exception.h"
 #include "zym/intrusive_ptr.h"
 #include "zym/iobject.h"
@@ -26,6 +27,16 @@ result_t QueryInterface(const intrusive_ptr<J>& object, I** out) {
   void* found = nullptr;
   const result_t result = object->QueryInterface(I::kIid, &found);
   if (ZYM_SUCCEEDED(result)) *out = static_cast<I*>(found);
+  return result;
+}
+
+// Asks a factory for an object with the interface of a smart pointer:
+// zym::CreateInstance(factory, locator, x.Ref()). On failure `*out` is as it was.
+template <class I>
+result_t CreateInstance(IObjectFactory* factory, IServiceLocator* locator, I** out) {
+  void* made = nullptr;
+  const result_t result = factory->CreateInstance(locator, I::kIid, &made);
+  if (ZYM_SUCCEEDED(result)) *out = static_cast<I*>(made);
   return result;
 }
 
@@ -67,7 +78,8 @@ class InterfaceProvider : private Holder {
   ~InterfaceProvider() = default;
 };
 
-// A tracer goes by its usual name too.
+// A tracer goes by its usual name too. The locator's is kept behind its ceiling; one that is given has been
+// put there by whoever gives it.
 template <>
 class InterfaceProvider<ITracer> : private detail::RequiredInterfaceHolder<ITracer> {
  public:
@@ -75,7 +87,9 @@ class InterfaceProvider<ITracer> : private detail::RequiredInterfaceHolder<ITrac
   [[nodiscard]] ITracer* GetTracer() const noexcept { return Get().get(); }
 
  protected:
-  using RequiredInterfaceHolder::RequiredInterfaceHolder;
+  explicit InterfaceProvider(IServiceLocator* locator)
+      : RequiredInterfaceHolder(trace::WithCeiling(RequireInterface<ITracer>(locator))) {}
+  explicit InterfaceProvider(intrusive_ptr<ITracer> tracer) : RequiredInterfaceHolder(std::move(tracer)) {}
   ~InterfaceProvider() = default;
 };
 
@@ -108,7 +122,7 @@ class TracerProvider {
   intrusive_ptr<ITracer> m_tracer;
 };
 
-// Keeps the locator and the services Is, each required. The tracer among them is kept as it is, unprefixed.
+// Keeps the locator and the services Is, each required. The tracer among them has no prefix.
 template <class Locator, class... Is>
 class ServiceProvider : public ServiceLocatorProvider, public InterfaceProvider<Is>... {
  protected:

@@ -38,7 +38,7 @@ void Record::Commit() noexcept {
 
 Record& Record::operator<<(std::string_view text) noexcept {
   FillFor(text.size());
-  Append(text);
+  AppendWhole(text);
   return *this;
 }
 
@@ -46,7 +46,7 @@ Record& Record::operator<<(std::u16string_view text) noexcept {
   FillFor(text.size());
   while (!text.empty()) {
     char bytes[4];
-    Append({bytes, EncodeUtf8(TakeCodePoint(text).value_or(U'\uFFFD'), bytes)});
+    Append({bytes, EncodeUtf8(TakeCodePoint(text).value_or(kReplacementCharacter), bytes)});
   }
   return *this;
 }
@@ -71,6 +71,18 @@ Record& Record::operator<<(Code code) noexcept {
 void Record::FillFor(std::size_t length) noexcept {
   const std::uint32_t width = std::exchange(m_width, 0);
   for (std::size_t i = length; i < width; ++i) Append({&m_fill, 1});
+}
+
+// Names of files are just bytes, and a record is UTF-8 to its last one.
+void Record::AppendWhole(std::string_view text) noexcept {
+  for (;;) {
+    const std::size_t whole = Utf8Run(text);
+    Append(text.substr(0, whole));
+    text.remove_prefix(whole);
+    if (text.empty()) return;
+    Append("\uFFFD");
+    text.remove_prefix(1);
+  }
 }
 
 void Record::Append(std::string_view text) noexcept {

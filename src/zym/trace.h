@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 #include "zym/exception.h"
 #include "zym/tracer.h"
@@ -41,8 +42,9 @@ struct Width {
 inline constexpr std::uint64_t kInitialRecordSize = 512;
 
 // One record, open from construction to destruction, in the manner of an output stream. It never raises and
-// never fails what it traces: when the record can't grow it is emptied, further text is dropped, and the
-// empty record is committed. It keeps errno as it was, whatever the tracer does.
+// never fails what it traces: a byte that is not UTF-8 becomes U+FFFD, and when the record can't grow it is
+// emptied, further text is dropped, and the empty record is committed. It keeps errno as it was, whatever the
+// tracer does.
 class Record {
  public:
   // A record that a tracer has opened for whoever makes the object of it; false: nothing is traced.
@@ -84,6 +86,9 @@ class Record {
   }
   Record& operator<<(std::u16string_view text) noexcept;
   Record& operator<<(char c) noexcept { return *this << std::string_view(&c, 1); }
+  // An address is no text: without this one it would be a boolean.
+  template <class T>
+  requires(!std::same_as<std::remove_const_t<T>, char>) Record& operator<<(T* pointer) = delete;
   Record& operator<<(bool value) noexcept { return *this << std::string_view(value ? "true" : "false"); }
   Record& operator<<(double value) noexcept;
   Record& operator<<(Code code) noexcept;
@@ -99,7 +104,11 @@ class Record {
   template <std::integral N>
   requires(!std::same_as<N, bool> && !std::same_as<N, char>) Record& operator<<(N value) noexcept {
     char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof(digits), value, m_base).ptr;
+    char* const last = digits + sizeof(digits);
+    // In hexadecimal a negative number shows its bits, as in an output stream.
+    const auto bits = static_cast<std::make_unsigned_t<N>>(value);
+    const char* const end =
+        m_base == 10 ? std::to_chars(digits, last, value).ptr : std::to_chars(digits, last, bits, m_base).ptr;
     return *this << std::string_view(digits, static_cast<std::size_t>(end - digits));
   }
   template <class T>
@@ -113,6 +122,7 @@ class Record {
   static char* OpenBuffer(ITracer* tracer, std::uint32_t level) noexcept;
   void Commit() noexcept;
   void FillFor(std::size_t length) noexcept;
+  void AppendWhole(std::string_view text) noexcept;
   void Append(std::string_view text) noexcept;
   bool Grow(std::uint64_t needed) noexcept;
 

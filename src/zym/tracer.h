@@ -19,7 +19,8 @@ struct ITracer : IObject {
   // and `*buffer` may change. On failure the record stays open as it was.
   virtual result_t GetRecord(std::uint32_t level, void** buffer, std::uint64_t size) = 0;
 
-  // Takes an open record with `length` bytes of UTF-8 text, which has no terminator and no line end.
+  // Takes an open record with `length` bytes of UTF-8 text, which has no terminator and no line end. In it
+  // U+FFFD stands for each byte of a file's name or of another text that is not UTF-8.
   virtual void CommitRecord(void* buffer, std::uint64_t length) = 0;
 
  protected:
@@ -49,7 +50,7 @@ inline constexpr std::uint32_t kDefaultCeiling = 1000;  // and the level of a ca
 
 }  // namespace trace
 
-// The host's source of the level ceiling, found by QueryInterface on its tracer.
+// The host's source of the level ceiling, found by QueryInterface on its tracer. Every class holds to it.
 struct ITraceLevelSource : IObject {
   static constexpr iid_t kIid = 0x9397b017;
 

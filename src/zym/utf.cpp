@@ -46,6 +46,39 @@ constexpr Lead DecodeLead(unsigned char c) {
   return {0, 0, 0};
 }
 
+// Null at the first byte that belongs to no code point, unless there is a `replacement` for it.
+std::optional<types::string16_t> ToUtf16(std::string_view text, std::optional<char32_t> replacement) {
+  // No byte makes more than one unit, so the text fits and is cut to its length at the end.
+  types::string16_t result(text.size(), u'\0');
+  char16_t* out = result.data();
+  while (!text.empty()) {
+    const std::size_t run = AsciiRun(text);
+    out =
+        std::transform(text.data(), text.data() + run, out, [](char c) { return static_cast<char16_t>(c); });
+    text.remove_prefix(run);
+    if (text.empty()) break;
+    std::optional<char32_t> point = TakeCodePoint(text);
+    if (!point) point = replacement;
+    if (!point) return std::nullopt;
+    out += EncodeUtf16(*point, out);
+  }
+  result.resize(static_cast<std::size_t>(out - result.data()));
+  return result;
+}
+
+std::optional<std::string> ToUtf8(std::u16string_view text, std::optional<char32_t> replacement) {
+  std::string result;
+  result.reserve(text.size());
+  while (!text.empty()) {
+    std::optional<char32_t> point = TakeCodePoint(text);
+    if (!point) point = replacement;
+    if (!point) return std::nullopt;
+    char bytes[4];
+    result.append(bytes, EncodeUtf8(*point, bytes));
+  }
+  return result;
+}
+
 }  // namespace
 
 std::optional<char32_t> TakeCodePoint(std::string_view& text) noexcept {
@@ -82,6 +115,15 @@ std::optional<char32_t> TakeCodePoint(std::u16string_view& text) noexcept {
   return 0x10000 + ((first - 0xd800) << 10) + (second - 0xdc00);
 }
 
+std::size_t Utf8Run(std::string_view text) noexcept {
+  std::string_view rest = text;
+  for (;;) {
+    rest.remove_prefix(AsciiRun(rest));
+    const std::size_t run = text.size() - rest.size();
+    if (rest.empty() || !TakeCodePoint(rest)) return run;
+  }
+}
+
 std::size_t EncodeUtf8(char32_t point, char* out) noexcept {
   const auto tail = [&](int shift) { return static_cast<char>(0x80 | ((point >> shift) & 0x3f)); };
   if (point < 0x80) {
@@ -106,39 +148,22 @@ std::size_t EncodeUtf8(char32_t point, char* out) noexcept {
   return 4;
 }
 
-std::optional<types::string16_t> Utf8ToUtf16(std::string_view text) {
-  // No byte makes more than one unit, so the text fits and is cut to its length at the end.
-  types::string16_t result(text.size(), u'\0');
-  char16_t* out = result.data();
-  while (!text.empty()) {
-    const std::size_t run = AsciiRun(text);
-    out =
-        std::transform(text.data(), text.data() + run, out, [](char c) { return static_cast<char16_t>(c); });
-    text.remove_prefix(run);
-    if (text.empty()) break;
-    const std::optional<char32_t> point = TakeCodePoint(text);
-    if (!point) return std::nullopt;
-    if (*point < 0x10000) {
-      *out++ = static_cast<char16_t>(*point);
-    } else {
-      *out++ = static_cast<char16_t>(0xd800 + ((*point - 0x10000) >> 10));
-      *out++ = static_cast<char16_t>(0xdc00 + ((*point - 0x10000) & 0x3ff));
-    }
+std::size_t EncodeUtf16(char32_t point, char16_t* out) noexcept {
+  if (point < 0x10000) {
+    out[0] = static_cast<char16_t>(point);
+    return 1;
   }
-  result.resize(static_cast<std::size_t>(out - result.data()));
-  return result;
+  out[0] = static_cast<char16_t>(0xd800 + ((point - 0x10000) >> 10));
+  out[1] = static_cast<char16_t>(0xdc00 + ((point - 0x10000) & 0x3ff));
+  return 2;
+}
+
+std::optional<types::string16_t> Utf8ToUtf16(std::string_view text) {
+  return ToUtf16(text, std::nullopt);
 }
 
 std::optional<std::string> Utf16ToUtf8(std::u16string_view text) {
-  std::string result;
-  result.reserve(text.size());
-  while (!text.empty()) {
-    const std::optional<char32_t> point = TakeCodePoint(text);
-    if (!point) return std::nullopt;
-    char bytes[4];
-    result.append(bytes, EncodeUtf8(*point, bytes));
-  }
-  return result;
+  return ToUtf8(text, std::nullopt);
 }
 
 types::string16_t RequireUtf16(std::string_view text) {
@@ -151,6 +176,14 @@ std::string RequireUtf8(std::u16string_view text) {
   std::optional<std::string> result = Utf16ToUtf8(text);
   if (!result) throw std::bad_cast();
   return std::move(*result);
+}
+
+types::string16_t Utf8ToUtf16Lossy(std::string_view text) {
+  return ToUtf16(text, kReplacementCharacter).value();
+}
+
+std::string Utf16ToUtf8Lossy(std::u16string_view text) {
+  return ToUtf8(text, kReplacementCharacter).value();
 }
 
 }  // namespace zym

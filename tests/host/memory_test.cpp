@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/commands/memory.h"
+#include "host/commands/arguments.h"
 #include "host/run_pmhost.h"
 #include "support/memory_actor.h"
 #include "support/rights.h"
@@ -103,7 +103,7 @@ TEST(PmhostMemory, WhatCannotBeReadIsTold) {
     EXPECT_EQ(run.errors, whole ? ""
                                 : "pmhost: cannot read process " + pid + " at " + Hex(mapping.address) +
                                       ": nothing that can be read is there; pmhost memory " + pid +
-                                      " tells what is mapped\n")
+                                      " lists what is mapped\n")
         << name;
   }
 }
@@ -234,7 +234,7 @@ TEST(PmhostMemory, AProcessThatIsNotThereIsNamed) {
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.output.find("0x"), std::string::npos);
     EXPECT_EQ(run.errors,
-              "pmhost: cannot look at the memory of process " + pid + ": there is no such process\n");
+              "pmhost: cannot open the memory of process " + pid + ": there is no such process\n");
   }
   const Finished modules({"modules", pid});
   EXPECT_EQ(modules.status, 1);

@@ -50,7 +50,7 @@ bool Blocks(pid_t pid, int signal) {
 TEST(Pmhost, APatternOfProcessesThatIsNoneIsSaid) {
   Pmhost pmhost({"--exclude-process", "/usr/[ab", "os"});
   EXPECT_EQ(pmhost.Wait(), 2);
-  EXPECT_NE(pmhost.Errors().find("'/usr/[ab' is no pattern: a '[' without its ']'"), std::string::npos);
+  EXPECT_NE(pmhost.Errors().find("'/usr/[ab' is not a pattern: a '[' without its ']'"), std::string::npos);
 }
 
 TEST(Pmhost, PatternsOfProcessesMayBeGivenTwiceAndInAFile) {
@@ -63,7 +63,7 @@ TEST(Pmhost, PatternsOfProcessesMayBeGivenTwiceAndInAFile) {
   const std::string wrong = directory.Write("wrong.ini", "exclude-process = [\"/usr/**\", \"ssh[\"]\n");
   Pmhost refused({"--config", wrong, "os"});
   EXPECT_EQ(refused.Wait(), 2);
-  EXPECT_NE(refused.Errors().find("'ssh[' is no pattern"), std::string::npos);
+  EXPECT_NE(refused.Errors().find("'ssh[' is not a pattern"), std::string::npos);
 }
 
 TEST(Pmhost, HelpAndVersionSucceed) {

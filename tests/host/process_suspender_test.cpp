@@ -142,9 +142,7 @@ TEST_P(SuspenderBy, TwoProcessesDoNotWaitForEachOther) {
 
 INSTANTIATE_TEST_SUITE_P(
     AnyMeans, SuspenderBy,
-    testing::Values(Means{"Cgroup2", StopMeans::kCgroup2,
-                          "needs a writable control group of version 2 with cgroup.freeze: run as root"},
-                    Means{"Freezer", StopMeans::kFreezer,
+    testing::Values(Means{"Freezer", StopMeans::kFreezer,
                           "needs a writable freezer control group of version 1: run as root"},
                     Means{"Signals", StopMeans::kSignals, "signals are always there"}),
     [](const testing::TestParamInfo<Means>& row) { return std::string(row.param.name); });

@@ -250,7 +250,7 @@ TEST(PmhostPs, AnOrdinaryUserSeesWhatEverybodyMaySeeAndIsToldWhatIsMissing) {
   const Actor actor({"say", "wait"});
   const Finished run({"ps", "--json"}, BecomeNobody);
   EXPECT_EQ(run.status, 0);
-  EXPECT_THAT(run.errors, HasSubstr("could be told in part only"));
+  EXPECT_THAT(run.errors, HasSubstr("could be read in part only"));
   EXPECT_THAT(run.errors, HasSubstr("needs CAP_SYS_PTRACE: run as root\n"));
   const ProcessObjects processes = ObjectsOf(run.output);
   const Document& process = processes.at(actor.Pid());

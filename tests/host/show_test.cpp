@@ -265,7 +265,7 @@ TEST(PmhostShow, AProcessOfAnotherUserIsToldInPartAndTheMissingRightIsNamed) {
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.errors,
             "pmhost: process " + pid +
-                " could be told in part only, as it belongs to another user or is protected: needs "
+                " could be read in part only, as it belongs to another user or is protected: needs "
                 "CAP_SYS_PTRACE: run as root\n");
   const Document process = ParseLine(LinesOf(run.output).front());
   EXPECT_EQ(TextOf(process, "command_line"), "actor say wait");

@@ -174,7 +174,7 @@ TEST_F(ModuleEntries, IdZeroGivesThePrimaryInterfaceOfEveryObjectWithOneMoreRefe
   for (const FactoryClass& row : kFactoryClasses) {
     const auto factory = FactoryOf(row.classId);
     zym::intrusive_ptr<zym::IObject> object;
-    ASSERT_EQ(factory->CreateInstance(Locator(), 0, reinterpret_cast<void**>(object.Ref())), zym::ZYM_OK);
+    ASSERT_EQ(zym::CreateInstance(factory.get(), Locator(), object.Ref()), zym::ZYM_OK);
     objects.emplace_back(object, row.iids[0]);
     objects.emplace_back(zym::intrusive_ptr<zym::IObject>(factory.get()), zym::IObjectFactory::kIid);
   }
@@ -213,7 +213,7 @@ TEST_F(ModuleEntries, AnUnknownInterfaceIsNulledByMadeObjectsAndLeftAloneByCreat
     EXPECT_EQ(factory->QueryInterface(0x12345678, &out), zym::ZYM_E_NO_INTERFACE) << row.name;
     EXPECT_EQ(out, nullptr) << row.name;
     zym::intrusive_ptr<zym::IObject> object;
-    ASSERT_EQ(factory->CreateInstance(Locator(), 0, reinterpret_cast<void**>(object.Ref())), zym::ZYM_OK);
+    ASSERT_EQ(zym::CreateInstance(factory.get(), Locator(), object.Ref()), zym::ZYM_OK);
     out = &sentinel;
     EXPECT_EQ(object->QueryInterface(0x12345678, &out), zym::ZYM_E_NO_INTERFACE) << row.name;
     EXPECT_EQ(out, nullptr) << row.name;
@@ -252,8 +252,7 @@ TEST(LoadedModuleAlone, AMadeObjectLivesInTheHostsMemoryAndOutlivesItsFactory) {
     ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
     EXPECT_EQ(host.allocator->Live(), 0) << "a factory doesn't";
     zym::intrusive_ptr<zym::IObject> object;
-    ASSERT_EQ(factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(object.Ref())),
-              zym::ZYM_OK);
+    ASSERT_EQ(zym::CreateInstance(factory.get(), host.locator.get(), object.Ref()), zym::ZYM_OK);
     EXPECT_EQ(host.allocator->Live(), 1) << row.name;
     factory.Reset();
     EXPECT_EQ(module.canUnloadModule(), zym::ZYM_FALSE);
@@ -282,8 +281,7 @@ TEST(LoadedModuleAlone, AMadeObjectKeepsItsAllocatorUntilItsMemoryIsBack) {
       host.locator->Add<zym::IAllocator>(zym::CreateObject<Allocator>(atTheEnd));
       zym::intrusive_ptr<zym::IObjectFactory> factory;
       ASSERT_EQ(module.getObjectFactory(host.locator.get(), row.classId, factory.Ref()), zym::ZYM_OK);
-      ASSERT_EQ(factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(object.Ref())),
-                zym::ZYM_OK);
+      ASSERT_EQ(zym::CreateInstance(factory.get(), host.locator.get(), object.Ref()), zym::ZYM_OK);
     }
     EXPECT_EQ(atTheEnd, -1) << row.name;
     object.Reset();

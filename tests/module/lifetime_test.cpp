@@ -110,8 +110,7 @@ TEST(ModuleLifetime, AnAllocatorThatFailsAtAnyCallLeavesNothing) {
       zym::intrusive_ptr<zym::IObject> object;
       zym::intrusive_ptr<zym::IObjectFactory> factory;
       ASSERT_EQ(module.getObjectFactory(host.locator.get(), classId, factory.Ref()), zym::ZYM_OK);
-      const zym::result_t result =
-          factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(object.Ref()));
+      const zym::result_t result = zym::CreateInstance(factory.get(), host.locator.get(), object.Ref());
       made = result == zym::ZYM_OK;
       if (!made) {
         EXPECT_EQ(result, zym::ZYM_E_OUT_OF_MEMORY);

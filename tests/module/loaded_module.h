@@ -6,12 +6,12 @@
 
 #include <cstddef>
 #include <map>
-#include <stdexcept>
 #include <string>
 
-#include "process_manager/entry.h"
+#include "host_kit/loaded_module.h"
 #include "support/own_process.h"
 #include "zym/intrusive_ptr.h"
+#include "zym/service_provider.h"
 
 namespace test_support {
 
@@ -20,29 +20,29 @@ namespace test_support {
 class LoadedModule {
  public:
   explicit LoadedModule(const char* path = PROCESS_MANAGER_MODULE)
-      : m_path(path),
-        m_threads(ThreadCount()),
+      : m_threads(ThreadCount()),
         m_descriptors(OpenDescriptors()),
-        m_handle(::dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-    if (m_handle == nullptr) throw std::runtime_error(::dlerror());
-    getObjectFactory = Find<decltype(&zymGetObjectFactory)>("zymGetObjectFactory");
-    createObject = Find<decltype(&zymCreateObject)>("zymCreateObject");
-    canUnloadModule = Find<decltype(&zymCanUnloadModule)>("zymCanUnloadModule");
-  }
+        m_module(path),
+        getObjectFactory(m_module.GetEntries().getObjectFactory),
+        createObject(m_module.GetEntries().createObject),
+        canUnloadModule(m_module.GetEntries().canUnloadModule) {}
   ~LoadedModule() {
     EXPECT_EQ(canUnloadModule(), zym::ZYM_OK) << "an object of the module is still alive";
-    EXPECT_EQ(::dlclose(m_handle), 0);
+    m_module.Unload();
     EXPECT_EQ(ThreadCount(), m_threads);
     EXPECT_EQ(OpenDescriptors(), m_descriptors);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_EQ(::dlopen(m_path.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "something pins the module";
+    EXPECT_EQ(::dlopen(m_module.GetFile().c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr)
+        << "something pins the module";
 #endif
-    void* const again = ::dlopen(m_path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    EXPECT_NE(again, nullptr) << ::dlerror();
-    EXPECT_EQ(again != nullptr ? ::dlclose(again) : 0, 0);
+    EXPECT_NO_THROW(host_kit::LoadedModule(m_module.GetFile()));
   }
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
+
+  [[nodiscard]] const host_kit::LoadedModule& Kit() const {
+    return m_module;
+  }
 
   // An object of zymCreateObject by its primary interface.
   template <class I>
@@ -61,25 +61,18 @@ class LoadedModule {
     zym::intrusive_ptr<zym::IObjectFactory> factory;
     if (const zym::result_t result = getObjectFactory(locator, classId, factory.Ref()); result != zym::ZYM_OK)
       return result;
-    return factory->CreateInstance(locator, I::kIid, reinterpret_cast<void**>(out.Ref()));
+    return zym::CreateInstance(factory.get(), locator, out.Ref());
   }
-
-  decltype(&zymGetObjectFactory) getObjectFactory;
-  decltype(&zymCreateObject) createObject;
-  decltype(&zymCanUnloadModule) canUnloadModule;
 
  private:
-  template <class F>
-  F Find(const char* name) const {
-    void* const found = ::dlsym(m_handle, name);
-    if (found == nullptr) throw std::runtime_error(std::string("no entry ") + name);
-    return reinterpret_cast<F>(found);
-  }
-
-  std::string m_path;
   std::size_t m_threads;  // before it was loaded, as the next
   std::map<int, std::string> m_descriptors;
-  void* m_handle;
+  host_kit::LoadedModule m_module;
+
+ public:
+  const decltype(&zymGetObjectFactory) getObjectFactory;
+  const decltype(&zymCreateObject) createObject;
+  const decltype(&zymCanUnloadModule) canUnloadModule;
 };
 
 }  // namespace test_support

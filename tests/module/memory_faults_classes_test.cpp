@@ -49,8 +49,7 @@ TEST_P(EveryFactoryClass, IsMadeOrRefusedWhateverAllocationFails) {
     zym::intrusive_ptr<zym::IObject> object;
     HeapFaults faults(Threads::kThis, shortage.failing, shortage.call);
     zym::result_t result = faultHost.module.getObjectFactory(faultHost.Locator(), GetParam(), factory.Ref());
-    if (result == zym::ZYM_OK)
-      result = factory->CreateInstance(faultHost.Locator(), 0, reinterpret_cast<void**>(object.Ref()));
+    if (result == zym::ZYM_OK) result = zym::CreateInstance(factory.get(), faultHost.Locator(), object.Ref());
     faults.End();
     EXPECT_EQ(result, faults.Fired() ? zym::ZYM_E_OUT_OF_MEMORY : zym::ZYM_OK);
     // One class copies a text when it is otherwise complete.
@@ -117,9 +116,7 @@ TEST(MemoryFaults, EveryObjectEndsWithoutMemory) {
       zym::intrusive_ptr<zym::IObjectFactory> factory;
       ASSERT_EQ(faultHost.module.getObjectFactory(faultHost.Locator(), classId, factory.Ref()), zym::ZYM_OK);
       objects.emplace_back();
-      ASSERT_EQ(
-          factory->CreateInstance(faultHost.Locator(), 0, reinterpret_cast<void**>(objects.back().Ref())),
-          zym::ZYM_OK);
+      ASSERT_EQ(zym::CreateInstance(factory.get(), faultHost.Locator(), objects.back().Ref()), zym::ZYM_OK);
     }
     const HeapFaults faults(Threads::kThis, Failing::kFromThenOn, 0);
     for (auto& object : objects) object.Reset();

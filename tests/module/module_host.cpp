@@ -44,6 +44,12 @@ std::string ImageOf(qor::process_manager::ISystemEvent& event) {
   return {bytes, count};
 }
 
+zym::intrusive_ptr<FakeLocator> ServicesOf(const FakeHost& host,
+                                           const zym::intrusive_ptr<zym::ITracer>& tracer) {
+  if (tracer) host.locator->Add(tracer);
+  return host.locator;
+}
+
 }  // namespace
 
 void RecordingHandler::OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t) {
@@ -86,24 +92,10 @@ std::optional<SeenEvent> RecordingHandler::WaitFor(const std::function<bool(cons
   return found;
 }
 
-ModuleHost::ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer) {
-  if (tracer) host.locator->Add(tracer);
-  zym::IServiceLocator* const locator = host.locator.get();
-  EXPECT_EQ(module.Make(qor::class_ids::kProcParser, locator, parser), zym::ZYM_OK);
-  host.locator->Add(parser);
-  const SettingsCreationRecord record{.base = {.locator = locator}, .tracer = nullptr, .settings = nullptr};
-  zym::IObject* object = nullptr;
-  EXPECT_EQ(module.createObject(qor::class_ids::kInterceptorSettingsSubscription, &record.base, &object),
-            zym::ZYM_OK);
-  settings = zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription>::Attach(
-      static_cast<qor::process_manager::IInterceptorSettingsSubscription*>(object));
-  host.locator->Add(settings);
-  EXPECT_EQ(module.Create(qor::class_ids::kProcessCache, locator, cache), zym::ZYM_OK);
-  host.locator->Add(cache);
-  host.locator->Add(qor::process_manager::IEventInfoProvider::kIid,
-                    zym::intrusive_ptr<zym::IObject>(cache.get()));
-  host.locator->Add(zym::CreateObject<qor::FeatureTechsAggregator>(locator),
-                    qor::IFeatureTechsAggregator::kIid);
-}
+ModuleHost::ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer)
+    : m_bootstrap(module.Kit(), ServicesOf(host, tracer), {.enumerate = false}),
+      cache(m_bootstrap.GetCache()),
+      parser(m_bootstrap.GetParser()),
+      settings(m_bootstrap.GetSettings()) {}
 
 }  // namespace test_support

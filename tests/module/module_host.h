@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "host_kit/bootstrap.h"
 #include "module/loaded_module.h"
 #include "process_manager/event_processing.h"
 #include "process_manager/interceptor.h"
 #include "process_manager/interceptor_settings.h"
 #include "process_manager/proc_parser.h"
 #include "process_manager/process_cache.h"
-#include "qor_common/feature_techs_aggregator.h"
 #include "support/fake_services.h"
 #include "zym/object.h"
 
@@ -67,9 +67,14 @@ class ModuleHost {
 
   LoadedModule module;  // goes last
   FakeHost host;
-  zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> cache;
-  zym::intrusive_ptr<qor::procfs::IParser> parser;
-  zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription> settings;
+
+ private:
+  host_kit::Bootstrap m_bootstrap;
+
+ public:
+  const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> cache;
+  const zym::intrusive_ptr<qor::procfs::IParser> parser;
+  const zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription> settings;
 };
 
 }  // namespace test_support

@@ -345,9 +345,7 @@ class ProcessServiceFaults : public testing::Test {
     EXPECT_EQ(
         m_host.inner.module.getObjectFactory(m_host.locator.get(), class_ids::kProcessManager, factory.Ref()),
         zym::ZYM_OK);
-    EXPECT_EQ(factory->CreateInstance(m_host.locator.get(), process_manager::IProcessManager::kIid,
-                                      reinterpret_cast<void**>(m_manager.Ref())),
-              zym::ZYM_OK);
+    EXPECT_EQ(zym::CreateInstance(factory.get(), m_host.locator.get(), m_manager.Ref()), zym::ZYM_OK);
   }
 
   // Calls `round` with each way in which the service can't be had.

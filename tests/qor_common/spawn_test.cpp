@@ -327,6 +327,20 @@ TEST(SecureDaemonSpawn, ARelativeProgramIsMeantFromTheCallersDirectory) {
             "ran in /\n");
 }
 
+TEST(SecureDaemonSpawn, ARelativeProgramOfARemovedDirectoryIsAResultAndNoException) {
+  EXPECT_EQ(RunInChild([]() -> std::string {
+              const test_support::TempDirectory directory;
+              const std::string program = directory.Write("program", "#!/bin/sh\n");
+              const std::string gone = directory.Path() + "/gone";
+              if (::chmod(program.c_str(), 0755) != 0 || ::mkdir(gone.c_str(), 0755) != 0) return "files";
+              if (::chdir(gone.c_str()) != 0 || ::rmdir(gone.c_str()) != 0) return "gone";
+              SpawnContext context;
+              context.program = "../program";
+              return Output(context);
+            }),
+            "result " + std::to_string(0x80010102U));
+}
+
 // --- arguments and environment ---
 
 TEST(SecureDaemonSpawn, PassesArgumentsAndEnvironmentAndNothingElse) {

@@ -37,6 +37,14 @@ TEST(DateToString, TakesAnotherFormat) {
   EXPECT_EQ(DateToString(At(0), "100%%"), "100%");
 }
 
+TEST(DateToString, KeepsWhatStandsBehindANulInItsFormat) {
+  using namespace std::string_view_literals;
+  EXPECT_EQ(DateToString(At(0), "%Y\0%m"sv),
+            "1970\0"
+            "01"sv);
+  EXPECT_EQ(DateToString(At(0), "\0cd\0"sv), "\0cd\0"sv);
+}
+
 TEST(DateToString, AFormatOf2048CharactersIsTooLong) {
   EXPECT_EQ(DateToString(At(0), std::string(2047, 'x')).size(), 2047U);
   EXPECT_EQ(What([] { DateToString(At(0), std::string(2048, 'x')); }), "Format specification is too long");
@@ -64,6 +72,19 @@ TEST(StringToDate, IsTheOpposite) {
 TEST(StringToDate, RefusesWhatIsNotWhollyInItsFormat) {
   for (const char* const text : {"", "now", "2020-01-01", "2020-01-01 00:00:00 ", "2020-13-01 00:00:00"})
     EXPECT_EQ(What([text] { StringToDate(text); }), "Date doesn't match its format") << text;
+}
+
+TEST(StringToDate, RefusesADayThatTheCalendarDoesNotHave) {
+  for (const char* const text :
+       {"2024-02-30 00:00:00", "2023-02-29 00:00:00", "2024-04-31 00:00:00", "2016-12-31 23:59:60"})
+    EXPECT_EQ(What([text] { StringToDate(text); }), "Date doesn't match its format") << text;
+  EXPECT_EQ(StringToDate("2024-02-29 00:00:00"), At(1709164800));
+}
+
+TEST(StringToDate, RefusesAFormatWithANul) {
+  using namespace std::string_view_literals;
+  EXPECT_EQ(What([] { StringToDate("2024", "%Y\0%m"sv); }), "Date doesn't match its format");
+  EXPECT_EQ(What([] { StringToDate("2024\0"sv, "%Y"); }), "Date doesn't match its format");
 }
 
 }  // namespace

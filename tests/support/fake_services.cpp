@@ -58,44 +58,37 @@ void RecordingTracer::Clear() {
 
 void* CountingAllocator::Alloc(std::uint64_t size) {
   if (m_calls++ >= m_failFrom) return nullptr;
-  void* const memory = std::malloc(size);
+  void* const memory = MallocAllocator::Alloc(size);
   if (memory != nullptr) ++m_live;
   return memory;
 }
 
 void* CountingAllocator::Reallocate(void* p, std::uint64_t size) {
   if (p == nullptr) return Alloc(size);
-  return m_calls++ >= m_failFrom ? nullptr : std::realloc(p, size);
+  return m_calls++ >= m_failFrom ? nullptr : MallocAllocator::Reallocate(p, size);
 }
 
 void CountingAllocator::Free(void* p) {
   if (p == nullptr) return;
   --m_live;
-  std::free(p);
+  MallocAllocator::Free(p);
 }
 
 zym::result_t FakeLocator::GetInterface(zym::iid_t iid, std::uint32_t serviceKey, void** out) {
-  zym::intrusive_ptr<zym::IObject> service;
   {
     const std::scoped_lock lock(m_mutex);
     m_asked.insert(iid);
     if (const auto failure = m_failures.find(iid); failure != m_failures.end()) return failure->second;
-    const auto found = m_services.find(iid);
-    if (found == m_services.end() || serviceKey != 0) return zym::ZYM_E_NO_INTERFACE;
-    service = found->second;
   }
-  return service->QueryInterface(iid, out);
+  return ServiceLocator::GetInterface(iid, serviceKey, out);
 }
 
 void FakeLocator::Add(zym::iid_t iid, zym::intrusive_ptr<zym::IObject> service) {
-  const std::scoped_lock lock(m_mutex);
-  m_failures.erase(iid);
-  m_services[iid] = std::move(service);
-}
-
-void FakeLocator::Remove(zym::iid_t iid) {
-  const std::scoped_lock lock(m_mutex);
-  m_services.erase(iid);
+  {
+    const std::scoped_lock lock(m_mutex);
+    m_failures.erase(iid);
+  }
+  ServiceLocator::Add(iid, std::move(service));
 }
 
 void FakeLocator::FailWith(zym::iid_t iid, zym::result_t result) {
@@ -104,9 +97,8 @@ void FakeLocator::FailWith(zym::iid_t iid, zym::result_t result) {
 }
 
 void FakeLocator::Clear() {
-  std::map<zym::iid_t, zym::intrusive_ptr<zym::IObject>> services;
+  ServiceLocator::Clear();
   const std::scoped_lock lock(m_mutex);
-  services.swap(m_services);
   m_failures.clear();
   m_asked.clear();
 }

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "host_kit/malloc_allocator.h"
+#include "host_kit/service_locator.h"
 #include "process_manager/services/feature_lookup.h"
 #include "process_manager/services/metrics.h"
 #include "process_manager/services/scan_statistics.h"
@@ -64,7 +66,7 @@ class RecordingTracer : public zym::object::Ifaces<zym::ITracer, zym::ITraceLeve
 };
 
 // malloc that counts, and fails at a chosen call.
-class CountingAllocator : public zym::object::Ifaces<zym::IAllocator> {
+class CountingAllocator : public host_kit::MallocAllocator {
  public:
   void* Alloc(std::uint64_t size) override;
   void* Reallocate(void* p, std::uint64_t size) override;
@@ -82,20 +84,20 @@ class CountingAllocator : public zym::object::Ifaces<zym::IAllocator> {
   std::atomic<std::int64_t> m_live{0};
 };
 
-// Services by interface id.
-class FakeLocator : public zym::object::Ifaces<zym::IServiceLocator> {
+// A locator that records what it is asked for, and fails where a test wants it.
+class FakeLocator : public host_kit::ServiceLocator {
  public:
   zym::result_t GetInterface(zym::iid_t iid, std::uint32_t serviceKey, void** out) override;
 
+  // Ends a failure of this id.
   void Add(zym::iid_t iid, zym::intrusive_ptr<zym::IObject> service);
   template <class I>
   void Add(const zym::intrusive_ptr<I>& service, zym::iid_t iid = I::kIid) {
     Add(iid, zym::intrusive_ptr<zym::IObject>(AsObject(service.get())));
   }
-  // The locator answers ZYM_E_NO_INTERFACE, or `result`, for this id from now on.
-  void Remove(zym::iid_t iid);
+  // The locator answers `result` for this id from now on.
   void FailWith(zym::iid_t iid, zym::result_t result);
-  // Drops every service: breaks the cycles between the locator and services that hold it.
+  // Drops every service and every failure: breaks the cycles between the locator and services that hold it.
   void Clear();
   // The ids that were asked for since the last Clear.
   std::set<zym::iid_t> Asked() const;
@@ -111,7 +113,6 @@ class FakeLocator : public zym::object::Ifaces<zym::IServiceLocator> {
   }
 
   mutable std::mutex m_mutex;  // guards all below
-  std::map<zym::iid_t, zym::intrusive_ptr<zym::IObject>> m_services;
   std::map<zym::iid_t, zym::result_t> m_failures;
   std::set<zym::iid_t> m_asked;
 };

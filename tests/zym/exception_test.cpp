@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 
@@ -51,6 +52,14 @@ TEST(Exception, AppendingKeepsTheType) {
     EXPECT_EQ(e.Message(), u"pid 5 caf\u00e9");
     EXPECT_EQ(e.Description(), u"pid 5 caf\u00e9. At a.cpp(1) ");
   }
+}
+
+TEST(Exception, TextThatIsNotUtf8KeepsTheRestOfTheMessage) {
+  EXPECT_EQ(SystemException("a.cpp", 1, ENOENT, "Cannot open /tmp/odd\xff/x").Description(),
+            u"Cannot open /tmp/odd\uFFFD/x: 0x80010102 (File not found). At a.cpp(1) ");
+  const char16_t lone[] = {u'a', 0xd800, u'b'};
+  EXPECT_EQ((CheckFailedException("a.cpp", 1) << "text " << std::u16string_view(lone, 3)).Message(),
+            u"text a\uFFFDb");
 }
 
 TEST(Exception, AResultCodeStandsBehindTheMessage) {
@@ -156,6 +165,22 @@ TEST_F(ExceptionToResultTest, WalksNestedExceptionsOutermostFirstAndTakesTheFirs
   EXPECT_EQ(m_tracer->Records().size(), 1U);
 }
 
+TEST_F(ExceptionToResultTest, ATextNestedInWhatIsNoStandardExceptionIsTraced) {
+  struct Odd {};
+  result_t result = ZYM_OK;
+  try {
+    try {
+      throw std::length_error("inner");
+    } catch (...) {
+      std::throw_with_nested(Odd());
+    }
+  } catch (...) {
+    result = ExceptionToResult(m_tracer.get(), "Prefix: ");
+  }
+  EXPECT_EQ(result, ZYM_E_UNKNOWN_EXCEPTION) << "the first that has a code";
+  EXPECT_EQ(Last(), "Prefix: unknown exceptioninner");
+}
+
 // The translation is what failures end in: it can't fail itself.
 TEST_F(ExceptionToResultTest, AnExceptionWhoseDescriptionCantBeMadeIsTracedByWhatItSays) {
   class Wordless : public Exception {
@@ -188,6 +213,12 @@ TEST_F(ExceptionToResultTest, NamesTheFunctionThatCaught) {
     ExceptionInFunctionToResult(m_tracer.get(), "PollTask");
   }
   EXPECT_EQ(Last(), "PollTask: broken");
+  try {
+    throw std::runtime_error("broken");
+  } catch (...) {
+    ExceptionInFunctionToResult(m_tracer.get(), "Get", "Unexpected exception in ");
+  }
+  EXPECT_EQ(Last(), "Unexpected exception in Get: broken");
 }
 
 }  // namespace

@@ -127,9 +127,7 @@ TEST_F(ObjectTest, AFactoryAndWhatItMakesWriteNullOnAnUnknownInterface) {
   EXPECT_EQ(out, nullptr);
 
   intrusive_ptr<IOther> thing;
-  ASSERT_EQ(
-      factory->CreateInstance(m_host.locator.get(), IOther::kIid, reinterpret_cast<void**>(thing.Ref())),
-      ZYM_OK);
+  ASSERT_EQ(CreateInstance(factory.get(), m_host.locator.get(), thing.Ref()), ZYM_OK);
   out = &mark;
   EXPECT_EQ(thing->QueryInterface(0xdeadbeef, &out), ZYM_E_NO_INTERFACE);
   EXPECT_EQ(out, nullptr);
@@ -143,13 +141,24 @@ TEST_F(ObjectTest, EachKindOfObjectCountsInTheModuleObjectCounter) {
     const auto factory = MakeFactory<Thing>();
     EXPECT_EQ(Objects(), before + 2);
     intrusive_ptr<IFirst> made;
-    ASSERT_EQ(factory->CreateInstance(m_host.locator.get(), 0, reinterpret_cast<void**>(made.Ref())), ZYM_OK);
+    ASSERT_EQ(CreateInstance(factory.get(), m_host.locator.get(), made.Ref()), ZYM_OK);
     EXPECT_EQ(Objects(), before + 3);
     EXPECT_EQ(m_host.allocator->Live(), 1);
   }
   EXPECT_EQ(Objects(), before);
   EXPECT_EQ(g_script.destructions, 2);
   EXPECT_EQ(g_script.finalReleases, 2);
+}
+
+TEST_F(ObjectTest, AFactoryIsAskedForTheInterfaceOfThePointer) {
+  const auto factory = MakeFactory<Thing>();
+  intrusive_ptr<IOther> other;
+  ASSERT_EQ(CreateInstance(factory.get(), m_host.locator.get(), other.Ref()), ZYM_OK);
+  EXPECT_EQ(other->Other(), 3);
+  IOther* untouched = other.get();
+  g_script.finalConstruct = ZYM_E_INVALID_STATE;
+  EXPECT_EQ(CreateInstance(factory.get(), m_host.locator.get(), &untouched), ZYM_E_INVALID_STATE);
+  EXPECT_EQ(untouched, other.get());
 }
 
 TEST_F(ObjectTest, CreateInstanceWithAWrongInterfaceDestroysTheObjectAgain) {
@@ -212,7 +221,7 @@ TEST_F(ObjectTest, AConstructorThatNeedsAMissingServiceGivesTheLocatorsCode) {
 
 TEST_F(ObjectTest, AnOwnerWithinTheModuleMakesAHostAllocatedObjectWithArgumentsOfItsOwn) {
   intrusive_ptr<Numbered> numbered;
-  ASSERT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_OK);
+  ASSERT_EQ(CreateInstance(m_host.locator.get(), numbered.Ref(), 42), ZYM_OK);
   EXPECT_EQ(numbered->Other(), 42);
   EXPECT_EQ(m_host.allocator->Live(), 1);
   EXPECT_EQ(numbered->AddRef(), 2U) << "one reference, and this one";
@@ -223,17 +232,18 @@ TEST_F(ObjectTest, AnOwnerWithinTheModuleMakesAHostAllocatedObjectWithArgumentsO
 }
 
 TEST_F(ObjectTest, AHostAllocatedObjectThatCannotBeMadeLeavesTheOutParameterAlone) {
-  auto numbered = intrusive_ptr<Numbered>(CreateObject<Numbered>(nullptr, 7));
+  const auto other = intrusive_ptr<Numbered>(CreateObject<Numbered>(nullptr, 7));
+  Numbered* numbered = other.get();
   const std::int32_t before = Objects();
   g_script.finalConstruct = ZYM_E_INVALID_STATE;
-  EXPECT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_E_INVALID_STATE);
+  EXPECT_EQ(CreateInstance(m_host.locator.get(), &numbered, 42), ZYM_E_INVALID_STATE);
   EXPECT_EQ(g_script.finalReleases, 1);
   g_script.throwInConstructor = true;
-  EXPECT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_E_INVALID_ARGUMENT);
+  EXPECT_EQ(CreateInstance(m_host.locator.get(), &numbered, 42), ZYM_E_INVALID_ARGUMENT);
   EXPECT_TRUE(m_host.tracer->Has(trace::kFailure, "Exception during object construction: as the test asked"));
   m_host.allocator->FailFrom(0);
-  EXPECT_EQ(CreateHostAllocated(m_host.locator.get(), numbered, 42), ZYM_E_OUT_OF_MEMORY);
-  EXPECT_EQ(numbered->Other(), 7);
+  EXPECT_EQ(CreateInstance(m_host.locator.get(), &numbered, 42), ZYM_E_OUT_OF_MEMORY);
+  EXPECT_EQ(numbered, other.get());
   EXPECT_EQ(Objects(), before);
 }
 

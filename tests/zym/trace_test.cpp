@@ -3,11 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <new>
 #include <string>
+#include <type_traits>
 
 #include "support/fake_services.h"
+#include "zym/ceiling_tracer.h"
+#include "zym/generic_object_factory.h"
 #include "zym/prefix_tracer.h"
+#include "zym/service_provider.h"
 
 namespace zym {
 namespace {
@@ -47,6 +52,31 @@ TEST_F(TraceTest, AUtf16TextWithALoneSurrogateIsTracedWithAReplacement) {
   const char16_t lone[] = {u'a', 0xd800, u'b'};
   ZYM_TRACE(m_tracer, trace::kCall, std::u16string_view(lone, 3));
   EXPECT_EQ(Last(), "a\uFFFDb");
+}
+
+TEST_F(TraceTest, ARecordIsUtf8WhateverTheTextIsMadeOf) {
+  ZYM_TRACE(m_tracer, trace::kCall, "path: /tmp/odd\xff\xfe caf\u00e9 " << '\x80' << "\xe2\x82");
+  EXPECT_EQ(Last(), "path: /tmp/odd\uFFFD\uFFFD caf\u00e9 \uFFFD\uFFFD\uFFFD");
+}
+
+TEST_F(TraceTest, InHexadecimalANegativeNumberShowsItsBits) {
+  ZYM_TRACE(m_tracer, trace::kCall, trace::hex << -1 << " " << std::int64_t{-2} << " " << std::int16_t{-1});
+  EXPECT_EQ(Last(), "ffffffff fffffffffffffffe ffff");
+}
+
+template <class T>
+concept CanBeTraced = requires(trace::Record& record, T value) {
+  record << value;
+};
+
+TEST_F(TraceTest, APointerIsNoTextUnlessItsCharactersAreBytes) {
+  static_assert(!CanBeTraced<int*> && !CanBeTraced<const void*> && !CanBeTraced<void (*)()>);
+  static_assert(!CanBeTraced<const char16_t*> && !CanBeTraced<char16_t(&)[4]>);
+  static_assert(CanBeTraced<const char*> && CanBeTraced<char*> && CanBeTraced<const char(&)[4]>);
+  static_assert(CanBeTraced<bool> && CanBeTraced<std::u16string_view>);
+  char bytes[] = "bytes";
+  ZYM_TRACE(m_tracer, trace::kCall, bytes << true);
+  EXPECT_EQ(Last(), "bytestrue");
 }
 
 TEST_F(TraceTest, ACodeHasEightDigitsAndItsText) {
@@ -278,6 +308,56 @@ TEST_F(TraceTest, AChangeOfTheCeilingTakesEffectWithTheNextRecord) {
   ZYM_TRACE(prefixed, trace::kCall, "told");
   ASSERT_EQ(m_tracer->Records().size(), 1U);
   EXPECT_EQ(Last(), "A::told");
+}
+
+class Plain : public object::Ifaces<>, public ServiceProvider<IServiceLocator, ITracer>, public NonCopyable {
+ public:
+  explicit Plain(IServiceLocator* locator) : ServiceProvider(locator) {}
+};
+
+TEST_F(TraceTest, TheCeilingHoldsForAClassThatKeepsTheLocatorsTracer) {
+  const test_support::FakeHost host;
+  const auto plain = CreateObject<Plain>(host.locator.get());
+  host.tracer->SetCeiling(trace::kFailure);
+  ZYM_TRACE(plain->GetTracer(), trace::kCall, "held back");
+  EXPECT_EQ(host.tracer->OpenCalls(), 0U) << "the host isn't asked";
+  ZYM_TRACE(plain->GetTracer(), trace::kFailure, "x " << std::string(3000, 'y'));
+  EXPECT_EQ(host.tracer->Records().back().text, "x " + std::string(3000, 'y')) << "no prefix";
+  host.tracer->SetCeiling(trace::kCall);
+  ZYM_TRACE(plain->GetTracer(), trace::kCall, "passed on");
+  EXPECT_EQ(host.tracer->Records().back().text, "passed on");
+}
+
+TEST_F(TraceTest, TheCeilingHoldsForAnExceptionOfAConstruction) {
+  const test_support::FakeHost host;
+  host.tracer->SetCeiling(trace::kFailure - 1);
+  try {
+    throw std::bad_alloc();
+  } catch (...) {
+    EXPECT_EQ(ConstructionExceptionToResult(host.locator.get(), kConstructionPrefix), ZYM_E_OUT_OF_MEMORY);
+  }
+  EXPECT_EQ(host.tracer->OpenCalls(), 0U);
+}
+
+TEST_F(TraceTest, ATracerIsEndedByItsReleaseAlone) {
+  static_assert(!std::is_destructible_v<trace::PrefixTracer>);
+  const auto prefixed = trace::WithPrefix(m_tracer, "A");
+  EXPECT_EQ(prefixed->AddRef(), 2U);
+  EXPECT_EQ(prefixed->Release(), 1U);
+}
+
+TEST_F(TraceTest, ATracerThatHoldsToTheCeilingIsItsSourceAndDoesNotCount) {
+  const std::int32_t before = ModuleObjectCounter::Value();
+  const intrusive_ptr<ITracer> held = trace::WithCeiling(m_tracer);
+  EXPECT_NE(held, m_tracer.get());
+  EXPECT_EQ(trace::CeilingOf(held.get()), m_tracer->GetLevelPtr());
+  EXPECT_EQ(ModuleObjectCounter::Value(), before);
+}
+
+TEST_F(TraceTest, ATracerWithoutACeilingIsKeptAsItIs) {
+  const auto host = CreateObject<HostPrefix>(m_tracer);
+  EXPECT_EQ(trace::WithCeiling(host), host.get());
+  EXPECT_FALSE(trace::WithCeiling({}));
 }
 
 TEST_F(TraceTest, ALongMessageKeepsItsPrefixThroughGrowth) {

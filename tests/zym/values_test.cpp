@@ -123,6 +123,19 @@ TEST(Utf, RefusesLoneSurrogates) {
   }
 }
 
+TEST(Utf, ReplacesEachBadByteAndKeepsTheRest) {
+  EXPECT_EQ(Utf8ToUtf16Lossy("/tmp/odd\xff\xfe caf\u00e9"), u"/tmp/odd\uFFFD\uFFFD caf\u00e9");
+  EXPECT_EQ(Utf8ToUtf16Lossy("cut \xe2\x82"), u"cut \uFFFD\uFFFD");
+  EXPECT_EQ(Utf8ToUtf16Lossy("\U0001F600"), u"\U0001F600");
+  EXPECT_EQ(Utf8ToUtf16Lossy(""), u"");
+}
+
+TEST(Utf, ReplacesEachLoneSurrogateAndKeepsTheRest) {
+  const char16_t text[] = {u'a', 0xd83d, u'b', 0xde00, 0xd83d, 0xde00};
+  EXPECT_EQ(Utf16ToUtf8Lossy({text, 6}), "a\uFFFDb\uFFFD\U0001F600");
+  EXPECT_EQ(Utf16ToUtf8Lossy(u""), "");
+}
+
 TEST(Datetime, CountsFrom1601) {
   EXPECT_EQ(datetime::FromUnixSeconds(0), 116444736000000000);
   EXPECT_EQ(datetime::FromUnixSeconds(1), 116444736010000000);

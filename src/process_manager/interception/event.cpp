@@ -35,22 +35,6 @@ View ViewOf(const zym::types::string16_t& text) {
   return {begin, begin + text.size() * sizeof(char16_t)};
 }
 
-// The text with each sequence that isn't UTF-8 replaced: names of files and environments are just bytes.
-zym::types::string16_t ToReadableUtf16(std::string_view text) {
-  zym::types::string16_t result;
-  result.reserve(text.size());
-  while (!text.empty()) {
-    char32_t point = zym::TakeCodePoint(text).value_or(U'\uFFFD');
-    if (point > 0xffff) {
-      point -= 0x10000;
-      result += static_cast<char16_t>(0xd800 + (point >> 10));
-      point = 0xdc00 + (point & 0x3ff);
-    }
-    result += static_cast<char16_t>(point);
-  }
-  return result;
-}
-
 Event::Subject SubjectOf(std::uint32_t type, const process_cache::ProcessInformation& info) {
   if (type == event_type::kExitProcess) return {info.pid, info.uniquePid};
   return {info.creatorPid, info.creatorUniquePid};
@@ -79,7 +63,7 @@ void Event::PutImage(ImageDescriptors descriptors) noexcept try {
   static_cast<void>(descriptors.file.Release());
   static_cast<void>(descriptors.directory.Release());
   zym::objptr_t<zym::IObject> object;
-  static_cast<void>(io->QueryInterface(zym::IObject::kIid, reinterpret_cast<void**>(object.Ref())));
+  static_cast<void>(zym::QueryInterface(io, object.Ref()));
   const zym::types::variant_t value(std::move(object));
   constexpr zym::propid_t kExecutable = si_ep::create_process_event::extended_parameters::ExecutableFileIO;
   if (ZYM_SUCCEEDED(ZYM_REPORT_RESULT(GetTracer(), Put(kExecutable, &value), "Failed to put qor::IO")))
@@ -199,11 +183,11 @@ void Event::TakeExecStrings(const zym::types::vector_t<zym::types::string_t>& st
   const bool mayTrace =
       m_context->GetCategoryFilter()->Check(zym::ITracerCategoryFilter::kSensitive) == zym::ZYM_OK;
   const auto traced = [mayTrace](std::string_view text) {
-    return ToReadableUtf16(mayTrace ? text : zym::kSkippedByPrivacyPolicy);
+    return zym::Utf8ToUtf16Lossy(mayTrace ? text : zym::kSkippedByPrivacyPolicy);
   };
   ZYM_TRACE(GetTracer(), kCall,
             "OnCreateProcess: "
-                << "image path: " << std::u16string_view(ToReadableUtf16(strings.front()))
+                << "image path: " << std::u16string_view(zym::Utf8ToUtf16Lossy(strings.front()))
                 << ", command line: " << std::u16string_view(traced(arguments)));
 
   if (auto path = zym::Utf8ToUtf16(strings.front()))
@@ -212,7 +196,7 @@ void Event::TakeExecStrings(const zym::types::vector_t<zym::types::string_t>& st
     ZYM_TRACE(GetTracer(), kFailure,
               "OnCreateProcess: "
                   << "Failed to convert image path: "
-                  << std::u16string_view(ToReadableUtf16(strings.front())));
+                  << std::u16string_view(zym::Utf8ToUtf16Lossy(strings.front())));
 
   if (auto commandLine = zym::Utf8ToUtf16(arguments))
     m_info.info.commandLine = std::make_shared<const zym::types::string16_t>(std::move(*commandLine));
@@ -226,7 +210,7 @@ zym::types::string16_t Event::ToString() {
   std::string text = m_info.isFake ? "fake " : "";
   text += EventTypeText(m_type) + ", seq: " + std::to_string(m_info.sequence) + ", ";
   text += DescribeProcess(m_info.info, m_context->GetCategoryFilter());
-  return ToReadableUtf16(text);
+  return zym::Utf8ToUtf16Lossy(text);
 }
 
 }  // namespace qor::process_manager

@@ -37,11 +37,11 @@ zym::result_t ProcessMemoryFactory::FinalConstruct() try {
   ZYM_CHECK_RESULT(GetTracer(), m_suspender->Start(), "Failed to start IQorProcessSuspender");
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "FinalConstruct");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// After a FinalConstruct that failed, too: a suspender that was had and didn't start is stopped all the same.
-// That is meant: whether its start left something behind, the suspender knows best.
+// After a FinalConstruct that failed, too: a suspender that didn't start is stopped all the same. That is
+// meant: whether its start left something behind, the suspender knows best.
 void ProcessMemoryFactory::FinalRelease() {
   if (!m_suspender) return;
   if (!ZYM_SUCCEEDED(m_suspender->Stop()))
@@ -55,7 +55,7 @@ zym::result_t ProcessMemoryFactory::Create(
   *memory = ProcessMemory::Create(GetServiceLocator(), control, m_suspenderRequired).Detach();
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "Create");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 }  // namespace qor::process_memory_manager

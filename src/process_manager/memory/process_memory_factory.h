@@ -1,4 +1,4 @@
-// Makes memory objects of processes.
+// The factory of the memory objects of processes.
 #pragma once
 
 #include <functional>
@@ -11,7 +11,7 @@
 
 namespace qor::process_memory_manager {
 
-// What the factory takes from the machine: a test puts its own in.
+// What the factory takes from the machine; a test puts its own in.
 struct ProcessMemoryFactorySurroundings {
   std::function<KernelVersion(zym::ITracer*)> kernelVersion;
 
@@ -29,8 +29,8 @@ class ProcessMemoryFactory
   explicit ProcessMemoryFactory(zym::IServiceLocator* locator, ProcessMemoryFactorySurroundings surroundings =
                                                                    ProcessMemoryFactorySurroundings::Real());
 
-  // The code of a suspender that is needed and can't be had, or not started. One that can't be started is
-  // stopped, as FinalRelease runs then as well.
+  // Fails with the code of a suspender that is needed and is missing or doesn't start. One that doesn't start
+  // is stopped, as FinalRelease runs then as well.
   zym::result_t FinalConstruct();
   void FinalRelease();
 

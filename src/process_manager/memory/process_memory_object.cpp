@@ -26,6 +26,8 @@ using system_interceptors::process_manager::IProcessInformation;
 using zym::trace::kCall;
 using zym::trace::kFailure;
 
+constexpr std::uint32_t kSuspendTimeout = 120000;  // milliseconds
+
 // A binary input file stream with exceptions armed. What a std::ifstream opens, a program that another thread
 // starts during a read would inherit; here the stream lies over a descriptor that is closed by then. It has
 // no buffer, so that the kernel is asked for the bytes that are wanted and no others, right into their place.
@@ -87,14 +89,14 @@ zym::intrusive_ptr<ProcessMemory> ProcessMemory::Create(zym::IServiceLocator* lo
   const PidType pid = PidOf(control);
   zym::intrusive_ptr<ProcessMemory> memory;
   ZYM_CHECK_RESULT_OR_THROW(
-      zym::CreateHostAllocated(locator, memory, zym::intrusive_ptr<IProcessControl>(control), pid, suspend),
+      zym::CreateInstance(locator, memory.Ref(), zym::intrusive_ptr<IProcessControl>(control), pid, suspend),
       "Cannot create ProcessMemory.");
   zym::intrusive_ptr<procfs::IParser> procfs;
   ZYM_CHECK_RESULT_OR_THROW(zym::GetInterface(locator, procfs.Ref()), "Failed to load procfs::IParser");
   ZYM_CHECK_RESULT_OR_THROW(procfs->GetMaps(pid, memory->m_maps),
                             "Failed procfs->GetMaps(" << pid << ", maps)");
   if (suspend) {
-    const zym::result_t result = memory->SuspendProcess(pid);
+    const zym::result_t result = memory->SuspendProcess();
     // What wasn't suspended is not to be released: somebody else may have suspended the process too.
     if (!ZYM_SUCCEEDED(result)) memory->m_suspender.Reset();
     ZYM_CHECK_RESULT_OR_THROW(result, "Failed to stop process " << pid);
@@ -113,20 +115,20 @@ void ProcessMemory::FinalRelease() {
   m_suspender.Reset();
 }
 
-zym::result_t ProcessMemory::SuspendProcess(PidType pid) {
+zym::result_t ProcessMemory::SuspendProcess() {
   ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(GetServiceLocator(), m_suspender.Ref()),
                    "Failed to obtain IQorProcessSuspender interface");
-  // clang-format off
-  ZYM_CHECK_RESULT(GetTracer(), m_suspender->SuspendProcess( static_cast<uint32_t>(pid), static_cast<uint32_t>(m_timeout)),
-                   "Failed to suspend process");
-  // clang-format on
+  ZYM_CHECK_RESULT_AS(
+      GetTracer(),
+      "m_suspender->SuspendProcess( static_cast<uint32_t>(pid), static_cast<uint32_t>(m_timeout))",
+      m_suspender->SuspendProcess(m_pid, kSuspendTimeout), "Failed to suspend process");
   return zym::ZYM_OK;
 }
 
 zym::result_t ProcessMemory::EnumerateMemoryRegions(IProcessMemoryRegionEnumerator** enumerator) try {
   zym::intrusive_ptr<ProcessMemoryRegionEnumerator> made;
   ZYM_CHECK_RESULT_OR_THROW(
-      zym::CreateHostAllocated(GetServiceLocator(), made, zym::intrusive_ptr<IProcessMemory>(this)),
+      zym::CreateInstance(GetServiceLocator(), made.Ref(), zym::intrusive_ptr<IProcessMemory>(this)),
       "Failed to create ProcessMemoryRegionEnumerator");
   *enumerator = made.Detach();
   return zym::ZYM_OK;
@@ -134,7 +136,7 @@ zym::result_t ProcessMemory::EnumerateMemoryRegions(IProcessMemoryRegionEnumerat
   ZYM_TRACE(GetTracer(), kCall, "Failed to enumerate regions for process " << m_pid << ": " << e.what());
   return zym::ZYM_E_UNSPECIFIED;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "EnumerateMemoryRegions");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcessMemory::QueryRegion(std::uint64_t address, ProcessMemoryRegionInformation& information) {
@@ -164,8 +166,8 @@ zym::result_t ProcessMemory::ReadMemory(std::uint64_t address, const zym::types:
     const int error = errno;
     char text[128];
     ZYM_TRACE(GetTracer(), kFailure,
-              "Couldn't read memory file " << path.c_str() << ": Unknown error :"
-                                           << "(" << ::strerror_r(error, text, sizeof(text)));
+              "Couldn't read memory file " << path.c_str() << ": Unknown error :("
+                                           << ::strerror_r(error, text, sizeof(text)));
     return zym::ExceptionToResult(nullptr);
   }
 }

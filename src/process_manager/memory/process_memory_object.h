@@ -31,8 +31,6 @@ class ProcessMemory : public zym::object::Ifaces<IProcessMemory>,
   ProcessMemory(zym::IServiceLocator* locator, zym::intrusive_ptr<IProcessControl> control, PidType pid,
                 bool suspend);
 
-  // Does nothing more: Create tells each thing that can fail by a text of its own.
-  zym::result_t FinalConstruct() { return zym::ZYM_OK; }
   void FinalRelease();
 
   zym::result_t EnumerateMemoryRegions(IProcessMemoryRegionEnumerator** enumerator) override;
@@ -42,9 +40,7 @@ class ProcessMemory : public zym::object::Ifaces<IProcessMemory>,
   zym::result_t WriteMemory(std::uint64_t address, const zym::types::const_blob_range_t& range) override;
 
  private:
-  zym::result_t SuspendProcess(PidType pid);
-
-  static constexpr std::uint32_t m_timeout = 120000;  // milliseconds
+  zym::result_t SuspendProcess();
 
   const zym::intrusive_ptr<IProcessControl> m_control;
   const PidType m_pid;

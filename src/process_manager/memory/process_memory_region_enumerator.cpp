@@ -17,9 +17,9 @@ void ProcessMemoryRegionEnumerator::FinalRelease() {
 }
 
 zym::result_t ProcessMemoryRegionEnumerator::Next(ProcessMemoryRegionInformation& information) {
-  const zym::result_t queryResult = m_memory->QueryRegion(m_cursor, information);
-  if (queryResult == zym::ZYM_E_INVALID_ARGUMENT) return zym::ZYM_FALSE;
-  ZYM_CHECK_RESULT(GetTracer(), queryResult);
+  const zym::result_t result = m_memory->QueryRegion(m_cursor, information);
+  if (result == zym::ZYM_E_INVALID_ARGUMENT) return zym::ZYM_FALSE;
+  ZYM_CHECK_RESULT_AS(GetTracer(), "queryResult", result);
   m_cursor = information.baseAddress + information.size;
   return zym::ZYM_OK;
 }

@@ -58,6 +58,7 @@ zym::result_t QueryRegion(zym::ITracer* tracer, const procfs::Maps& maps, std::u
     if (next == maps.end()) return zym::ZYM_E_INVALID_ARGUMENT;
     information = Gap(entry, *next->second);
   }
+  // The trace names the operation whose work this is.
   ZYM_TRACE(tracer, zym::trace::kCall,
             "ProcessMemory::QueryRegion(): "
                 << information.baseAddress << " " << information.size << ", state: " << information.state
@@ -73,7 +74,7 @@ zym::result_t QueryMappedFilePath(zym::ITracer* tracer, const procfs::Maps& maps
   path = zym::RequireUtf16(MappingAt(maps, region.baseAddress).path);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(tracer, "QueryMappedFilePath");
+  return zym::ExceptionInFunctionToResult(tracer, __func__);
 }
 
 }  // namespace qor::process_memory_manager

@@ -1,4 +1,4 @@
-// Regions of a memory, looked up in the mappings that stand for it.
+// The regions of a memory, looked up in its mappings.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace qor::process_memory_manager {
 using system_interceptors::process_memory_manager::ProcessMemoryRegionInformation;
 
 // IProcessMemory::QueryRegion over `maps`. Where a mapping ends before `address` although it begins at or
-// above it, as none does that the kernel tells, the answer is the gap behind it.
+// above it, which no mapping of the kernel's does, the answer is the gap behind it.
 zym::result_t QueryRegion(zym::ITracer* tracer, const procfs::Maps& maps, std::uint64_t address,
                           ProcessMemoryRegionInformation& information);
 

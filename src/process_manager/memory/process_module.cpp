@@ -34,7 +34,7 @@ zym::result_t ProcessModuleInfoBase::GetImagePath(zym::types::string16_t& path) 
   path = zym::RequireUtf16(Facts().path);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "GetImagePath");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcessModuleInfoBase::GetBaseAddress(std::uint64_t& address) const {
@@ -55,7 +55,7 @@ zym::result_t ProcessModuleInfoBase::GetInformation(ProcessModuleInformation& in
       .imagePath = zym::RequireUtf16(Facts().path), .baseAddress = Facts().base, .size = Facts().size};
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "GetInformation");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 }  // namespace qor::process_manager

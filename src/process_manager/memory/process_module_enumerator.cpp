@@ -35,7 +35,7 @@ zym::result_t ProcessModuleEnumerator::Next(IProcessModule** module) try {
   ++m_cursor;
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), "Next");
+  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcessModuleEnumerator::Reset() {

@@ -31,6 +31,7 @@ zym::result_t ProcessModuleManager::GetModule(PidType pid, const std::uint64_t& 
           .Detach();
   return zym::ZYM_OK;
 } catch (...) {
+  // The name isn't quite that of this operation; that is meant.
   return zym::ExceptionToResult(GetTracer(), "ProcessModuleManager::GetModuleModules error: ");
 }
 

@@ -1,4 +1,4 @@
-// Tells what code is loaded in a process.
+// The manager of the code that is loaded in a process.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What the mapper of file names normalises by.
+// The normalisation of file names.
 #pragma once
 
 #include "zym/containers.h"

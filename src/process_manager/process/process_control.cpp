@@ -114,7 +114,7 @@ zym::result_t ProcessControl::GetExitTime(zym::datetime_t&) {
   return zym::ZYM_E_NOT_IMPLEMENTED;
 }
 
-zym::result_t ProcessControl::GetTimes(system_interceptors::process_manager::ProcessTimes& times) try {
+zym::result_t ProcessControl::GetTimes(system_interceptors::process_manager::ProcessTimes& times) {
   ZYM_TRACE(GetTracer(), kCall, "ProcessControl::GetTimes()");
   if (m_pid == 0) {
     times = {};
@@ -128,12 +128,10 @@ zym::result_t ProcessControl::GetTimes(system_interceptors::process_manager::Pro
                    "Failed procfs->GetStat(" << m_pid << ", stat)");
   times = {.kernelTime = ToTimeUnits(stat.stime), .userTime = ToTimeUnits(stat.utime)};
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcessControl::GetIoCounters(
-    system_interceptors::process_manager::ProcessIoCounters& counters) try {
+    system_interceptors::process_manager::ProcessIoCounters& counters) {
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__);
   if (m_pid == 0) {
     counters = {};
@@ -143,7 +141,7 @@ zym::result_t ProcessControl::GetIoCounters(
   ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(GetServiceLocator(), procfs.Ref()),
                    "Failed to load procfs::IParser");
   procfs::IOCounters io;
-  // The message names the other operation; that is meant.
+  // The message names the operation of GetTimes; that is meant.
   ZYM_CHECK_RESULT(GetTracer(), procfs->GetIOCounters(m_pid, io),
                    "Failed procfs->GetStat(" << m_pid << ", stat)");
   counters = {.readOperations = io.syscr,
@@ -153,8 +151,6 @@ zym::result_t ProcessControl::GetIoCounters(
               .writeBytes = io.wchar,
               .otherBytes = 0};
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcessControl::GetVmCounters(system_interceptors::process_manager::ProcessVmCounters&) {
@@ -192,10 +188,10 @@ zym::result_t ProcessControl::TerminateAndWait(unsigned timeout) {
     ZYM_TRACE(GetTracer(), kCall, __func__ << ": Ignore attempt to terminate kernel process");
     return zym::ZYM_E_INVALID_ARGUMENT;
   }
-  ZYM_CHECK_RESULT(GetTracer(), Kill(15));
+  ZYM_CHECK_RESULT_AS(GetTracer(), "Kill(15)", Kill(SIGTERM));
   if (WaitForExit(timeout)) return zym::ZYM_OK;
   ZYM_TRACE(GetTracer(), kWarning, __func__ << ": Cannot wait for exit, send SIGKILL");
-  ZYM_CHECK_RESULT(GetTracer(), Kill(9));
+  ZYM_CHECK_RESULT_AS(GetTracer(), "Kill(9)", Kill(SIGKILL));
   return zym::ZYM_OK;
 }
 

@@ -1,4 +1,4 @@
-// Acts on one process.
+// The control of one process.
 #pragma once
 
 #include <sys/types.h>
@@ -17,7 +17,7 @@
 
 namespace qor::process_manager {
 
-// What a control takes from the machine: a test puts its own in. The functions are those of the system, with
+// What a control takes from the machine; a test puts its own in. The functions are those of the system, with
 // its results and its errno.
 struct ProcessControlSurroundings {
   PidType modulePid;  // the process that loaded the module

@@ -8,16 +8,6 @@
 namespace qor::process_manager {
 namespace {
 
-std::string ToText(std::u16string_view text) {
-  std::string result;
-  result.reserve(text.size());
-  while (!text.empty()) {
-    char bytes[4];
-    result.append(bytes, zym::EncodeUtf8(zym::TakeCodePoint(text).value_or(U'\uFFFD'), bytes));
-  }
-  return result;
-}
-
 std::string IdText(const std::optional<std::uint32_t>& id) {
   return std::to_string(id.value_or(0xffffffff));
 }
@@ -72,8 +62,10 @@ std::string DescribeProcess(const process_cache::ProcessInformation& info,
   text += ", egid: " + IdText(info.effectiveGroupId);
   text += ", state: " + StateText(info.state);
   text += ", flags: " + FlagsText(info.flags);
-  text += ", exe: " + ToText(info.imagePath);
-  text += ", cmd: " + (!open ? skipped : info.commandLine ? ToText(*info.commandLine) : std::string());
+  text += ", exe: " + zym::Utf16ToUtf8Lossy(info.imagePath);
+  text += ", cmd: " + (!open              ? skipped
+                       : info.commandLine ? zym::Utf16ToUtf8Lossy(*info.commandLine)
+                                          : std::string());
   text += ", env: " + (open ? EnvironmentText(info) : skipped);
   text += ", nsmnt: " + std::to_string(info.mountNamespaceId);
   return text;

@@ -1,4 +1,4 @@
-// A process as traces and events tell it.
+// The text of a process in traces and events.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace qor::process_manager {
 
-// "pid: 1, upid: ...". The command line and the environment are given only if `filter` lets sensitive text
+// "pid: 1, upid: ...". The command line and the environment are shown only if `filter` lets sensitive text
 // through; without a filter they are held back.
 std::string DescribeProcess(const process_cache::ProcessInformation& info,
                             zym::ITracerCategoryFilter* filter);

@@ -55,16 +55,14 @@ ProcessInformation::ProcessInformation(zym::IServiceLocator* locator, std::optio
     cache->Update(m_info);
   } else if (full && LacksAdditionalInfo()) {
     if (GetInfoFromProcfs(locator, kAdditional) == zym::ZYM_OK) {
-      ZYM_TRACE(GetTracer(), kCall,
-                __func__ << ": Process info is found in cache and is going to be fulfilled with additional "
-                            "info: "
-                         << DescribeProcess(m_info, m_tracerCategoryFilter.get()));
+      ZYM_TRACE(
+          GetTracer(), kCall,
+          __func__ << ": Process info is found in cache and is going to be fulfilled with additional info: "
+                   << Describe());
       ZYM_CHECK_OR_THROW(cache->UpdateAdditionalInfo(m_info), "Cannot update additional info in cache");
     }
   } else {
-    ZYM_TRACE(
-        GetTracer(), kCall,
-        __func__ << ": Using cached process info: " << DescribeProcess(m_info, m_tracerCategoryFilter.get()));
+    ZYM_TRACE(GetTracer(), kCall, __func__ << ": Using cached process info: " << Describe());
   }
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() <- ");
 }
@@ -74,32 +72,35 @@ bool ProcessInformation::LacksAdditionalInfo() const {
   return m_info.pid != 0 && (m_info.environment.empty() || !m_info.effectiveGroupId || !m_info.realGroupId);
 }
 
-zym::result_t ProcessInformation::GetInfoFromProcfs(zym::IServiceLocator* sl, ReadLevel level) {
-  zym::intrusive_ptr<procfs::IParser> procfs;
-  ZYM_CHECK_RESULT(GetTracer(), zym::GetInterface(sl, procfs.Ref()), "Cannot get procfs::IParser interface");
-  return GetInfoFromProcfs(GetTracer(), procfs.get(), level);
-}
-
-zym::result_t ProcessInformation::GetInfoFromProcfs(zym::ITracer* tracer, procfs::IParser* procfs,
-                                                    ReadLevel level) {
+zym::result_t ProcessInformation::GetInfoFromProcfs(zym::IServiceLocator* locator, ReadLevel level) {
+  zym::intrusive_ptr<procfs::IParser> parser;
+  ZYM_CHECK_RESULT_AS(GetTracer(), "zym::GetInterface(sl, procfs.Ref())",
+                      zym::GetInterface(locator, parser.Ref()), "Cannot get procfs::IParser interface");
   const PidType pid = m_pid ? *m_pid : PidOf(m_uniquePid.value());
   switch (level) {
     case kBase:
-      return ZYM_REPORT_RESULT(tracer, GetProcessInfo(tracer, procfs, pid, m_info),
-                               "Failed to obtain base process info for pid=" << pid);
+      return ZYM_REPORT_RESULT_AS(GetTracer(), "GetProcessInfo(tracer, procfs, pid, m_info)",
+                                  GetProcessInfo(GetTracer(), parser.get(), pid, m_info),
+                                  "Failed to obtain base process info for pid=" << pid);
     case kFull:
-      return ZYM_REPORT_RESULT(tracer, GetFullProcessInfo(tracer, procfs, pid, m_info),
-                               "Failed to obtain full process info for pid=" << pid);
+      return ZYM_REPORT_RESULT_AS(GetTracer(), "GetFullProcessInfo(tracer, procfs, pid, m_info)",
+                                  GetFullProcessInfo(GetTracer(), parser.get(), pid, m_info),
+                                  "Failed to obtain full process info for pid=" << pid);
     case kAdditional:
-      return ZYM_REPORT_RESULT(tracer, GetAdditionalProcessInfo(tracer, procfs, m_info),
-                               "Failed to obtain additional process info for pid=" << pid);
+      return ZYM_REPORT_RESULT_AS(GetTracer(), "GetAdditionalProcessInfo(tracer, procfs, m_info)",
+                                  GetAdditionalProcessInfo(GetTracer(), parser.get(), m_info),
+                                  "Failed to obtain additional process info for pid=" << pid);
   }
   return zym::ZYM_E_UNEXPECTED;
 }
 
+std::string ProcessInformation::Describe() const {
+  return DescribeProcess(m_info, m_tracerCategoryFilter.get());
+}
+
 zym::result_t ProcessInformation::GetInformation(
     system_interceptors::process_manager::ProcessInformation& info) try {
-  ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << DescribeProcess(m_info, m_tracerCategoryFilter.get()));
+  ZYM_TRACE(GetTracer(), kCall, __func__ << "() " << Describe());
   info = system_interceptors::process_manager::ToPublicRecord(m_info);
   return zym::ZYM_OK;
 } catch (...) {
@@ -108,9 +109,9 @@ zym::result_t ProcessInformation::GetInformation(
 
 zym::result_t ProcessInformation::GetEnvironmentVariables(
     zym::types::vector_t<zym::types::string_t>& variables) try {
-  ZYM_CHECK(GetTracer(), !m_info.m_environmentVariables.empty(), zym::ZYM_E_NOT_FOUND,
-            "environ not found for process with pid: " << m_info.pid);
-  variables = m_info.m_environmentVariables;
+  ZYM_CHECK_AS(GetTracer(), "!m_info.m_environmentVariables.empty()", !m_info.environment.empty(),
+               zym::ZYM_E_NOT_FOUND, "environ not found for process with pid: " << m_info.pid);
+  variables = m_info.environment;
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
@@ -126,19 +127,17 @@ zym::result_t ProcessInformation::GetUserName(zym::types::string_t&) {
 
 zym::result_t ProcessInformation::GetRealUserId(std::uint32_t& id) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
-  const std::optional<std::uint32_t>& ruid = m_info.realUserId;
-  ZYM_CHECK(GetTracer(), ruid.has_value(), zym::ZYM_E_NOT_FOUND,
-            "ruid not found for process with pid: " << m_info.pid);
-  id = *ruid;
+  ZYM_CHECK_AS(GetTracer(), "ruid.has_value()", m_info.realUserId, zym::ZYM_E_NOT_FOUND,
+               "ruid not found for process with pid: " << m_info.pid);
+  id = *m_info.realUserId;
   return zym::ZYM_OK;
 }
 
 zym::result_t ProcessInformation::GetEffectiveUserId(std::uint32_t& id) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
-  const std::optional<std::uint32_t>& euid = m_info.effectiveUserId;
-  ZYM_CHECK(GetTracer(), euid.has_value(), zym::ZYM_E_NOT_FOUND,
-            "euid not found for process with pid: " << m_info.pid);
-  id = *euid;
+  ZYM_CHECK_AS(GetTracer(), "euid.has_value()", m_info.effectiveUserId, zym::ZYM_E_NOT_FOUND,
+               "euid not found for process with pid: " << m_info.pid);
+  id = *m_info.effectiveUserId;
   return zym::ZYM_OK;
 }
 
@@ -148,19 +147,17 @@ zym::result_t ProcessInformation::GetGroupName(zym::types::string_t&) {
 
 zym::result_t ProcessInformation::GetRealGroupId(std::uint32_t& id) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
-  const std::optional<std::uint32_t>& rgid = m_info.realGroupId;
-  ZYM_CHECK(GetTracer(), rgid.has_value(), zym::ZYM_E_NOT_FOUND,
-            "rgid not found for process with pid: " << m_info.pid);
-  id = *rgid;
+  ZYM_CHECK_AS(GetTracer(), "rgid.has_value()", m_info.realGroupId, zym::ZYM_E_NOT_FOUND,
+               "rgid not found for process with pid: " << m_info.pid);
+  id = *m_info.realGroupId;
   return zym::ZYM_OK;
 }
 
 zym::result_t ProcessInformation::GetEffectiveGroupId(std::uint32_t& id) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() ");
-  const std::optional<std::uint32_t>& egid = m_info.effectiveGroupId;
-  ZYM_CHECK(GetTracer(), egid.has_value(), zym::ZYM_E_NOT_FOUND,
-            "egid not found for process with pid: " << m_info.pid);
-  id = *egid;
+  ZYM_CHECK_AS(GetTracer(), "egid.has_value()", m_info.effectiveGroupId, zym::ZYM_E_NOT_FOUND,
+               "egid not found for process with pid: " << m_info.pid);
+  id = *m_info.effectiveGroupId;
   return zym::ZYM_OK;
 }
 

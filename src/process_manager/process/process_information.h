@@ -1,10 +1,10 @@
-// What is known of one process, frozen when the object is made.
+// The facts of one process, frozen when the object is made.
 #pragma once
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
-#include "process_manager/proc_parser.h"
 #include "process_manager/process_information.h"
 #include "process_manager/process_records.h"
 #include "process_manager/types.h"
@@ -13,7 +13,7 @@
 
 namespace qor::process_manager {
 
-// Asks the process cache first; what the cache doesn't have is read from /proc, and the cache is taught it.
+// Asks the process cache first; what the cache doesn't have is read from /proc and added to the cache.
 // Nothing changes after construction.
 class ProcessInformation
     : public zym::object::Ifaces<system_interceptors::process_manager::IProcessInformation,
@@ -50,20 +50,14 @@ class ProcessInformation
  private:
   enum ReadLevel : std::uint8_t { kBase = 0, kFull = 1, kAdditional = 2 };
 
-  // The record of the cache; its environment goes by a name of its own in the trace, too. A copy's name would
-  // still mean the environment of the original.
-  struct Info : process_cache::ProcessInformation, zym::NonCopyable {
-    const zym::types::vector_t<zym::types::string_t>& m_environmentVariables = environment;
-  };
-
-  zym::result_t GetInfoFromProcfs(zym::IServiceLocator* sl, ReadLevel level);
-  zym::result_t GetInfoFromProcfs(zym::ITracer* tracer, procfs::IParser* procfs, ReadLevel level);
+  zym::result_t GetInfoFromProcfs(zym::IServiceLocator* locator, ReadLevel level);
   [[nodiscard]] bool LacksAdditionalInfo() const;
+  [[nodiscard]] std::string Describe() const;
 
   zym::intrusive_ptr<zym::ITracerCategoryFilter> m_tracerCategoryFilter;
   const std::optional<PidType> m_pid;
   const std::optional<UniquePidType> m_uniquePid;
-  Info m_info;
+  process_cache::ProcessInformation m_info;
 };
 
 }  // namespace qor::process_manager

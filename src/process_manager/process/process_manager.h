@@ -1,4 +1,4 @@
-// The module's public door to processes.
+// The manager that makes the objects of processes.
 #pragma once
 
 #include "process_manager/process_manager.h"

@@ -17,7 +17,7 @@ class ProcessSnapshot
       public zym::InterfaceProvider<zym::ITracer>,
       public zym::NonCopyable {
  public:
-  // A process that can't be read is left out. Throws when the reader of /proc can't be had, or can't list the
+  // A process that can't be read is left out. Throws when the reader of /proc is missing, or can't list the
   // processes.
   explicit ProcessSnapshot(zym::IServiceLocator* locator);
   ~ProcessSnapshot();

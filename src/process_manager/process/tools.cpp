@@ -21,31 +21,32 @@ namespace {
 using zym::trace::kCall;
 using zym::trace::kWarning;
 
-constexpr std::uint32_t kKernelThread = 0x200000;  // PF_KTHREAD, include/linux/sched.h
 constexpr std::string_view kDeletedSuffix = " (deleted)";
+constexpr std::uint32_t kKernelFlags = kSystemProcess | kNoBackingImage;
 
 std::shared_ptr<const zym::types::string16_t> Share(zym::types::string16_t text) {
   return std::make_shared<const zym::types::string16_t>(std::move(text));
 }
 
 // What is found out about the program that a process runs.
-struct Image {
+struct Program {
   NativePath path;
   zym::types::string16_t commandLine;
   std::uint32_t flags = 0;
 };
 
-void ReadKernelThread(zym::ITracer* tracer, procfs::IParser* procfs, PidType pid, Image& image) {
+Program ReadKernelThread(zym::ITracer* tracer, procfs::IParser* procfs, PidType pid) {
+  Program program{.path = {}, .commandLine = {}, .flags = kKernelFlags};
   std::string comm;
   if (ZYM_SUCCEEDED(procfs->GetComm(pid, comm)))
-    image.path = "[" + comm + "]";
+    program.path = "[" + comm + "]";
   else
     ZYM_TRACE(tracer, kWarning, "Cannot get comm for pid: " << pid);
-  image.flags = kSystemProcess | kNoBackingImage;
+  return program;
 }
 
-zym::result_t ReadProgram(zym::ITracer* tracer, procfs::IParser* procfs, PidType pid, Image& image) {
-  if (!ZYM_SUCCEEDED(procfs->GetImagePath(pid, image.path))) {
+zym::result_t ReadProgram(zym::ITracer* tracer, procfs::IParser* procfs, PidType pid, Program& program) {
+  if (!ZYM_SUCCEEDED(procfs->GetImagePath(pid, program.path))) {
     const int error = errno;
     char text[128];
     ZYM_TRACE(tracer, kWarning,
@@ -53,46 +54,42 @@ zym::result_t ReadProgram(zym::ITracer* tracer, procfs::IParser* procfs, PidType
                                                       << ::strerror_r(error, text, sizeof(text)));
     return zym::ZYM_E_NOT_FOUND;
   }
-  ZYM_TRACE(tracer, kCall, "procfs->GetImagePath: " << image.path);
-  const zym::result_t cmdlineResult = procfs->GetCmdline(pid, image.commandLine);
-  ZYM_CHECK_RESULT(tracer, cmdlineResult, "Cannot get process cmdline from procfs for pid: " << pid);
+  ZYM_TRACE(tracer, kCall, "procfs->GetImagePath: " << program.path);
+  ZYM_CHECK_RESULT_AS(tracer, "cmdlineResult", procfs->GetCmdline(pid, program.commandLine),
+                      "Cannot get process cmdline from procfs for pid: " << pid);
   // A file whose name really ends so exists under it, and keeps it.
-  if (image.path.ends_with(kDeletedSuffix) && ::access(image.path.c_str(), F_OK) != 0) {
-    image.path.resize(image.path.size() - kDeletedSuffix.size());
-    image.flags = kNoBackingImage;
+  if (program.path.ends_with(kDeletedSuffix) && ::access(program.path.c_str(), F_OK) != 0) {
+    program.path.resize(program.path.size() - kDeletedSuffix.size());
+    program.flags = kNoBackingImage;
   }
   return zym::ZYM_OK;
 }
 
-zym::result_t ReadKernel(procfs::IParser* procfs, process_cache::ProcessInformation& pinfo) {
+zym::result_t ReadKernel(procfs::IParser* procfs, process_cache::ProcessInformation& info) {
   zym::types::string16_t commandLine;
   if (const zym::result_t result = procfs->GetCmdline(0, commandLine); !ZYM_SUCCEEDED(result)) return result;
-  pinfo.pid = 0;
-  pinfo.creatorPid = kNoPid;
-  pinfo.parentPid = kNoPid;
-  pinfo.uniquePid = 0;
-  pinfo.creatorUniquePid = kNoUniquePid;
-  pinfo.parentUniquePid = kNoUniquePid;
-  pinfo.sessionId = 0;
-  pinfo.startTime = 0;
-  pinfo.exitTime = 0;
-  pinfo.imagePath = u"kernel memory";
-  pinfo.workingDirectory.clear();
-  pinfo.flags = kSystemProcess | kNoBackingImage;
-  pinfo.state = kCreated;
-  pinfo.commandLine = Share(std::move(commandLine));
-  pinfo.realUserId = 0;
-  pinfo.effectiveUserId = 0;
-  pinfo.realGroupId = 0;
-  pinfo.effectiveGroupId = 0;
+  AssignGroup<ProcessImage>(info, {.imagePath = u"kernel memory",
+                                   .workingDirectory = {},
+                                   .commandLine = Share(std::move(commandLine)),
+                                   .flags = kKernelFlags,
+                                   .state = kCreated});
+  AssignGroup<ProcessIds>(info, {.pid = 0,
+                                 .creatorPid = kNoPid,
+                                 .parentPid = kNoPid,
+                                 .uniquePid = 0,
+                                 .creatorUniquePid = kNoUniquePid,
+                                 .parentUniquePid = kNoUniquePid});
+  AssignGroup<ProcessLifetime>(info, {});
+  AssignGroup<ProcessCredentials>(
+      info, {.realUserId = 0, .effectiveUserId = 0, .realGroupId = 0, .effectiveGroupId = 0});
   return zym::ZYM_OK;
 }
 
 }  // namespace
 
 zym::result_t GetProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs, PidType pid,
-                             process_cache::ProcessInformation& pinfo) try {
-  if (pid == 0) return ReadKernel(procfs, pinfo);
+                             process_cache::ProcessInformation& info) try {
+  if (pid == 0) return ReadKernel(procfs, info);
   if (pid == kNoPid) return zym::ZYM_E_INVALID_ARGUMENT;
 
   procfs::Stat stat;
@@ -101,86 +98,85 @@ zym::result_t GetProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs, PidT
   NativePath cwd;
   ZYM_CHECK_RESULT(tracer, procfs->GetWorkingDir(pid, cwd),
                    "Cannot get process cwd from procfs for pid: " << pid);
-  std::uint64_t mountNsId = kNoMountNamespace;
-  ZYM_CHECK_RESULT(tracer, procfs->GetMountNamespaceId(pid, mountNsId),
-                   "Cannot get mount namespace id for pid: " << pid);
-
-  Image image;
-  if ((stat.flags & kKernelThread) != 0) {
-    ReadKernelThread(tracer, procfs, pid, image);
-  } else if (const zym::result_t result = ReadProgram(tracer, procfs, pid, image); !ZYM_SUCCEEDED(result)) {
+  std::uint64_t mountNamespaceId = kNoMountNamespace;
+  ZYM_CHECK_RESULT_AS(tracer, "procfs->GetMountNamespaceId(pid, mountNsId)",
+                      procfs->GetMountNamespaceId(pid, mountNamespaceId),
+                      "Cannot get mount namespace id for pid: " << pid);
+  Program program;
+  if (stat.IsKernelThread()) {
+    program = ReadKernelThread(tracer, procfs, pid);
+  } else if (const zym::result_t result = ReadProgram(tracer, procfs, pid, program); !ZYM_SUCCEEDED(result)) {
     return result;
   }
-  ZYM_TRACE(tracer, kCall, "(may be modified) imagePath: " << image.path);
+  ZYM_TRACE(tracer, kCall, "(may be modified) imagePath: " << program.path);
 
   // What can fail comes before the first field: a failure leaves the record as it came.
   const zym::datetime_t startTime = zym::datetime::FromUnixSeconds(stat.directoryChangeTime);
-  zym::types::string16_t workingDirectory = zym::RequireUtf16(cwd);
-  zym::types::string16_t imagePath = zym::RequireUtf16(image.path);
-  auto commandLine = Share(std::move(image.commandLine));
+  ProcessImage image;
+  image.workingDirectory = zym::RequireUtf16(cwd);
+  image.imagePath = zym::RequireUtf16(program.path);
+  image.commandLine = Share(std::move(program.commandLine));
+  image.flags = program.flags;
+  image.state = kCreated;
 
-  pinfo.pid = stat.pid;
-  pinfo.parentPid = stat.ppid;
-  pinfo.sessionId = stat.session;
-  pinfo.startTime = startTime;
-  pinfo.exitTime = 0;
-  pinfo.state = kCreated;
-  pinfo.workingDirectory = std::move(workingDirectory);
-  pinfo.imagePath = std::move(imagePath);
-  pinfo.commandLine = std::move(commandLine);
-  pinfo.flags = image.flags;
-  pinfo.realUserId = stat.uid;
-  pinfo.mountNamespaceId = mountNsId;
+  AssignGroup<ProcessImage>(info, std::move(image));
+  AssignGroup<ProcessLifetime>(info, {.sessionId = stat.session, .startTime = startTime, .exitTime = 0});
+  info.pid = stat.pid;
+  info.parentPid = stat.ppid;
+  info.realUserId = stat.uid;
+  info.mountNamespaceId = mountNamespaceId;
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(tracer, "GetProcessInfo");
+  return zym::ExceptionInFunctionToResult(tracer, __func__);
 }
 
 zym::result_t GetAdditionalProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs,
-                                       process_cache::ProcessInformation& pinfo) try {
-  const PidType pid = pinfo.pid;
+                                       process_cache::ProcessInformation& info) try {
+  const PidType pid = info.pid;
   if (pid == 0) return zym::ZYM_FALSE;
   procfs::Creds creds;
   ZYM_CHECK_RESULT(tracer, procfs->GetCreds(pid, creds),
                    "Cannot get process creds from procfs for pid: " << pid);
-  zym::types::vector_t<zym::types::string_t> envVars;
-  ZYM_CHECK_RESULT(tracer, procfs->GetEnvironmentVariables(pid, envVars),
-                   "Cannot get process environ from procfs for pid: " << pid);
-  pinfo.effectiveUserId = creds.uid[1];
-  pinfo.realGroupId = creds.gid[0];
-  pinfo.effectiveGroupId = creds.gid[1];
-  pinfo.environment = std::move(envVars);
+  zym::types::vector_t<zym::types::string_t> environment;
+  ZYM_CHECK_RESULT_AS(tracer, "procfs->GetEnvironmentVariables(pid, envVars)",
+                      procfs->GetEnvironmentVariables(pid, environment),
+                      "Cannot get process environ from procfs for pid: " << pid);
+  info.effectiveUserId = creds.uid[1];
+  info.realGroupId = creds.gid[0];
+  info.effectiveGroupId = creds.gid[1];
+  info.environment = std::move(environment);
   return zym::ZYM_OK;
 } catch (...) {
-  return zym::ExceptionInFunctionToResult(tracer, "GetAdditionalProcessInfo");
+  return zym::ExceptionInFunctionToResult(tracer, __func__);
 }
 
 zym::result_t GetFullProcessInfo(zym::ITracer* tracer, procfs::IParser* procfs, PidType pid,
-                                 process_cache::ProcessInformation& pinfo) {
-  ZYM_CHECK_RESULT(tracer, GetProcessInfo(tracer, procfs, pid, pinfo),
-                   "Cannot get full process info from procfs for pid: " << pid);
-  ZYM_CHECK_RESULT(tracer, GetAdditionalProcessInfo(tracer, procfs, pinfo),
-                   "Cannot get additional process info from procfs for pid: " << pid);
+                                 process_cache::ProcessInformation& info) {
+  ZYM_CHECK_RESULT_AS(tracer, "GetProcessInfo(tracer, procfs, pid, pinfo)",
+                      GetProcessInfo(tracer, procfs, pid, info),
+                      "Cannot get full process info from procfs for pid: " << pid);
+  ZYM_CHECK_RESULT_AS(tracer, "GetAdditionalProcessInfo(tracer, procfs, pinfo)",
+                      GetAdditionalProcessInfo(tracer, procfs, info),
+                      "Cannot get additional process info from procfs for pid: " << pid);
   return zym::ZYM_OK;
 }
 
-zym::result_t GetPid(zym::IServiceLocator* sl, zym::ITracer* tracer, UniquePidType uniquePid,
-                     PidType& pid) try {
-  using system_interceptors::process_manager::IProcessInformation;
-  using system_interceptors::process_manager::IProcessManager;
-  zym::intrusive_ptr<IProcessManager> processManager;
-  ZYM_CHECK_RESULT(tracer, zym::GetInterface(sl, processManager.Ref()), "Failed to get IProcessManager");
-  zym::intrusive_ptr<IProcessInformation> processInformation;
-  ZYM_CHECK_RESULT(tracer, processManager->GetInformationByUniqueId(uniquePid, processInformation.Ref()),
-                   "Failed to get IProcessInformation for uniquePid " << uniquePid);
-  system_interceptors::process_manager::ProcessInformation informationOfProcess;
-  ZYM_CHECK_RESULT(tracer, processInformation->GetInformation(informationOfProcess),
-                   "Failed to get ProcessInformation");
-  pid = informationOfProcess.pid;
+zym::result_t GetPid(zym::IServiceLocator* locator, zym::ITracer* tracer, UniquePidType uniquePid,
+                     PidType& pid) {
+  using namespace system_interceptors::process_manager;
+  zym::intrusive_ptr<IProcessManager> manager;
+  ZYM_CHECK_RESULT_AS(tracer, "zym::GetInterface(sl, processManager.Ref())",
+                      zym::GetInterface(locator, manager.Ref()), "Failed to get IProcessManager");
+  zym::intrusive_ptr<IProcessInformation> information;
+  ZYM_CHECK_RESULT_AS(tracer, "processManager->GetInformationByUniqueId(uniquePid, processInformation.Ref())",
+                      manager->GetInformationByUniqueId(uniquePid, information.Ref()),
+                      "Failed to get IProcessInformation for uniquePid " << uniquePid);
+  ProcessInformation record;
+  ZYM_CHECK_RESULT_AS(tracer, "processInformation->GetInformation(informationOfProcess)",
+                      information->GetInformation(record), "Failed to get ProcessInformation");
+  pid = record.pid;
   ZYM_TRACE(tracer, kCall, __func__ << ": uniquePid " << uniquePid << " corresponds to pid " << pid);
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(tracer, "GetPid");
 }
 
 }  // namespace qor::process_manager

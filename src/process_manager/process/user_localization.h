@@ -1,4 +1,4 @@
-// Tells the language of the user behind a process, from the process's own environment.
+// The language of the user behind a process, from the process's own environment.
 #pragma once
 
 #include "process_manager/services/startup_data.h"
@@ -8,7 +8,7 @@
 
 namespace qor::process_manager {
 
-// Nothing in it changes after FinalConstruct. The reader of /proc is asked of the locator at each question.
+// Nothing in it changes after FinalConstruct. The locator is asked for the reader of /proc at each call.
 class ProcessUserLocalizationProvider
     : public zym::object::Ifaces<IProcessUserLocalizationProvider>,
       public zym::ServiceProvider<zym::IServiceLocator, zym::IAllocator, zym::ITracer>,

@@ -32,14 +32,6 @@ zym::telemetry::TableMetrics TakeMetrics(zym::IServiceLocator* locator) {
   return metrics;
 }
 
-void CopyIdsThatAreKnown(const process_cache::ProcessInformation& from,
-                         process_cache::ProcessInformation& to) {
-  if (from.realUserId) to.realUserId = from.realUserId;
-  if (from.effectiveUserId) to.effectiveUserId = from.effectiveUserId;
-  if (from.realGroupId) to.realGroupId = from.realGroupId;
-  if (from.effectiveGroupId) to.effectiveGroupId = from.effectiveGroupId;
-}
-
 }  // namespace
 
 ProcessCacheSurroundings ProcessCacheSurroundings::Real() {
@@ -49,7 +41,7 @@ ProcessCacheSurroundings ProcessCacheSurroundings::Real() {
           .isWorkstation = [](zym::ITracer* tracer) { return IsWorkstation(tracer); }};
 }
 
-// Knows the cache without keeping it, until the cache lets go of it. A registry that still calls it then
+// Knows the cache without keeping it alive, until the cache lets go of it. A registry that calls it even then
 // does no harm.
 class ProcessCache::SizeCollector : public zym::object::Ifaces<zym::telemetry::ICollector> {
  public:
@@ -138,18 +130,13 @@ ProcessCache::Entry& ProcessCache::LinkParent(PidType pid, PidType parentPid, bo
   // Making the parent's entry may evict the coldest one, which the child's isn't.
   const ProcessInformation& parent = FindOrCreate(parentPid).Last().info;
   ProcessInformation& first = entry.First().info;
-  first.parentPid = parent.pid;
-  first.parentUniquePid = parent.uniquePid;
+  SetParent(parent, first);
   if (!force && entry.ready) return entry;
-  first.creatorPid = parent.pid;
-  first.creatorUniquePid = parent.uniquePid;
+  SetCreator(parent, first);
   first.imagePath = parent.imagePath;
   first.commandLine = parent.commandLine;
-  first.realUserId = parent.realUserId;
-  first.effectiveUserId = parent.effectiveUserId;
-  first.realGroupId = parent.realGroupId;
-  first.effectiveGroupId = parent.effectiveGroupId;
   first.flags = parent.flags;
+  AssignGroup<ProcessCredentials>(first, parent);
   entry.ready = true;
   return entry;
 }
@@ -205,7 +192,7 @@ bool ProcessCache::GetDead(PidType pid, ProcessInformation& info) {
     m_metrics.misses->Increment();
     return false;
   }
-  static_cast<void>(zym::datetime::ToUnix(record->info.exitTime));  // throws for a time that is none
+  static_cast<void>(zym::datetime::ToUnix(record->info.exitTime));  // throws for what is no time
   if (m_surroundings.now() - record->info.exitTime > record->retention) {
     m_dead.Erase(pid);
     m_metrics.misses->Increment();
@@ -217,7 +204,7 @@ bool ProcessCache::GetDead(PidType pid, ProcessInformation& info) {
   return true;
 }
 
-// The version with this unique pid, in an entry that is ready; why there is none is traced. Counts.
+// The version with this unique pid, in an entry that is ready; or null, and the trace says why. Counts.
 ProcessCache::Version* ProcessCache::FindByUniquePid(UniquePidType uniquePid) {
   const PidType pid = PidOf(uniquePid);
   Entry* const entry = m_live.Find(pid);
@@ -236,9 +223,9 @@ ProcessCache::Version* ProcessCache::FindByUniquePid(UniquePidType uniquePid) {
 bool ProcessCache::GetByUniquePid(UniquePidType uniquePid, ProcessInformation& info) try {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() upid: " << uniquePid);
   const std::scoped_lock lock(m_mutex);
-  const Version* const procInfo = FindByUniquePid(uniquePid);
-  ZYM_CHECK(GetTracer(), procInfo, false);
-  info = procInfo->info;
+  const Version* const version = FindByUniquePid(uniquePid);
+  ZYM_CHECK_AS(GetTracer(), "procInfo", version != nullptr, false);
+  info = version->info;
   return true;
 } catch (...) {
   zym::ExceptionInFunctionToResult(GetTracer(), __func__);
@@ -251,41 +238,28 @@ void ProcessCache::Update(ProcessInformation& info) {
   Entry& entry = FindOrCreate(info.pid);
   const ProcessInformation& parent = FindOrCreate(info.parentPid).Last().info;
   ProcessInformation& last = entry.Last().info;
-  last.parentPid = parent.pid;
-  last.parentUniquePid = parent.uniquePid;
+  SetParent(parent, last);
   if (!entry.ready) {
-    last.creatorPid = parent.pid;
-    last.creatorUniquePid = parent.uniquePid;
-    last.sessionId = info.sessionId;
-    last.startTime = info.startTime;
-    last.exitTime = info.exitTime;
-    last.state = info.state;
-    last.workingDirectory = info.workingDirectory;
-    last.commandLine = info.commandLine;
-    last.imagePath = info.imagePath;
-    last.flags = info.flags;
-    CopyIdsThatAreKnown(info, last);
-    last.environment = info.environment;
-    last.mountNamespaceId = info.mountNamespaceId;
+    SetCreator(parent, last);
+    ProcessInformation read = info;
+    Merge(read, last, false);
     entry.ready = true;
   }
-  info.uniquePid = last.uniquePid;
-  info.parentUniquePid = last.parentUniquePid;
-  info.creatorPid = last.creatorPid;
-  info.creatorUniquePid = last.creatorUniquePid;
+  AssignGroup<ProcessIds>(info, last);
   ZYM_TRACE(GetTracer(), kCall, __PRETTY_FUNCTION__ << " " << Describe(info));
 }
 
 bool ProcessCache::UpdateAdditionalInfo(ProcessInformation& info) try {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() upid: " << info.uniquePid);
   const std::scoped_lock lock(m_mutex);
-  Version* const procInfo = FindByUniquePid(info.uniquePid);
-  ZYM_CHECK(GetTracer(), procInfo, false);
-  procInfo->info.effectiveUserId = info.effectiveUserId;
-  procInfo->info.realGroupId = info.realGroupId;
-  procInfo->info.effectiveGroupId = info.effectiveGroupId;
-  procInfo->info.environment = info.environment;
-  ZYM_TRACE(GetTracer(), kCall, __func__ << " Updated info: " << Describe(procInfo->info));
+  Version* const version = FindByUniquePid(info.uniquePid);
+  ZYM_CHECK_AS(GetTracer(), "procInfo", version != nullptr, false);
+  ProcessInformation& known = version->info;
+  known.effectiveUserId = info.effectiveUserId;
+  known.realGroupId = info.realGroupId;
+  known.effectiveGroupId = info.effectiveGroupId;
+  known.environment = info.environment;
+  ZYM_TRACE(GetTracer(), kCall, __func__ << " Updated info: " << Describe(known));
   return true;
 } catch (...) {
   zym::ExceptionInFunctionToResult(GetTracer(), __func__);

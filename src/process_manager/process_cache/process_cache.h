@@ -1,4 +1,4 @@
-// The module's memory of processes: each image under a unique pid, through fork, exec and exit.
+// The module's record of processes: each image under a unique pid, through fork, exec and exit.
 #pragma once
 
 #include <cstdint>
@@ -28,14 +28,13 @@ struct ProcessCacheSurroundings {
   static ProcessCacheSurroundings Real();
 };
 
-// Told by the event sources what happens, asked by whoever wants to know a process. Both tables are bounded;
-// nothing runs on a timer: an entry is touched, evicted or erased only by a call. It is not filled at start:
-// processes enter by events and by reads that are given back with Update. The images of one process are all
-// kept until its entry goes, so an entry grows with each exec of its process.
+// The event sources report to it what happens; whoever looks for a process asks it. Both tables are bounded,
+// and nothing runs on a timer: an entry is touched, evicted or erased only by a call. The cache is not filled
+// at start: processes enter by events, and by reads that are passed to Update. The images of one process are
+// all kept until its entry goes, so an entry grows with each exec of its process.
 //
-// One mutex over everything, a leaf: no call out of it blocks, and answers are copies. std::system_error,
-// from any operation: the mutex can't be taken. Each operation traces its entry before it takes the mutex,
-// and whatever else it traces inside.
+// One mutex over everything, a leaf: no call out of it blocks, and answers are copies. Each operation traces
+// its entry before it takes the mutex, and whatever else it traces inside.
 class ProcessCache : public zym::object::Ifaces<IProcessInfoProvider, IEventInfoProvider>,
                      public zym::TracerProvider,
                      public zym::NonCopyable {
@@ -53,14 +52,11 @@ class ProcessCache : public zym::object::Ifaces<IProcessInfoProvider, IEventInfo
                ProcessCacheSurroundings surroundings = ProcessCacheSurroundings::Real());
   ~ProcessCache();
 
-  // What Get and Update throw, IProcessInfoProvider says.
   bool Get(pid_t pid, ProcessInformation& info) override;
   bool GetByUniquePid(UniquePidType uniquePid, ProcessInformation& info) override;
   void Update(ProcessInformation& info) override;
   bool UpdateAdditionalInfo(ProcessInformation& info) override;
 
-  // An EventInfo that is given to these keeps its timestamp, and whatever else isn't told here: a flag is
-  // only ever set, not cleared.
   void OnFork(ProcessInformation&& info, EventInfo& create) override;
   void OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo& create) override;
   void OnExit(pid_t pid, EventInfo& exit) override;

@@ -4,15 +4,6 @@
 #include <utility>
 
 namespace qor::process_manager::process_cache {
-namespace {
-
-void MergeImage(ProcessInformation& in, ProcessInformation& stored, bool keep) {
-  if (!keep || !stored.commandLine || stored.commandLine->empty())
-    stored.commandLine = std::move(in.commandLine);
-  if (!keep || stored.imagePath.empty()) stored.imagePath = std::move(in.imagePath);
-}
-
-}  // namespace
 
 void IndexQueue::PushBack(std::uint32_t index) {
   if (m_size < m_first.size())
@@ -58,13 +49,10 @@ Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequen
   Version version;
   version.startSequence = startSequence;
   const ProcessInformation& previous = Last().info;
-  version.info.pid = previous.pid;
-  version.info.parentPid = previous.parentPid;
-  version.info.parentUniquePid = previous.parentUniquePid;
-  // The creator of an image that an exec makes is the image that it replaces.
-  version.info.creatorPid = previous.pid;
-  version.info.creatorUniquePid = previous.uniquePid;
+  AssignGroup<ProcessIds>(version.info, previous);
   version.info.uniquePid = uniquePid;
+  // The creator of an image that an exec makes is the image that it replaces.
+  SetCreator(previous, version.info);
   version.info.startTime = time;
   m_later.push_back(std::move(version));
   const auto index = static_cast<std::uint32_t>(VersionCount() - 1);
@@ -73,27 +61,34 @@ Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequen
   return Last();
 }
 
-void Merge(ProcessInformation& in, ProcessInformation& stored, bool keep) {
-  stored.sessionId = in.sessionId;
-  stored.startTime = in.startTime;
-  stored.exitTime = in.exitTime;
+void SetParent(const ProcessIds& parent, ProcessIds& child) {
+  child.parentPid = parent.pid;
+  child.parentUniquePid = parent.uniquePid;
+}
+
+void SetCreator(const ProcessIds& creator, ProcessIds& created) {
+  created.creatorPid = creator.pid;
+  created.creatorUniquePid = creator.uniquePid;
+}
+
+void MergeGone(ProcessInformation& in, ProcessInformation& stored, bool keep) {
+  if (!keep || !stored.commandLine || stored.commandLine->empty())
+    stored.commandLine = std::move(in.commandLine);
+  if (!keep || stored.imagePath.empty()) stored.imagePath = std::move(in.imagePath);
+  if (!keep) stored.flags = in.flags;
   stored.state = in.state;
+  stored.environment = std::move(in.environment);
+}
+
+void Merge(ProcessInformation& in, ProcessInformation& stored, bool keep) {
+  MergeGone(in, stored, keep);
+  AssignGroup<ProcessLifetime>(stored, in);
   stored.workingDirectory = std::move(in.workingDirectory);
   stored.mountNamespaceId = in.mountNamespaceId;
-  MergeImage(in, stored, keep);
-  if (!keep) stored.flags = in.flags;
   if (in.realUserId) stored.realUserId = in.realUserId;
   if (in.effectiveUserId) stored.effectiveUserId = in.effectiveUserId;
   if (in.realGroupId) stored.realGroupId = in.realGroupId;
   if (in.effectiveGroupId) stored.effectiveGroupId = in.effectiveGroupId;
-  stored.environment = std::move(in.environment);
-}
-
-void MergeGone(ProcessInformation& in, ProcessInformation& stored, bool keep) {
-  MergeImage(in, stored, keep);
-  stored.state = in.state;
-  if (!keep) stored.flags = in.flags;
-  stored.environment = std::move(in.environment);
 }
 
 }  // namespace qor::process_manager::process_cache

@@ -1,4 +1,4 @@
-// What the cache knows of one pid: the images that it ran, in order.
+// The entry of one pid in the process cache: the images that the pid ran, in order.
 #pragma once
 
 #include <array>
@@ -73,10 +73,15 @@ class Entry {
   std::vector<Version> m_later;
 };
 
-// How a read of /proc joins what is stored, field by field; what is taken is moved out of `in`. `keep`: what
-// is already known of the image stays.
+void SetParent(const ProcessIds& parent, ProcessIds& child);
+void SetCreator(const ProcessIds& creator, ProcessIds& created);
+
+// Brings a stored image up to date from a read of the process, and moves out of `in` what it takes: all but
+// the ids, and of the credentials those that `in` has. `keep`: the path, the command line and the flags that
+// are already known of the image stay.
 void Merge(ProcessInformation& in, ProcessInformation& stored, bool keep);
-// The same for a process that was gone when it was read, where `in` holds almost nothing.
+// The same for a process that was gone when it was read, so that `in` holds almost nothing: takes the path,
+// the command line, the flags, the state and the environment, and leaves the rest of the stored image.
 void MergeGone(ProcessInformation& in, ProcessInformation& stored, bool keep);
 
 }  // namespace qor::process_manager::process_cache

@@ -1,4 +1,4 @@
-// The face that the event sources see.
+// What the event sources report: IEventInfoProvider.
 #include <utility>
 
 #include "process_manager/process_cache/process_cache.h"
@@ -25,13 +25,13 @@ void ProcessCache::OnFork(ProcessInformation&& info, EventInfo& create) {
   const std::scoped_lock lock(m_mutex);
   Entry& entry = LinkParent(info.pid, info.parentPid, true);
   // On the first version, although a permission path may have appended a later image already: the events of
-  // the first image are told in order, and the later one stays in the queues for its own report.
+  // the first image come in order, and the later one stays in the queues for its own report.
   Version& first = entry.First();
   if (first.startSequence == 0) first.startSequence = ++m_sequence;
   if (info.state == kTerminated)
-    process_cache::MergeGone(info, first.info, true);
+    MergeGone(info, first.info, true);
   else
-    process_cache::Merge(info, first.info, true);
+    Merge(info, first.info, true);
   entry.creationQueue.PopFront();
   create.isFork = true;
   create.sequence = first.startSequence;
@@ -51,12 +51,12 @@ void ProcessCache::OnExecPerm(ProcessInformation&& info, EventInfo& exit, EventI
   exit.info = old.info;
 
   Version& image = AppendVersion(entry, time);
-  process_cache::Merge(info, image.info, false);
+  Merge(info, image.info, false);
   create.sequence = image.startSequence;
   create.info = image.info;
 }
 
-// Possibly the second report of this transition: after OnExecPerm the numbers that it gave are told again.
+// Possibly the second report of this transition: after OnExecPerm it reports the same numbers again.
 void ProcessCache::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo& create) {
   ZYM_TRACE(GetTracer(), kCall, __func__ << "() pid: " << info.pid);
   const std::scoped_lock lock(m_mutex);
@@ -66,7 +66,7 @@ void ProcessCache::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo&
 
   Version& old = VersionToEnd(entry);
   if (old.endSequence == 0) End(old, time);
-  // The creation of the old image, if it wasn't told yet, will never be.
+  // The creation of the old image, if it wasn't reported yet, will never be.
   if (old.startSequence == 0) entry.creationQueue.PopFront();
   entry.terminationQueue.PopFront();
   exit.isExec = true;
@@ -77,10 +77,10 @@ void ProcessCache::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo&
 
   Version& image = VersionToCreate(entry, time);
   if (gone && entry.ready)
-    process_cache::MergeGone(info, image.info, false);
+    MergeGone(info, image.info, false);
   else
-    process_cache::Merge(info, image.info, false);
-  // An exec doesn't change the real ids; that the old image had none read is kept too.
+    Merge(info, image.info, false);
+  // An exec doesn't change the real ids; one that the old image lacks, the new image lacks too.
   image.info.realUserId = realUserId;
   image.info.realGroupId = realGroupId;
   entry.creationQueue.PopFront();
@@ -157,7 +157,7 @@ void ProcessCache::OnExecDeny(ProcessInformation&& info, EventInfo& exit, EventI
 
   // The process goes on as what it was, under a new unique pid.
   Version& next = AppendVersion(*entry, time);  // previous may have moved
-  process_cache::Merge(info, next.info, false);
+  Merge(info, next.info, false);
   next.info.creatorPid = exit.info.creatorPid;
   next.info.creatorUniquePid = exit.info.creatorUniquePid;
   forkCreate.sequence = next.startSequence;
@@ -176,12 +176,12 @@ zym::result_t ProcessCache::OnCreateProcess(bool shouldUpdateExecInfo, EventInfo
     return zym::ZYM_E_NOT_FOUND;
   }
   if (!shouldUpdateExecInfo) return zym::ZYM_OK;
-  Version* const procInfo = entry->FindByUniquePid(create.info.uniquePid);
-  ZYM_CHECK(GetTracer(), procInfo, zym::ZYM_E_NOT_FOUND);
-  AssignIfDifferent(procInfo->info.imagePath, create.info.imagePath);
-  AssignIfDifferent(procInfo->info.commandLine, create.info.commandLine);  // by pointer
-  AssignIfDifferent(procInfo->info.environment, create.info.environment);
-  AssignIfDifferent(procInfo->info.flags, create.info.flags);
+  Version* const version = entry->FindByUniquePid(create.info.uniquePid);
+  ZYM_CHECK_AS(GetTracer(), "procInfo", version != nullptr, zym::ZYM_E_NOT_FOUND);
+  AssignIfDifferent(version->info.imagePath, create.info.imagePath);
+  AssignIfDifferent(version->info.commandLine, create.info.commandLine);  // by pointer
+  AssignIfDifferent(version->info.environment, create.info.environment);
+  AssignIfDifferent(version->info.flags, create.info.flags);
   return zym::ZYM_OK;
 }
 

@@ -32,7 +32,7 @@ ScopedKernelSetting::ScopedKernelSetting(NativePath path, std::string_view value
 }
 
 ScopedKernelSetting::~ScopedKernelSetting() {
-  // There is nobody to tell and nothing else to try.
+  // Nobody is left who could act on a failure, and there is nothing else to try.
   static_cast<void>(Write(m_path, m_old));
 }
 

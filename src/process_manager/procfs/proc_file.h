@@ -10,9 +10,9 @@ enum class ReadResult { kDone, kCannotOpen, kCannotRead };
 
 // How far a file is read.
 enum class ReadUntil {
-  kEnd,        // until a read gives nothing
+  kEnd,        // until a read returns nothing
   kNewline,    // until there is a whole line; more may come with it
-  kShortRead,  // until a read gives less than there was room for: for files of one piece, as cmdline is
+  kShortRead,  // until a read returns less than there was room for: for files of one piece, as cmdline is
 };
 
 // A file's text. Small files stay in the object.

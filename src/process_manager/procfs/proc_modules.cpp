@@ -24,8 +24,6 @@ using zym::trace::hex;
 using zym::trace::kCall;
 using zym::trace::kFailure;
 
-constexpr const char* kName = "GetModulesSections: ";
-
 // Only this very name is excluded: another init section that contains a kept name is kept.
 bool IsKept(std::string_view name) {
   constexpr std::array kKept = {".text", ".rodata", ".data", ".bss"};
@@ -34,37 +32,23 @@ bool IsKept(std::string_view name) {
                              [&](const char* part) { return name.find(part) != std::string_view::npos; });
 }
 
-struct SectionInfo {
+struct Section {
   std::string name;
   std::uint64_t address = 0;
 };
 
-// Walks the directories of the modules' sections.
-class SectionsReader {
- public:
-  explicit SectionsReader(zym::ITracer* tracer) : m_tracer(tracer) {}
-
-  // Appends what lies below `path`, the "sections" of the module `name`.
-  zym::result_t Read(const NativePath& path, const std::string& name, bool allowZeroOffset,
-                     std::vector<SectionInfo>& sectionsInfo) const;
-
- private:
-  [[nodiscard]] zym::ITracer* GetTracer() const { return m_tracer; }
-
-  zym::ITracer* m_tracer;
-};
-
-// One file below "sections": its name is the section's, its content the address.
-zym::result_t ParseModuleSections(zym::ITracer* tracer, const std::filesystem::directory_entry& enumerator,
-                                  bool allowZeroOffset, std::vector<SectionInfo>& sectionsInfo) {
-  std::string name = enumerator.path().filename().string();
+// One file below "sections": its name is the section's, its content the address. An address of 0 is never
+// taken, not on the second attempt either.
+zym::result_t ParseModuleSections(zym::ITracer* tracer, const std::filesystem::path& path,
+                                  std::vector<Section>& sections) {
+  std::string name = path.filename().string();
   if (!IsKept(name)) {
     ZYM_TRACE(tracer, kCall, __func__ << ": Skip section: " << name);
     return zym::ZYM_OK;
   }
-  ZYM_TRACE(tracer, kCall, "Module section info path: " << enumerator.path().native());
+  ZYM_TRACE(tracer, kCall, "Module section info path: " << path.native());
   ProcFile file;
-  const ReadResult read = file.Read(enumerator.path().c_str());
+  const ReadResult read = file.Read(path.c_str());
   if (read == ReadResult::kCannotOpen) {
     ZYM_TRACE(tracer, kFailure, "Failed to open file");
     return zym::ZYM_E_ACCESS_DENIED;
@@ -75,31 +59,54 @@ zym::result_t ParseModuleSections(zym::ITracer* tracer, const std::filesystem::d
     ZYM_TRACE(tracer, kFailure, "Failed to read section size");
     return zym::ZYM_E_ACCESS_DENIED;
   }
-  if (*address == 0 && !allowZeroOffset) {
+  if (*address == 0) {
     ZYM_TRACE(tracer, kCall, "bad offset, need call with allowZeroSectionOffset as true");
     return zym::ZYM_E_ACCESS_DENIED;
   }
   ZYM_TRACE(tracer, kCall, "Section base virtual address: " << hex << *address);
-  sectionsInfo.push_back({.name = std::move(name), .address = *address});
+  sections.push_back({.name = std::move(name), .address = *address});
   return zym::ZYM_OK;
 }
 
-zym::result_t SectionsReader::Read(const NativePath& path, const std::string& name, bool allowZeroOffset,
-                                   std::vector<SectionInfo>& sectionsInfo) const {
-  ZYM_TRACE(GetTracer(), kCall, kName << "Section sysfs path: " << path);
+// Appends what lies below `path`, the "sections" of the module `name`. Here and below, traces name the
+// operation of the reader whose work this is.
+zym::result_t ReadSections(zym::ITracer* tracer, const NativePath& path, const std::string& name,
+                           std::vector<Section>& sections) {
+  ZYM_TRACE(tracer, kCall, "GetModulesSections: Section sysfs path: " << path);
   std::error_code error;
   std::filesystem::recursive_directory_iterator walk(path, error);
   while (!error && walk != std::filesystem::recursive_directory_iterator()) {
-    const std::filesystem::directory_entry& enumerator = *walk;
-    if (std::error_code ignored; !enumerator.is_directory(ignored))
-      ZYM_CHECK_RESULT(GetTracer(),
-                       ParseModuleSections(GetTracer(), enumerator, allowZeroOffset, sectionsInfo),
-                       "Failed to parse module " << name << " sections");
+    if (std::error_code ignored; !walk->is_directory(ignored))
+      ZYM_CHECK_RESULT_AS(tracer,
+                          "ParseModuleSections(GetTracer(), enumerator, allowZeroOffset, sectionsInfo)",
+                          ParseModuleSections(tracer, walk->path(), sections),
+                          "Failed to parse module " << name << " sections");
     walk.increment(error);
   }
   if (!error) return zym::ZYM_OK;
-  ZYM_TRACE(GetTracer(), kFailure, kName << "Cannot open directory '" << path << "'");
+  ZYM_TRACE(tracer, kFailure, "GetModulesSections: Cannot open directory '" << path << "'");
   return zym::ZYM_E_ACCESS_DENIED;
+}
+
+// The sections of one module, but for those that lie outside of it.
+zym::result_t AppendSections(zym::ITracer* tracer, const NativePath& sysModule, const ModuleEntry& module,
+                             ModulesSections& modulesSections) {
+  std::vector<Section> sections;
+  const NativePath path = JoinPath(JoinPath(sysModule, module.name), "sections");
+  const zym::result_t result = ReadSections(tracer, path, module.name, sections);
+  if (!ZYM_SUCCEEDED(result)) return result;
+  const auto shared = std::make_shared<ModuleEntry>(module);
+  for (Section& section : sections) {
+    if (section.address < module.offset) {
+      ZYM_TRACE(tracer, kCall,
+                "GetModulesSections: Skip section: " << section.name
+                                                     << " which is located outside module: " << module.name);
+      continue;
+    }
+    modulesSections.push_back(
+        {.size = module.size, .address = section.address, .name = std::move(section.name), .module = shared});
+  }
+  return zym::ZYM_OK;
 }
 
 // Sections don't overlap: each is cut where the next one begins, and the last one at `endVaddr`.
@@ -127,27 +134,9 @@ void CutAtTheNext(zym::ITracer* tracer, ModulesSections& sections, std::uint64_t
 zym::result_t ReadModulesSections(zym::ITracer* tracer, const NativePath& sysModule,
                                   const ModulesList& modules, ModulesSections& modulesSections,
                                   std::uint64_t endVaddr) try {
-  constexpr bool kAllowZeroOffset = false;  // on the second attempt too
-  const SectionsReader reader(tracer);
   for (const ModuleEntry& module : modules) {
-    std::vector<SectionInfo> sectionsInfo;
-    const NativePath path = JoinPath(JoinPath(sysModule, module.name), "sections");
-    if (const zym::result_t result = reader.Read(path, module.name, kAllowZeroOffset, sectionsInfo);
-        !ZYM_SUCCEEDED(result))
-      return result;
-    const auto shared = std::make_shared<ModuleEntry>(module);
-    for (SectionInfo& section : sectionsInfo) {
-      if (section.address < module.offset) {
-        ZYM_TRACE(
-            tracer, kCall,
-            kName << "Skip section: " << section.name << " which is located outside module: " << module.name);
-        continue;
-      }
-      modulesSections.push_back({.size = module.size,
-                                 .address = section.address,
-                                 .name = std::move(section.name),
-                                 .module = shared});
-    }
+    const zym::result_t result = AppendSections(tracer, sysModule, module, modulesSections);
+    if (!ZYM_SUCCEEDED(result)) return result;
   }
   std::ranges::stable_sort(modulesSections, {}, &ModuleSection::address);
   CutAtTheNext(tracer, modulesSections, endVaddr);

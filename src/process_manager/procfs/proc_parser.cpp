@@ -13,13 +13,10 @@
 #include <ios>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string_view>
 #include <utility>
 
-#include "process_manager/procfs/kernel_setting.h"
 #include "process_manager/procfs/proc_file.h"
-#include "process_manager/procfs/proc_modules.h"
 #include "process_manager/procfs/proc_own_namespace.h"
 #include "process_manager/procfs/proc_path.h"
 #include "process_manager/procfs/procfs_text.h"
@@ -31,17 +28,22 @@ namespace qor::procfs {
 namespace {
 
 using zym::trace::kCall;
-using zym::trace::kFailure;
 using zym::trace::kNotice;
 using zym::trace::kWarning;
-
-constexpr const char* kWillRaise =
-    "will try to read with kptr_restrict set to 0 and perf_event_paranoid set to 1";
 
 struct CloseDirectory {
   void operator()(DIR* dir) const { ::closedir(dir); }
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+// A directory that can't be opened is traced.
+zym::result_t OpenDirectory(zym::ITracer* tracer, const char* path, Directory& directory) {
+  directory.reset(::opendir(path));
+  const int error = errno;
+  ZYM_CHECK_AS(tracer, "dir", directory, zym::ZYM_E_UNSPECIFIED,
+               "Cannot open " << path << ": " << std::strerror(error));
+  return zym::ZYM_OK;
+}
 
 bool Exists(const char* path) {
   struct stat status {};
@@ -49,15 +51,11 @@ bool Exists(const char* path) {
 }
 
 // What has no memory, as a thread of the kernel or a process that has ended, has no environment either. Older
-// kernels tell so by an empty file, newer ones refuse to open it with ESRCH (proc_mem_open in fs/proc/base.c;
-// seen on 6.18). A process that isn't there at all gives ENOENT.
+// kernels show that by an empty file, newer ones refuse to open it with ESRCH (proc_mem_open in
+// fs/proc/base.c; seen on 6.18). A process that isn't there at all gives ENOENT.
 ReadResult ReadEnvironment(ProcFile& file, const ProcPath& path) {
   const ReadResult read = file.Read(path.c_str());
   return read == ReadResult::kCannotOpen && errno == ESRCH ? ReadResult::kDone : read;
-}
-
-bool ParseCreds(const ProcFile& file, Creds& creds) {
-  return procfs::ParseCreds(file.Text(), creds);
 }
 
 std::uint32_t FileTypeOf(mode_t mode) {
@@ -149,7 +147,6 @@ zym::result_t ProcParser::GetIOCounters(PidType pid, IOCounters& counters) try {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-// On failure errno is that of the read: a caller may want to say why.
 zym::result_t ProcParser::GetProcLink(PidType pid, const NativePath& name, NativePath& target) try {
   const ProcPath path(pid, name);
   char buffer[4096];
@@ -160,22 +157,18 @@ zym::result_t ProcParser::GetProcLink(PidType pid, const NativePath& name, Nativ
   }
   const int error = errno;
   const bool exists = Exists(path.c_str());
-  errno = error;
+  errno = error;  // the caller reads it
   return exists ? zym::ZYM_E_UNSPECIFIED : zym::ZYM_E_NOT_FOUND;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ProcParser::GetImagePath(PidType pid, NativePath& path) try {
+zym::result_t ProcParser::GetImagePath(PidType pid, NativePath& path) {
   return GetProcLink(pid, "exe", path);
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
-zym::result_t ProcParser::GetWorkingDir(PidType pid, NativePath& cwd) try {
+zym::result_t ProcParser::GetWorkingDir(PidType pid, NativePath& cwd) {
   return GetProcLink(pid, "cwd", cwd);
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
 
 zym::result_t ProcParser::GetMaps(PidType pid, Maps& maps) try {
@@ -219,12 +212,11 @@ zym::result_t ProcParser::GetCmdline(PidType pid, zym::types::string16_t& cmdlin
 }
 
 zym::result_t ProcParser::GetDescriptors(PidType pid, std::vector<unsigned int>& fds) try {
-  const ProcPath path(pid, "fd");
-  const Directory dir(::opendir(path.c_str()));
-  const int error = errno;
-  ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
-            "Cannot open " << path.c_str() << ": " << std::strerror(error));
-  while (const dirent* const entry = ::readdir(dir.get())) {
+  Directory directory;
+  if (const zym::result_t result = OpenDirectory(GetTracer(), ProcPath(pid, "fd").c_str(), directory);
+      !ZYM_SUCCEEDED(result))
+    return result;
+  while (const dirent* const entry = ::readdir(directory.get())) {
     char* end = nullptr;  // the kernel's names are numbers of type int, beside "." and ".."
     const long fd = std::strtol(entry->d_name, &end, 10);
     if (end != entry->d_name && *end == '\0') fds.push_back(static_cast<unsigned int>(fd));
@@ -236,8 +228,7 @@ zym::result_t ProcParser::GetDescriptors(PidType pid, std::vector<unsigned int>&
 
 zym::result_t ProcParser::GetDescriptorInfo(PidType pid, unsigned int fd, DescriptorInfo& info) try {
   char path[4096];
-  const int length = std::snprintf(path, sizeof(path), "%s%zu/fd/%d", GetProcfsRoot().c_str(),
-                                   std::size_t{pid}, static_cast<int>(fd));
+  const int length = std::snprintf(path, sizeof(path), "%s%u/fd/%u", GetProcfsRoot().c_str(), pid, fd);
   // A path that is cut would name another descriptor.
   if (length < 0 || static_cast<std::size_t>(length) >= sizeof(path)) return zym::ZYM_E_UNSPECIFIED;
   struct stat status {};
@@ -256,7 +247,8 @@ zym::result_t ProcParser::GetCreds(PidType pid, Creds& creds) try {
   const ProcPath path(pid, "status");
   ProcFile file;
   file.Read(path.c_str());  // what can't be read has none of the lines
-  ZYM_CHECK(GetTracer(), ParseCreds(file, creds), zym::ZYM_E_UNSPECIFIED, "Cannot parse " << path.c_str());
+  ZYM_CHECK_AS(GetTracer(), "ParseCreds(file, creds)", ParseCreds(file.Text(), creds), zym::ZYM_E_UNSPECIFIED,
+               "Cannot parse " << path.c_str());
   return zym::ZYM_OK;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
@@ -267,8 +259,10 @@ zym::result_t ProcParser::GetEnvironmentVariable(PidType pid, const char* name, 
   ProcFile file;
   const ReadResult read = ReadEnvironment(file, path);
   const int error = errno;
-  if (read != ReadResult::kDone)
-    throw std::runtime_error(std::string("Cannot read ") + path.c_str() + ": " + std::strerror(error));
+  if (read != ReadResult::kDone) {
+    ZYM_TRACE(GetTracer(), kNotice, "Cannot read " << path.c_str() << ": " << std::strerror(error));
+    return zym::ZYM_E_UNSPECIFIED;
+  }
   ForEachVariable(file.Text(), [&](std::string_view variable) {
     const std::size_t equals = variable.find('=');
     if (equals == std::string_view::npos || variable.substr(0, equals) != name) return true;
@@ -276,9 +270,6 @@ zym::result_t ProcParser::GetEnvironmentVariable(PidType pid, const char* name, 
     return false;
   });
   return zym::ZYM_OK;
-} catch (const std::runtime_error& e) {
-  ZYM_TRACE(GetTracer(), kNotice, e.what());
-  return zym::ZYM_E_UNSPECIFIED;
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }
@@ -329,11 +320,11 @@ zym::result_t ProcParser::GetMountNamespaceId(PidType pid, std::uint64_t& id) tr
 // --- all processes ---
 
 zym::result_t ProcParser::GetProcessList(std::vector<unsigned int>& pids) try {
-  const Directory dir(::opendir(GetProcRoot().c_str()));
-  const int error = errno;
-  ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
-            "Cannot open " << GetProcRoot() << ": " << std::strerror(error));
-  while (const dirent* const entry = ::readdir(dir.get()))
+  Directory directory;
+  if (const zym::result_t result = OpenDirectory(GetTracer(), GetProcRoot().c_str(), directory);
+      !ZYM_SUCCEEDED(result))
+    return result;
+  while (const dirent* const entry = ::readdir(directory.get()))
     if (const std::optional<unsigned int> pid = ParseProcessName(entry->d_name)) pids.push_back(*pid);
   return zym::ZYM_OK;
 } catch (...) {
@@ -341,17 +332,17 @@ zym::result_t ProcParser::GetProcessList(std::vector<unsigned int>& pids) try {
 }
 
 zym::result_t ProcParser::GetProcessListByRelevance(std::vector<unsigned int>& pids) try {
-  const Directory dir(::opendir(GetProcRoot().c_str()));
-  const int error = errno;
-  ZYM_CHECK(GetTracer(), dir, zym::ZYM_E_UNSPECIFIED,
-            "Cannot open " << GetProcRoot() << ": " << std::strerror(error));
+  Directory directory;
+  if (const zym::result_t result = OpenDirectory(GetTracer(), GetProcRoot().c_str(), directory);
+      !ZYM_SUCCEEDED(result))
+    return result;
   std::vector<std::pair<unsigned int, time_t>> found;
-  while (const dirent* const entry = ::readdir(dir.get())) {
+  while (const dirent* const entry = ::readdir(directory.get())) {
     const std::optional<unsigned int> pid = ParseProcessName(entry->d_name);
     if (!pid) continue;
     struct stat status {};
     // One that can't be looked at has just ended.
-    if (::fstatat(::dirfd(dir.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (::fstatat(::dirfd(directory.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
     found.emplace_back(*pid, status.st_mtim.tv_sec);
   }
   std::ranges::sort(found, std::ranges::greater{}, &std::pair<unsigned int, time_t>::second);
@@ -359,73 +350,6 @@ zym::result_t ProcParser::GetProcessListByRelevance(std::vector<unsigned int>& p
   pids.reserve(found.size());
   for (const auto& [pid, time] : found) pids.push_back(pid);
   return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
-}
-
-// --- the kernel ---
-
-zym::result_t ProcParser::GetIOMemMap(IOMemMap& map) try {
-  const NativePath path = JoinPath(GetProcRoot(), "iomem");
-  ProcFile file;
-  if (file.Read(path.c_str()) == ReadResult::kCannotOpen) {
-    ZYM_TRACE(GetTracer(), kFailure, "Unable to open " << path);
-    return zym::ZYM_E_UNSPECIFIED;
-  }
-  ParseIOMemMap(file.Text(), map);
-  return zym::ZYM_OK;
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
-}
-
-zym::result_t ProcParser::GetModules(ModulesList& modules, bool allowZeroModuleOffset) {
-  ZYM_TRACE(GetTracer(), kCall,
-            __PRETTY_FUNCTION__ << ", allowZeroModuleOffset is " << allowZeroModuleOffset);
-  const NativePath path = JoinPath(GetProcRoot(), "modules");
-  ProcFile file;
-  if (file.Read(path.c_str()) == ReadResult::kCannotOpen) {
-    ZYM_TRACE(GetTracer(), kFailure, "Unable to open " << path);
-    return zym::ZYM_E_UNSPECIFIED;
-  }
-  ModuleResult result = ModuleResult::kParsed;
-  ForEachLine(file.Text(), [&](std::string_view line) {
-    ModuleEntry entry;
-    result = ParseModule(line, allowZeroModuleOffset, entry);
-    if (result == ModuleResult::kSkipped) ZYM_TRACE(GetTracer(), kCall, "Skipped line: " << line);
-    if (result == ModuleResult::kParsed) modules.push_back(std::move(entry));
-    return result != ModuleResult::kHidden;
-  });
-  if (result != ModuleResult::kHidden) return zym::ZYM_OK;
-  ZYM_TRACE(GetTracer(), kCall, "bad offset, need call with allowZeroModuleOffset as true");
-  return zym::ZYM_E_ACCESS_DENIED;
-}
-
-// The list isn't cleared between the two attempts: where only some offsets were hidden, what came before the
-// first of them is there twice. That is meant.
-zym::result_t ProcParser::GetModules(ModulesList& modules) try {
-  const zym::result_t result = GetModules(modules, false);
-  if (result != zym::ZYM_E_ACCESS_DENIED) return result;
-  ZYM_TRACE(GetTracer(), kCall, kWillRaise);
-  const ScopedKernelAddresses addresses(GetProcRoot());
-  return GetModules(modules, true);
-} catch (const zym::CheckFailedException&) {
-  throw;  // of the settings: the caller is told why
-} catch (...) {
-  return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
-}
-
-zym::result_t ProcParser::GetModulesSections(const ModulesList& modules, ModulesSections& modulesSections,
-                                             std::uint64_t kernelModulesSectionEndVaddr) try {
-  constexpr const char* kSysModule = "/sys/module";
-  const zym::result_t result =
-      ReadModulesSections(GetTracer(), kSysModule, modules, modulesSections, kernelModulesSectionEndVaddr);
-  if (result != zym::ZYM_E_ACCESS_DENIED) return result;
-  ZYM_TRACE(GetTracer(), kCall, __func__ << ": " << kWillRaise);
-  const ScopedKernelAddresses addresses(GetProcRoot());
-  modulesSections.clear();
-  return ReadModulesSections(GetTracer(), kSysModule, modules, modulesSections, kernelModulesSectionEndVaddr);
-} catch (const zym::CheckFailedException&) {
-  throw;  // of the settings: the caller is told why
 } catch (...) {
   return zym::ExceptionInFunctionToResult(GetTracer(), __func__);
 }

@@ -61,7 +61,7 @@ class Line {
   std::string_view m_rest;
 };
 
-// One line of a maps file; null for one that is none.
+// One line of a maps file; null for a line of another form.
 std::shared_ptr<MapsEntry> ParseMapping(std::string_view text) {
   Line line(text);
   std::string_view begin, end, permissions, offset, deviceMajor, deviceMinor, inode;
@@ -87,15 +87,16 @@ std::shared_ptr<MapsEntry> ParseMapping(std::string_view text) {
 // The pattern may be found anywhere in the line: the first dash between two numbers that fits is the one.
 bool ParseIOMemRange(std::string_view text, IOMemRange& range) {
   for (std::size_t dash = text.find('-'); dash != std::string_view::npos; dash = text.find('-', dash + 1)) {
-    std::size_t first = dash;
-    while (first > 0 && IsHexDigit(text[first - 1])) --first;
+    std::size_t start = dash;
+    while (start > 0 && IsHexDigit(text[start - 1])) --start;
+    const std::string_view first = text.substr(start, dash - start);
     Line line(text.substr(dash + 1));
-    std::string_view end;
-    if (first == dash || !line.Take(IsHexDigit, end) || !line.TakeBlanks() || !line.Take(':') ||
+    std::string_view last;
+    if (first.empty() || !line.Take(IsHexDigit, last) || !line.TakeBlanks() || !line.Take(':') ||
         !line.TakeBlanks())
       continue;
-    range.begin = ToNumber<std::uint64_t>(text.substr(first, dash - first), 16).value_or(0);
-    range.end = ToNumber<std::uint64_t>(end, 16).value_or(0);
+    range.first = ToNumber<std::uint64_t>(first, 16).value_or(0);
+    range.last = ToNumber<std::uint64_t>(last, 16).value_or(0);
     range.name.assign(line.Rest());
     return true;
   }

@@ -68,7 +68,7 @@ std::optional<zym::types::string16_t> ParseCmdline(std::string_view text);
 // 32 bits, which no process has.
 std::optional<unsigned int> ParseProcessName(std::string_view name);
 
-// Calls `visit` with each piece of an environ file, the empty ones too; stops when it gives false.
+// Calls `visit` with each piece of an environ file, the empty ones too; stops when that returns false.
 template <class Visit>
 void ForEachVariable(std::string_view text, Visit visit) {
   while (!text.empty()) {
@@ -78,7 +78,7 @@ void ForEachVariable(std::string_view text, Visit visit) {
   }
 }
 
-// Calls `visit` with each line, without its end; stops when it gives false.
+// Calls `visit` with each line, without its end; stops when that returns false.
 template <class Visit>
 void ForEachLine(std::string_view text, Visit visit) {
   while (!text.empty()) {

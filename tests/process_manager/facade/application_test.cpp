@@ -65,7 +65,7 @@ TEST_F(ApplicationTest, AMissingInterceptorIsTracedWithItsExpression) {
   zym::intrusive_ptr<interceptor_facade::IInterceptor> interceptor;
   static_cast<void>(m_application->GetInterceptor(interceptor.Ref()));
   const std::string record = m_host.tracer->Find("failed: result");
-  EXPECT_TRUE(record.starts_with("process_manager/application.cpp:")) << record;
+  EXPECT_TRUE(record.starts_with("process_manager/facade/application.cpp:")) << record;
   EXPECT_TRUE(record.ends_with(
       "(zym::GetInterface(GetServiceLocator(), interceptor)),(ZYM_SUCCEEDED(_result)) failed: "
       "result = 0x8000006a (Invalid state) Cannot get si_if::IInterceptor interface"))

@@ -110,7 +110,7 @@ TEST_F(FilterManagerTest, AStartThatFailsIsTracedAndReturnedAndTheFilterStays) {
   EXPECT_EQ(Register(1, zym::CreateObject<Handler>()), zym::ZYM_E_ACCESS_DENIED);
   EXPECT_TRUE(IsEnabled(1));
   const std::string trace = m_host.tracer->Find("Cannot start interceptor");
-  EXPECT_TRUE(trace.starts_with("Source::process_manager/filter_manager.h:")) << trace;
+  EXPECT_TRUE(trace.starts_with("Source::process_manager/interception/filter_manager.h:")) << trace;
   EXPECT_NE(
       trace.find("(Start()),(ZYM_SUCCEEDED(_result)) failed: result = 0x80000045 (Access denied) Cannot "
                  "start interceptor"),

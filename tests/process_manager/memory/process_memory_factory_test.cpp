@@ -38,8 +38,8 @@ class MemoryFactory : public testing::Test {
 
   zym::result_t MakeFactory(KernelVersion version) {
     m_factory.Reset();
-    return zym::CreateHostAllocated(
-        m_host.locator.get(), m_factory,
+    return zym::CreateInstance(
+        m_host.locator.get(), m_factory.Ref(),
         ProcessMemoryFactorySurroundings{.kernelVersion = [version](zym::ITracer*) { return version; }});
   }
   bool Requires(KernelVersion version) {
@@ -184,7 +184,7 @@ TEST_F(MemoryFactory, AFailureToCreateIsTracedAndReturnedAndTheOutParameterLeftA
 TEST_F(MemoryFactory, AVersionThatCannotBeHadIsAFailureOfTheConstruction) {
   const auto surroundings = ProcessMemoryFactorySurroundings{
       .kernelVersion = [](zym::ITracer*) -> KernelVersion { throw std::bad_alloc(); }};
-  EXPECT_EQ(zym::CreateHostAllocated(m_host.locator.get(), m_factory, surroundings),
+  EXPECT_EQ(zym::CreateInstance(m_host.locator.get(), m_factory.Ref(), surroundings),
             zym::ZYM_E_OUT_OF_MEMORY);
 }
 

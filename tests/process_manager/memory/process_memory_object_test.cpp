@@ -171,9 +171,9 @@ TEST_F(ProcessMemoryTest, TheSuspendersResultOfAReadIsReturnedAsItStands) {
 TEST_F(ProcessMemoryTest, AReadThatNeedsASuspenderWhichIsNotThereFails) {
   zym::intrusive_ptr<ProcessMemory> memory;
   ASSERT_EQ(
-      zym::CreateHostAllocated(
-          m_host.locator.get(), memory,
-          zym::intrusive_ptr<IProcessControl>(zym::CreateObject<FakeProcessControl>(kNobody)), kNobody, true),
+      zym::CreateInstance(m_host.locator.get(), memory.Ref(),
+                          zym::intrusive_ptr<IProcessControl>(zym::CreateObject<FakeProcessControl>(kNobody)),
+                          kNobody, true),
       zym::ZYM_OK);
   std::uint8_t byte = 0;
   EXPECT_EQ(static_cast<std::uint32_t>(memory->ReadMemory(0x1000, {&byte, &byte + 1})), 0x8000004bU);

@@ -45,8 +45,8 @@ class Memory : public zym::object::Ifaces<IProcessMemory> {
 class RegionEnumerator : public testing::Test {
  protected:
   RegionEnumerator() {
-    EXPECT_EQ(zym::CreateHostAllocated(m_host.locator.get(), m_enumerator,
-                                       zym::intrusive_ptr<IProcessMemory>(m_memory)),
+    EXPECT_EQ(zym::CreateInstance(m_host.locator.get(), m_enumerator.Ref(),
+                                  zym::intrusive_ptr<IProcessMemory>(m_memory)),
               zym::ZYM_OK);
   }
 

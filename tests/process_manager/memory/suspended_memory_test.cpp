@@ -75,7 +75,7 @@ class SuspendedMemory : public testing::Test {
     zym::intrusive_ptr<ProcessMemoryFactory> factory;
     const ProcessMemoryFactorySurroundings surroundings{
         .kernelVersion = [version](zym::ITracer*) { return version; }};
-    EXPECT_EQ(zym::CreateHostAllocated(m_host.locator.get(), factory, surroundings), zym::ZYM_OK);
+    EXPECT_EQ(zym::CreateInstance(m_host.locator.get(), factory.Ref(), surroundings), zym::ZYM_OK);
     return factory;
   }
   static MemoryPtr Create(ProcessMemoryFactory& factory, std::uint32_t pid) {

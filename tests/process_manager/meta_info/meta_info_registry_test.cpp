@@ -23,8 +23,7 @@ class MetaInfoRegistryTest : public testing::Test {
  protected:
   void SetUp() override {
     const auto factory = zym::intrusive_ptr<zym::IObjectFactory>::Attach(new zym::Factory<Registry>());
-    ASSERT_EQ(factory->CreateInstance(m_host.locator.get(), 0, reinterpret_cast<void**>(m_registry.Ref())),
-              zym::ZYM_OK);
+    ASSERT_EQ(zym::CreateInstance(factory.get(), m_host.locator.get(), m_registry.Ref()), zym::ZYM_OK);
   }
   void TearDown() override {
     m_registry.Reset();
@@ -284,8 +283,7 @@ TEST(MetaInfoRegistry, NeedsTheAllocatorTwice) {
     const auto factory = zym::intrusive_ptr<zym::IObjectFactory>::Attach(new zym::Factory<Registry>());
     const std::uint32_t references = host.allocator->AddRef();
     zym::intrusive_ptr<zym::IMetaInfoProvider> registry;
-    ASSERT_EQ(factory->CreateInstance(host.locator.get(), 0, reinterpret_cast<void**>(registry.Ref())),
-              zym::ZYM_OK);
+    ASSERT_EQ(zym::CreateInstance(factory.get(), host.locator.get(), registry.Ref()), zym::ZYM_OK);
     EXPECT_EQ(host.allocator->AddRef(), references + 3);
     host.allocator->Release();
     host.allocator->Release();

@@ -145,9 +145,10 @@ TEST_F(ProcessControlTest, AProcessOfWhichNothingIsKnownCannotBeGotInformatioFor
   EXPECT_EQ(CodeOfMaking(kGone), zym::ZYM_E_NOT_FOUND);
   EXPECT_THAT(
       m_host->tracer->Find("Cannot get informatio for process 78"),
-      MatchesRegex(R"(Expression failed\. Cannot get informatio for process 78: 0x8000004c \(Not found\)\. )"
-                   R"(At process_manager/process_control\.cpp\([0-9]+\) Expression failed: 0x8000004c )"
-                   R"(\(Not found\)\. At process_manager/process_information\.cpp\([0-9]+\) )"))
+      MatchesRegex(
+          R"(Expression failed\. Cannot get informatio for process 78: 0x8000004c \(Not found\)\. )"
+          R"(At process_manager/process/process_control\.cpp\([0-9]+\) Expression failed: 0x8000004c )"
+          R"(\(Not found\)\. At process_manager/process/process_information\.cpp\([0-9]+\) )"))
       << "with what it is nested in";
 }
 
@@ -268,8 +269,9 @@ TEST_F(ProcessControlTest, AFlagThatIsAddedAndRemovedIsInvalidAndChangesNothing)
   EXPECT_EQ(control->UpdateAttributeFlags(6, 4), zym::ZYM_E_INVALID_ARGUMENT);
   EXPECT_EQ(FlagsOf(*control), 0U);
   const std::string text = m_host->tracer->Find("(add & remove) == 0");
-  EXPECT_THAT(text, MatchesRegex(R"(process_manager/process_control\.cpp:[0-9]+\(\(add & remove\) == 0\),)"
-                                 R"(\(bool\) failed: result = false)"));
+  EXPECT_THAT(text,
+              MatchesRegex(R"(process_manager/process/process_control\.cpp:[0-9]+\(\(add & remove\) == 0\),)"
+                           R"(\(bool\) failed: result = false)"));
   EXPECT_TRUE(Traced(300, text));
 }
 
@@ -382,7 +384,7 @@ TEST_F(ProcessControlTest, ATerminationThatCannotBeAskedForIsNotWaitedFor) {
   EXPECT_EQ(Make()->TerminateAndWait(1000), zym::ZYM_E_ACCESS_DENIED);
   EXPECT_THAT(m_done, ElementsAre("kill 77 15"));
   EXPECT_THAT(m_host->tracer->Find("(Kill(15))"),
-              MatchesRegex(R"(process_manager/process_control\.cpp:[0-9]+\(Kill\(15\)\),)"
+              MatchesRegex(R"(process_manager/process/process_control\.cpp:[0-9]+\(Kill\(15\)\),)"
                            R"(\(ZYM_SUCCEEDED\(_result\)\) failed: result = 0x80000045 \(Access denied\))"));
   EXPECT_TRUE(Traced(300, "(Kill(15))"));
 }

@@ -309,10 +309,11 @@ TEST_F(ProcessInformationTest, AServiceThatIsMissingIsNamed) {
 TEST_F(ProcessInformationTest, TheReaderIsAskedForByItsExpression) {
   m_host->locator->Remove(procfs::IParser::kIid);
   EXPECT_EQ(CodeOfMaking(kPid), zym::ZYM_E_NO_INTERFACE);
-  EXPECT_THAT(m_host->tracer->Find("Cannot get procfs::IParser interface"),
-              MatchesRegex(R"(process_manager/process_information\.cpp:[0-9]+\(zym::GetInterface\(sl, )"
-                           R"(procfs\.Ref\(\)\)\),\(ZYM_SUCCEEDED\(_result\)\) failed: result = 0x80000001 )"
-                           R"(\(Interface not supported\) Cannot get procfs::IParser interface)"));
+  EXPECT_THAT(
+      m_host->tracer->Find("Cannot get procfs::IParser interface"),
+      MatchesRegex(R"(process_manager/process/process_information\.cpp:[0-9]+\(zym::GetInterface\(sl, )"
+                   R"(procfs\.Ref\(\)\)\),\(ZYM_SUCCEEDED\(_result\)\) failed: result = 0x80000001 )"
+                   R"(\(Interface not supported\) Cannot get procfs::IParser interface)"));
 }
 
 TEST_F(ProcessInformationTest, AReadThatFailsIsTracedByItsLevel) {
@@ -433,7 +434,7 @@ TEST_P(ProcessInformationIds, OneThatIsAbsentIsAnErrorAndNeverAFreshRead) {
   EXPECT_EQ(m_parser->reads, 0U);
   const std::string word = GetParam().word;
   const std::string text = m_host->tracer->Find(word + " not found");
-  EXPECT_THAT(text, MatchesRegex(R"(process_manager/process_information\.cpp:[0-9]+\()" + word +
+  EXPECT_THAT(text, MatchesRegex(R"(process_manager/process/process_information\.cpp:[0-9]+\()" + word +
                                  R"(\.has_value\(\)\),\(bool\) failed: result = false )" + word +
                                  " not found for process with pid: 77"));
   EXPECT_TRUE(Traced(300, text));
@@ -456,7 +457,7 @@ TEST_F(ProcessInformationTest, AnEmptyEnvironmentIsAnError) {
   zym::types::vector_t<zym::types::string_t> variables;
   EXPECT_EQ(information->GetEnvironmentVariables(variables), zym::ZYM_E_NOT_FOUND);
   const std::string text = m_host->tracer->Find("environ not found");
-  EXPECT_THAT(text, MatchesRegex(R"(process_manager/process_information\.cpp:[0-9]+)"
+  EXPECT_THAT(text, MatchesRegex(R"(process_manager/process/process_information\.cpp:[0-9]+)"
                                  R"(\(!m_info\.m_environmentVariables\.empty\(\)\),\(bool\) failed: )"
                                  R"(result = false environ not found for process with pid: 77)"));
   EXPECT_TRUE(Traced(300, text));

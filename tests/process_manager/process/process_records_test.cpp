@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <functional>
 
 #include "process_manager/interception/filter.h"
@@ -49,23 +50,22 @@ TEST(ProcessRecord, ThePublicRecordTellsEveryField) {
   info.flags = 17;
   info.state = kTerminated;
   info.commandLine = CommandLine(u"x -y");
-  const system_interceptors::process_manager::ProcessInformation expected = {
-      .pid = 1,
-      .creatorPid = 3,
-      .parentPid = 2,
-      .uniquePid = 4,
-      .creatorUniquePid = 5,
-      .parentUniquePid = 6,
-      .sessionId = 7,
-      .startTime = 5000,
-      .exitTime = 8,
-      .imagePath = u"/bin/x",
-      .workingDirectory = u"/home",
-      .commandLine = u"x -y",
-      .userId = 1000,
-      .flags = 17,
-      .state = kTerminated,
-  };
+  system_interceptors::process_manager::ProcessInformation expected;
+  expected.pid = 1;
+  expected.creatorPid = 3;
+  expected.parentPid = 2;
+  expected.uniquePid = 4;
+  expected.creatorUniquePid = 5;
+  expected.parentUniquePid = 6;
+  expected.sessionId = 7;
+  expected.startTime = 5000;
+  expected.exitTime = 8;
+  expected.imagePath = u"/bin/x";
+  expected.workingDirectory = u"/home";
+  expected.commandLine = u"x -y";
+  expected.userId = 1000;
+  expected.flags = 17;
+  expected.state = kTerminated;
   EXPECT_THAT(ToPublicRecord(info), test_support::IsRecord(expected));
 }
 
@@ -105,6 +105,27 @@ TEST(ProcessRecord, TheFieldsOfBothRecordsStandInTheirOrder) {
                                p.workingDirectory, p.commandLine, p.userId, p.flags, p.state));
 }
 
+// The groups are bases; a field lies where it would without them.
+TEST(ProcessRecord, TheGroupsLieOneBehindTheOther) {
+  const auto offset = [](const auto& record, const auto& field) {
+    return static_cast<std::size_t>(reinterpret_cast<const char*>(&field) -
+                                    reinterpret_cast<const char*>(&record));
+  };
+  const Info i;
+  EXPECT_EQ(offset(i, i.pid), 0U);
+  EXPECT_EQ(offset(i, i.sessionId), 40U);
+  EXPECT_EQ(offset(i, i.imagePath), 64U);
+  EXPECT_EQ(offset(i, i.flags), 64 + 2 * sizeof(i.imagePath) + sizeof(i.commandLine));
+  EXPECT_EQ(offset(i, i.realUserId), offset(i, i.state) + 4);
+  EXPECT_EQ(offset(i, i.environment), offset(i, i.realUserId) + 32);
+  EXPECT_EQ(sizeof(i), offset(i, i.mountNamespaceId) + 8);
+  const system_interceptors::process_manager::ProcessInformation p;
+  EXPECT_EQ(offset(p, p.pid), 0U);
+  EXPECT_EQ(offset(p, p.sessionId), 40U);
+  EXPECT_EQ(offset(p, p.imagePath), 64U);
+  EXPECT_EQ(sizeof(p), offset(p, p.state) + 4);
+}
+
 TEST(ProcessRecord, TheFieldsOfWhatIsReadFromProcStandInTheirOrder) {
   const procfs::Stat s;
   EXPECT_TRUE(StandInThisOrder(s.pid, s.comm, s.state, s.ppid, s.pgrp, s.session, s.tty_nr, s.tpgid, s.flags,
@@ -120,7 +141,7 @@ TEST(ProcessRecord, TheFieldsOfWhatIsReadFromProcStandInTheirOrder) {
   EXPECT_TRUE(StandInThisOrder(m.begin, m.end, m.permissions, m.protection, m.offset, m.deviceMajor,
                                m.deviceMinor, m.inode, m.path));
   const procfs::IOMemRange g;
-  EXPECT_TRUE(StandInThisOrder(g.begin, g.end, g.name));
+  EXPECT_TRUE(StandInThisOrder(g.first, g.last, g.name));
   const procfs::ModuleEntry e;
   EXPECT_TRUE(StandInThisOrder(e.name, e.size, e.referenceCount, e.state, e.offset));
   const procfs::ModuleSection t;

@@ -136,7 +136,7 @@ TEST_F(RealProcessTest, AProcessThatIsGoneIsNotFound) {
   const ProcessInformation old = m_info;
   EXPECT_EQ(Get(pid), zym::ZYM_E_NOT_FOUND);
   EXPECT_THAT(m_host.tracer->Find("procfs->GetStat"),
-              MatchesRegex("process_manager/tools.cpp:[0-9]+\\(procfs->GetStat\\(pid, "
+              MatchesRegex("process_manager/process/tools.cpp:[0-9]+\\(procfs->GetStat\\(pid, "
                            "stat\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004c \\(Not "
                            "found\\) Cannot get process status from procfs for pid: " +
                            std::to_string(pid)));

@@ -113,7 +113,7 @@ class ToolsTest : public ::testing::Test {
   // Exactly this text behind the place of the check.
   void ExpectFailedCheck(const std::string& expression, const std::string& message) {
     const std::string text = m_tracer->Find("(" + expression + ")");
-    EXPECT_THAT(text, ::testing::StartsWith("process_manager/tools.cpp:"));
+    EXPECT_THAT(text, ::testing::StartsWith("process_manager/process/tools.cpp:"));
     EXPECT_THAT(
         text, ::testing::EndsWith("(" + expression +
                                   "),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) " +

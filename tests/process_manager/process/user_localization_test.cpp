@@ -36,8 +36,7 @@ class ProcessUserLocalizationProviderTest : public testing::Test {
   zym::result_t Make(zym::intrusive_ptr<IProcessUserLocalizationProvider>& provider) {
     const auto factory =
         zym::intrusive_ptr<zym::IObjectFactory>::Attach(new zym::Factory<ProcessUserLocalizationProvider>());
-    return factory->CreateInstance(m_host.locator.get(), IProcessUserLocalizationProvider::kIid,
-                                   reinterpret_cast<void**>(provider.Ref()));
+    return zym::CreateInstance(factory.get(), m_host.locator.get(), provider.Ref());
   }
 
   // The answer for a process with this LANG.
@@ -138,7 +137,7 @@ TEST_F(ProcessUserLocalizationProviderTest, WithoutAReaderOfProcTheLocatorsCodeI
   EXPECT_EQ(provider->GetProcessUserLocalization(kPid, localization), zym::ZYM_E_LOCKED);
   EXPECT_EQ(std::u16string_view(localization), u"untouched");
   const std::string record = m_host.tracer->Find("failed: result");
-  EXPECT_NE(record.find("process_manager/user_localization.cpp:"), std::string::npos) << record;
+  EXPECT_NE(record.find("process_manager/process/user_localization.cpp:"), std::string::npos) << record;
   EXPECT_NE(
       record.find("(zym::GetInterface(GetServiceLocator(), procfsParser.Ref())),(ZYM_SUCCEEDED(_result)) "
                   "failed: result = 0x8000004f (Locked)"),

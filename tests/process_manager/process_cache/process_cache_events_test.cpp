@@ -430,7 +430,7 @@ TEST_F(ProcessCacheEvents, ACompletedCreationOfAnUnknownImageIsNotFoundAndTraced
   create.info.uniquePid += 1ULL << 32;
   EXPECT_EQ(m_cache->OnCreateProcess(true, create), zym::ZYM_E_NOT_FOUND);
   EXPECT_FALSE(create.skip) << "the process is known";
-  EXPECT_TRUE(Traced(zym::trace::kFailure, "process_manager/process_cache_events.cpp:"));
+  EXPECT_TRUE(Traced(zym::trace::kFailure, "process_manager/process_cache/process_cache_events.cpp:"));
   EXPECT_TRUE(Traced(zym::trace::kFailure, "(procInfo),(bool) failed: result = false"));
 }
 

@@ -287,7 +287,8 @@ TEST_F(ProcessCacheTest, WhyAUniquePidIsNotFoundIsTraced) {
       EXPECT_TRUE(std::ranges::any_of(m_host->tracer->Records(), [&](const auto& record) {
         return record.level == zym::trace::kCall && record.text == text;
       })) << text;
-      EXPECT_TRUE(Traced(zym::trace::kFailure, "ProcessCache::process_manager/process_cache.cpp:"));
+      EXPECT_TRUE(
+          Traced(zym::trace::kFailure, "ProcessCache::process_manager/process_cache/process_cache.cpp:"));
       EXPECT_TRUE(Traced(zym::trace::kFailure, "(procInfo),(bool) failed: result = false"));
     }
   }

@@ -290,12 +290,12 @@ TEST_F(ModulesSectionsTest, ASectionThatCannotBeReadIsDeniedAndEndsTheWalk) {
       tree.Write(name + "/sections/.text", bad.content);
     EXPECT_EQ(Read({{.name = name, .size = 1}}), zym::ZYM_E_ACCESS_DENIED) << name;
     EXPECT_TRUE(Traced(bad.level, bad.message)) << name;
-    EXPECT_THAT(
-        Trace().Find("Failed to parse"),
-        MatchesRegex("process_manager/proc_modules.cpp:[0-9]+\\(ParseModuleSections\\(GetTracer\\(\\), "
-                     "enumerator, allowZeroOffset, sectionsInfo\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) "
-                     "failed: result = 0x80000045 \\(Access denied\\) Failed to parse module " +
-                     name + " sections"));
+    EXPECT_THAT(Trace().Find("Failed to parse"),
+                MatchesRegex(
+                    "process_manager/procfs/proc_modules.cpp:[0-9]+\\(ParseModuleSections\\(GetTracer\\(\\), "
+                    "enumerator, allowZeroOffset, sectionsInfo\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) "
+                    "failed: result = 0x80000045 \\(Access denied\\) Failed to parse module " +
+                    name + " sections"));
     EXPECT_THAT(sections, IsEmpty());
   }
 }

@@ -143,7 +143,7 @@ TEST_F(ProcParserTest, ReadsIomemBelowItsRoot) {
   IOMemMap map;
   ASSERT_EQ(Make<RootedParser>(tree.Path())->GetIOMemMap(map), zym::ZYM_OK);
   ASSERT_EQ(map.size(), 1U);
-  EXPECT_EQ(map[0].end, 0x9fbffU);
+  EXPECT_EQ(map[0].last, 0x9fbffU);
   EXPECT_EQ(map[0].name, "System RAM");
 }
 

@@ -272,7 +272,7 @@ TEST(ProcParser, AStatusFileThatCannotBeParsedIsTracedAsAFailedCheck) {
       root.Trace().Clear();
       Creds creds;
       EXPECT_EQ(root.parser->GetCreds(pid, creds), zym::ZYM_E_UNSPECIFIED);
-      EXPECT_TRUE(root.Trace().Has(300, "process_manager/proc_parser.cpp:"));
+      EXPECT_TRUE(root.Trace().Has(300, "process_manager/procfs/proc_parser.cpp:"));
       EXPECT_THAT(root.Trace().Find("Cannot parse"),
                   HasSubstr("(ParseCreds(file, creds)),(bool) failed: result = false Cannot parse " +
                             root.Path(std::to_string(pid) + "/status")));
@@ -331,7 +331,7 @@ TEST_F(ProcParserTest, ARootThatCannotBeOpenedIsTracedAsAFailedCheck) {
     EXPECT_EQ(record.level, 300U);
     EXPECT_THAT(
         record.text,
-        ::testing::MatchesRegex("process_manager/proc_parser.cpp:[0-9]+\\(dir\\),\\(bool\\) failed: result = "
+        ::testing::MatchesRegex("process_manager/procfs/proc_parser.cpp:[0-9]+\\(dir\\),\\(bool\\) failed: result = "
                                 "false Cannot open /no/such/root: No such file or directory"));
   }
 }

@@ -141,7 +141,7 @@ inline auto Fields(const MapsEntry& e) {
                          e.inode, e.path);
 }
 inline auto Fields(const IOMemRange& r) {
-  return std::make_tuple(r.begin, r.end, r.name);
+  return std::make_tuple(r.first, r.last, r.name);
 }
 
 inline bool Equal(const Maps& a, const Maps& b) {

@@ -7,6 +7,8 @@
 //
 // Result codes: ZYM_OK; ZYM_E_UNSPECIFIED, a file or a line that can't be opened, read or parsed;
 // ZYM_E_NOT_FOUND, the process is gone; ZYM_E_ACCESS_DENIED, the kernel hides its addresses.
+//
+// Ranges: an `end` is the first address behind its range, a `last` the last address in it.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +25,8 @@ namespace qor::procfs {
 
 // A process's stat file, proc(5), and two facts of its directory.
 struct Stat {
+  static constexpr std::uint32_t kKernelThread = 0x200000;  // of flags: PF_KTHREAD (include/linux/sched.h)
+
   std::uint32_t pid = 0;
   std::string comm;  // between the first '(' and the last ')'
   char state = 0;
@@ -36,6 +40,8 @@ struct Stat {
   std::uint64_t rsslim = 0;              // bytes
   std::int64_t directoryChangeTime = 0;  // st_ctime of the process's directory, seconds since 1970
   std::uint32_t uid = 0;                 // st_uid of the same
+
+  [[nodiscard]] bool IsKernelThread() const noexcept { return (flags & kKernelThread) != 0; }
 };
 
 struct IOCounters {
@@ -50,10 +56,11 @@ struct Creds {
   std::vector<std::uint32_t> groups;
 };
 
+// One mapping: [begin, end).
 struct MapsEntry {
-  std::uint64_t begin = 0, end = 0;  // [begin, end)
-  std::uint32_t permissions = 0;     // bits: 1 read, 2 write, 4 execute, 8 shared
-  std::uint32_t protection = 0;      // a memory protection constant, see Protection
+  std::uint64_t begin = 0, end = 0;
+  std::uint32_t permissions = 0;  // bits: 1 read, 2 write, 4 execute, 8 shared
+  std::uint32_t protection = 0;   // a constant of process_memory_manager::protection
   std::uint64_t offset = 0;
   std::uint32_t deviceMajor = 0, deviceMinor = 0;
   std::uint32_t inode = 0;  // 0 for an inode beyond 32 bits
@@ -63,12 +70,14 @@ struct MapsEntry {
 // By start address; mappings with equal starts are all kept.
 using Maps = std::multimap<std::uint64_t, std::shared_ptr<MapsEntry>>;
 
+// One line of iomem: [first, last].
 struct IOMemRange {
-  std::uint64_t begin = 0, end = 0;  // [begin, end]
+  std::uint64_t first = 0, last = 0;
   std::string name;
 };
 using IOMemMap = std::vector<IOMemRange>;  // in the file's order, without its nesting
 
+// A kernel module: [offset, offset + size).
 struct ModuleEntry {
   std::string name;
   std::uint64_t size = 0;  // bytes
@@ -78,6 +87,7 @@ struct ModuleEntry {
 };
 using ModulesList = std::vector<ModuleEntry>;
 
+// A section of a kernel module: [address, address + size).
 struct ModuleSection {
   std::uint64_t size = 0;  // bytes
   std::uint64_t address = 0;
@@ -92,14 +102,17 @@ struct DescriptorInfo {
   std::uint32_t fileType = 0;
 };
 
-// A pid of 0 is the kernel. Where an operation has nothing to say of it, it traces that, leaves the record
-// alone and succeeds: GetStat, GetIOCounters, GetMaps and GetCreds.
+// A pid of 0 is the kernel. Of it GetStat, GetIOCounters, GetMaps and GetCreds read nothing: they trace that,
+// leave the record alone and succeed.
 struct IParser : zym::IObject {
   static constexpr zym::iid_t kIid = 0xc9b36ad4;
 
   virtual zym::result_t GetStat(PidType pid, Stat& stat) = 0;
   virtual zym::result_t GetIOCounters(PidType pid, IOCounters& counters) = 0;
-  // The target of the link `name` in the process's directory, as the kernel gives it.
+  // The target of the link `name` in the process's directory, as the kernel gives it. ZYM_E_NOT_FOUND: there
+  // is no such link, or no such process; ZYM_E_UNSPECIFIED: the link can't be read. On failure `errno`
+  // carries the reason, that of readlink(2), and `target` is left alone. The same goes for GetImagePath and
+  // GetWorkingDir, which read the links "exe" and "cwd".
   virtual zym::result_t GetProcLink(PidType pid, const NativePath& name, NativePath& target) = 0;
   virtual zym::result_t GetMaps(PidType pid, Maps& maps) = 0;
   // The arguments joined by single blanks. ZYM_FALSE: there are none. Pid 0: the kernel's own command line.
@@ -115,6 +128,8 @@ struct IParser : zym::IObject {
   // Lifts kptr_restrict and perf_event_paranoid for the time of one read when the kernel hides its addresses.
   // This one and the next let zym::CheckFailedException out when those settings can't be changed.
   virtual zym::result_t GetModules(ModulesList& modules) = 0;
+  // Appends, by ascending address. Each section ends at the latest where the next one begins, and the last
+  // one at `kernelModulesSectionEndVaddr`; those that are empty then are left out.
   virtual zym::result_t GetModulesSections(const ModulesList& modules, ModulesSections& modulesSections,
                                            std::uint64_t kernelModulesSectionEndVaddr) = 0;
   virtual zym::result_t GetCreds(PidType pid, Creds& creds) = 0;

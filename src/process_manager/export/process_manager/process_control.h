@@ -1,4 +1,4 @@
-// What can be done to one process, as an object.
+// The control of one process: signals, times and counters.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ struct ProcessIoCounters {
 struct ProcessVmCounters;
 
 // Acts on one process, which it knows by its pid alone: once the process is gone and its pid given again, it
-// acts on the new owner, of which GetInformation knows nothing. Any thread. QueryInterface gives
+// acts on the new owner, of which GetInformation knows nothing. Any thread. QueryInterface answers
 // IProcessAttributes.
 //
 // Result codes: those of procfs::IParser for what is read; the errno of kill(2) by ErrnoToResult for signals:

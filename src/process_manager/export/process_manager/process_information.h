@@ -1,4 +1,4 @@
-// What is known of one process, as an object.
+// The facts of one process, as an object.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 namespace system_interceptors::process_manager {
 
 // What was known of one process when the object was made. It never reads anything again, so it outlives its
-// process. Any thread. QueryInterface gives IPosixProcessInformation2.
+// process. Any thread. QueryInterface answers IPosixProcessInformation2.
 struct IProcessInformation : zym::IObject {
   static constexpr zym::iid_t kIid = zym::IidOf("system_interceptors::process_manager::IProcessInformation");
 
@@ -20,7 +20,7 @@ struct IProcessInformation : zym::IObject {
   ~IProcessInformation() = default;
 };
 
-// What Linux tells beyond the public record. ZYM_E_NOT_FOUND: it was not read for this object; the value is
+// What Linux knows beyond the public record. ZYM_E_NOT_FOUND: it was not read for this object; the value is
 // left alone. Everything was read for the objects of a snapshot; an object that was asked for by its pid has
 // what the cache had, or the user of GetRealUserId alone. The audit user and the names are never read
 // (ZYM_E_NOT_IMPLEMENTED).
@@ -34,7 +34,7 @@ struct IPosixProcessInformation : zym::IObject {
   virtual zym::result_t GetUserName(zym::types::string_t& name) = 0;
   // Read from /proc it is the owner of the process's directory there: the effective user, or root for a
   // process that may not be dumped (proc(5)). Of a process that has changed its ids while the module listened
-  // to the kernel it is the real user that the kernel told. An exec keeps it.
+  // to the kernel it is the real user that the kernel reported. An exec keeps it.
   virtual zym::result_t GetRealUserId(std::uint32_t& id) = 0;
   virtual zym::result_t GetEffectiveUserId(std::uint32_t& id) = 0;
   virtual zym::result_t GetGroupName(zym::types::string_t& name) = 0;

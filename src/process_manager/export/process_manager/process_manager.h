@@ -1,4 +1,4 @@
-// The door to processes as objects (class id class_ids::kProcessManager).
+// The manager that makes the objects of processes (class id class_ids::kProcessManager).
 #pragma once
 
 #include "process_manager/process_control.h"
@@ -13,7 +13,8 @@ struct IProcessInformationEnumerator : zym::IObject {
   static constexpr zym::iid_t kIid =
       zym::IidOf("system_interceptors::process_manager::IProcessInformationEnumerator");
 
-  // Gives the next object with one more reference. ZYM_FALSE: there are no more; `information` is left alone.
+  // Returns the next object with one more reference. ZYM_FALSE: there are no more; `information` is left
+  // alone.
   virtual zym::result_t Next(IProcessInformation** information) = 0;
   // Goes back to the first object.
   virtual zym::result_t Reset() = 0;
@@ -22,14 +23,14 @@ struct IProcessInformationEnumerator : zym::IObject {
   ~IProcessInformationEnumerator() = default;
 };
 
-// Any thread. Each object is given with one reference, and lives on when the manager has been released. On
+// Any thread. Each object is returned with one reference, and lives on when the manager has been released. On
 // failure the out-parameter is left alone.
 //
 // The locator must offer procfs::IParser and the process cache. A process of which the cache knows is not
 // read again. Result codes of the getters: ZYM_E_NOT_FOUND, there is no such process, it has ended (even if
-// its parent has not collected it yet), or it can't be looked into for a want of CAP_SYS_PTRACE, which the
-// kernel doesn't tell apart; ZYM_E_INVALID_ARGUMENT, the pid is all ones. A pid of 0 is the kernel. The id of
-// a thread is taken as the kernel takes it: the object is that of the thread, under the thread's id.
+// its parent has not collected it yet), or it can't be looked into for want of CAP_SYS_PTRACE: the
+// kernel answers all three alike; ZYM_E_INVALID_ARGUMENT, the pid is all ones. A pid of 0 is the kernel. The
+// id of a thread is taken as the kernel takes it: the object is that of the thread, under the thread's id.
 struct IProcessManager : zym::IObject {
   static constexpr zym::iid_t kIid = 0x476789db;
 
@@ -37,8 +38,8 @@ struct IProcessManager : zym::IObject {
   // meantime, and those that can't be looked into, are left out.
   virtual zym::result_t Enumerate(IProcessInformationEnumerator** enumerator) = 0;
   virtual zym::result_t GetInformation(qor::PidType pid, IProcessInformation** information) = 0;
-  // An image that the cache doesn't have any more is looked for by the pid that is in its id: then the object
-  // is that of the process which has the pid now, under the unique pid that this one has.
+  // An image that the cache doesn't have any more is looked for by the pid that is in its id. Then the object
+  // is that of the process which has the pid now, under that process's own unique pid.
   virtual zym::result_t GetInformationByUniqueId(const qor::UniquePidType& id,
                                                  IProcessInformation** information) = 0;
   // The control needs IAppSettingsProvider and IPathMatcherFactory too, unless the process is the host's own

@@ -1,4 +1,4 @@
-// The memory of a process: what is mapped where, and reads by address (class id
+// The memory of a process: its regions, and reads by address (class id
 // class_ids::kProcessMemoryFactory).
 //
 // Regions come from a look at /proc/<pid>/maps when the object is made; reads go to the live process, by
@@ -46,8 +46,7 @@ struct ProcessMemoryRegionInformation {
 struct IProcessMemoryRegionEnumerator : zym::IObject {
   static constexpr zym::iid_t kIid = 0x24d84ebc;
 
-  // The next region, by ascending address. ZYM_FALSE: there is none any more, and `information` is left
-  // alone.
+  // The next region, by ascending address. ZYM_FALSE: there are no more; `information` is left alone.
   virtual zym::result_t Next(ProcessMemoryRegionInformation& information) = 0;
   // Begins again, over the same regions.
   virtual zym::result_t Reset() = 0;
@@ -63,7 +62,7 @@ struct IProcessMemory : zym::IObject {
   virtual zym::result_t EnumerateMemoryRegions(IProcessMemoryRegionEnumerator** enumerator) = 0;
 
   // The first region that BEGINS at or above `address`: an address inside a region gets the region after it,
-  // and a region itself is only had by its exact base. To walk, ask for 0, and then for base + size.
+  // and a region itself is found by its exact base only. To walk, ask for 0, and then for base + size.
   // ZYM_E_INVALID_ARGUMENT: none begins there or above; `information` is left alone.
   virtual zym::result_t QueryRegion(std::uint64_t address, ProcessMemoryRegionInformation& information) = 0;
 

@@ -37,7 +37,7 @@ struct IProcessModule : zym::IObject {
 struct IProcessModuleEnumerator : zym::IObject {
   static constexpr zym::iid_t kIid = 0xdd01a982;
 
-  // ZYM_FALSE: there is none any more, and `module` is left alone.
+  // ZYM_FALSE: there are no more; `module` is left alone.
   virtual zym::result_t Next(IProcessModule** module) = 0;
   // Begins again, with the same modules.
   virtual zym::result_t Reset() = 0;

@@ -26,20 +26,22 @@ class FeatureTechsAggregator : public zym::object::Ifaces<IFeatureTechsAggregato
   zym::result_t UnregisterFeature(std::uint32_t feature) override;
   zym::result_t Report(FeatureTechsReport& report) override;
 
+ protected:
+  ~FeatureTechsAggregator() = default;
+
  private:
   using Table = std::unordered_map<std::uint32_t, std::unordered_set<std::uint32_t>>;
 
   bool IsExploitPreventionActive();
   bool IsAepEnabled();
   void AddExploitPrevention(Table& table, std::uint32_t feature);
-  zym::ITracer* Unlock(std::unique_lock<std::mutex>& lock);
 
   std::mutex m_mutex;  // guards m_aggregated; never held across a call to another object
   Table m_aggregated;
 };
 
 // Registers a technology for as long as it lives. Construction throws zym::CheckResultFailedException when
-// the aggregator can't be had or refuses.
+// the aggregator is missing or refuses.
 class ScopedTech : public zym::NonCopyable {
  public:
   ScopedTech(zym::IServiceLocator* locator, zym::ITracer* tracer, std::uint32_t feature, std::uint32_t tech);

@@ -73,11 +73,10 @@ class IO : public zym::object::Ifaces<zym::IIO, zym::IAccessModeController, zym:
   ~IO();
 
  private:
-  zym::result_t GetPathImpl(NativePath& path) const;
   zym::result_t ReopenWith(zym::io_access_mode::Type mode);
   bool IsDeleteOnClose() const;
   zym::result_t RemoveFile() const;
-  zym::result_t RemoveInOwnNamespace(const NativePath& nativePath, const NativePath& filename) const;
+  zym::result_t RemoveInOwnNamespace(const NativePath& filename) const;
   zym::result_t RemoveInForeignNamespace(const NativePath& filename) const;
   void Close(int fd) const noexcept;
 

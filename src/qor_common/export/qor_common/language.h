@@ -1,4 +1,4 @@
-// The language that a locale's name tells, as in the environment variable LANG.
+// The language in a locale's name, as in the environment variable LANG.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 namespace qor::tools {
 
 // `text` is "ll_CC" and anything from the first character that has no place in that: "ru_RU.UTF-8",
-// "ca_ES@valencia". Gives the part before the '_' in `language`, which may be empty ("_US"). Chinese is told
+// "ca_ES@valencia". Sets `language` to the part before the '_', which may be empty ("_US"). Chinese is named
 // by its script: "zh-hant" for "zh_TW", "zh-hans" for every other "zh_". ZYM_E_INVALID_ARGUMENT, with
 // `language` left alone: a capital before the '_' ("C", "POSIX"), a small letter after it, or no '_' ("en").
 // Letters are those of ASCII. Throws only std::bad_alloc.

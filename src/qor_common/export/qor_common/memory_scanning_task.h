@@ -10,7 +10,8 @@ namespace qor::process_memory_manager {
 // The first task, in the task manager's order, that is neither stopped nor completed, has settings of a
 // memory scan, and scans memory. Needs IQorTaskManager of the locator: a failure to get it or the product's
 // tasks is traced and returned. ZYM_E_NOT_FOUND: there is none; `task` is left alone then. Any thread.
-zym::result_t GetMemoryScanningTask(zym::IServiceLocator* sl, zym::ITracer* tracer, core::TaskInfo& task);
+zym::result_t GetMemoryScanningTask(zym::IServiceLocator* locator, zym::ITracer* tracer,
+                                    core::TaskInfo& task);
 
 // The settings of a memory scan; null if the task has others, or none. Valid while the host keeps them.
 const core::MemoryScanSettings* GetMemoryScanSettings(const core::TaskInfo& task) noexcept;

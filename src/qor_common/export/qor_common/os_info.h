@@ -1,4 +1,4 @@
-// What this machine runs: distribution, kernel, workstation or server.
+// The software of this machine: distribution, kernel, workstation or server.
 #pragma once
 
 #include <compare>
@@ -31,8 +31,8 @@ struct KernelVersion {
 // failed; `info` is left alone.
 zym::result_t GetOsInfo(zym::ITracer* tracer, OsInfo& info, const std::string& root = "");
 
-// A machine with a web browser counts as a workstation, any other as a server: no system call tells the two
-// apart. `root` stands before each path. Can't fail.
+// A machine with a web browser counts as a workstation, any other as a server: no system call shows the
+// difference. `root` stands before each path. Can't fail.
 bool IsWorkstation(zym::ITracer* tracer, const std::string& root = "");
 
 // The running kernel's, by uname(2); all -1 when that fails.

@@ -26,8 +26,8 @@ int OpenLongPath(int dirFd, std::string_view path, int flags);
 // The path runs through the root of a process: "/proc/[0-9]+/root/.*" matches it whole.
 bool IsProcRootPath(std::string_view path);
 
-// What follows the root in such a path; empty when nothing follows, or the path is none such. Reads with the
-// format "/proc/%d/root%4096s": what is told ends at the first white space, and at 4096 bytes.
+// What follows the root in such a path; empty when nothing follows, or for any other path. Reads with the
+// format "/proc/%d/root%4096s": the result ends at the first white space, and at 4096 bytes.
 std::string StripProcRoot(const std::string& path);
 
 }  // namespace qor::tools

@@ -1,4 +1,4 @@
-// Where /proc is.
+// The place of /proc.
 #pragma once
 
 #include <string>

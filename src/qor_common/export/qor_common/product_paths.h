@@ -1,4 +1,4 @@
-// Where the product is installed, and which executables are its own.
+// The places of the product, and its own executables.
 #pragma once
 
 #include <string>

@@ -10,7 +10,7 @@
 
 namespace qor {
 
-// Empty, or one thread that runs until its function returns. The owner tells it to stop and then joins it;
+// Empty, or one thread that runs until its function returns. The owner makes it stop and then joins it;
 // the destructor joins what was not joined.
 class Thread {
  public:

@@ -1,4 +1,4 @@
-// Small things that several components ask for.
+// Small functions that several components ask for.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace qor::tools {
 
-// Stands for a path that can't be told because it is too deep.
+// In place of a path that is too deep to be expressed.
 inline constexpr std::string_view kPathIsTooLong = "<PATH IS TOO LONG>";
 inline constexpr std::u16string_view kPathIsTooLong16 = u"<PATH IS TOO LONG>";
 
