@@ -67,6 +67,7 @@ class UnlinkInNamespaceTest : public testing::Test {
 };
 
 TEST_F(UnlinkInNamespaceTest, RemovesThereAndNotHere) {
+  SKIP_IF(test_support::MissingNamespaceRoot());
   const std::string path = m_directory / "file";
   WriteTextFile(path, "here");
   const ForeignNamespace foreign(m_directory.Path());
@@ -109,6 +110,7 @@ TEST_F(UnlinkInNamespaceTest, ReportsThatNoThreadCouldBeMade) {
 }
 
 TEST_F(UnlinkInNamespaceTest, WorksFromManyThreadsAtOnce) {
+  SKIP_IF(test_support::MissingNamespaceRoot());
   constexpr int kThreads = 4;
   constexpr int kFiles = 50;
   const ForeignNamespace foreign(m_directory.Path());

@@ -1,8 +1,11 @@
 #include "support/rights.h"
 
+#include <fcntl.h>
 #include <linux/connector.h>
 #include <linux/netlink.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -48,6 +51,22 @@ std::string MissingMountRights() {
   std::string missing;
   std::thread([&missing] { missing = EnterPrivateMounts(); }).join();
   return missing.empty() ? missing : "needs the right to make a mount namespace (CAP_SYS_ADMIN): " + missing;
+}
+
+std::string MissingNamespaceRoot() {
+  std::string missing;
+  std::thread([&missing] {
+    struct stat here {};
+    struct stat root {};
+    const qor::UniqueFd own(::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC));
+    if (::stat("/", &here) != 0 || ::unshare(CLONE_FS) != 0 || ::setns(own.Get(), CLONE_NEWNS) != 0 ||
+        ::stat("/", &root) != 0)
+      missing =
+          std::string("needs the right to join a mount namespace (CAP_SYS_ADMIN): ") + std::strerror(errno);
+    else if (here.st_dev != root.st_dev || here.st_ino != root.st_ino)
+      missing = "needs the root of the mount namespace: run outside of a chroot";
+  }).join();
+  return missing;
 }
 
 }  // namespace test_support

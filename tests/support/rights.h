@@ -18,5 +18,8 @@ std::string MissingRight(int capability, const std::string& purpose);
 std::string MissingProcConnector();
 // A mount namespace of one's own whose mounts nobody else sees.
 std::string MissingMountRights();
+// A root that is the mount namespace's own, as it isn't in a chroot: a path is the same to whoever joins the
+// namespace.
+std::string MissingNamespaceRoot();
 
 }  // namespace test_support
