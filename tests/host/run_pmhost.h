@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "qor_common/unique_fd.h"
+#include "support/rights.h"
 #include "support/temp_directory.h"
 
-#define PMHOST_NEEDS_ROOT() \
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root"
+#define PMHOST_NEEDS_ROOT() SKIP_IF(test_support::MissingProcConnector())
 
 namespace host_tests {
 

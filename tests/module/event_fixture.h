@@ -12,6 +12,7 @@
 #include "module/module_host.h"
 #include "support/actor.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace test_support {
@@ -38,7 +39,7 @@ class EventFixture : public testing::Test {
  protected:
   // The interceptor with an active filter of each type; the source isn't enabled yet.
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+    SKIP_IF(MissingProcConnector());
     ASSERT_EQ(m_host.CreateInterceptor(m_interceptor), zym::ZYM_OK);
     ASSERT_EQ(zym::QueryInterface(m_interceptor, m_control.Ref()), zym::ZYM_OK);
     for (const std::uint32_t type : {kCreate, kExit}) {

@@ -19,6 +19,7 @@
 #include "process_manager/user_localization.h"
 #include "support/actor.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ TEST(ModuleLifetime, NoThreadAndNoDescriptorIsLeftAndTheModuleCanBeLoadedAgain) 
     const ModuleHost moduleHost;
     zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> interceptor;
     ASSERT_EQ(moduleHost.CreateInterceptor(interceptor), zym::ZYM_OK);
-    if (::geteuid() != 0) return;  // the source needs CAP_NET_ADMIN; the rest of the round is the same
+    if (!MissingProcConnector().empty()) return;  // the rest of the round is the same
     zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;
     ASSERT_EQ(zym::QueryInterface(interceptor, control.Ref()), zym::ZYM_OK);
     ASSERT_EQ(control->EnableNonBlockingInterceptor(1), zym::ZYM_OK);
@@ -141,7 +142,7 @@ TEST(ModuleLifetime, TheEntriesMayBeCalledFromSeveralThreads) {
 
 // An object that nobody can reach any more still pins the module: here a handler keeps an event.
 TEST(ModuleLifetime, AnEventThatAHandlerKeepsPinsTheModule) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   class Keeper : public zym::object::Ifaces<system_interceptors::event_processing::INonBlockingEventHandler> {
    public:
     void OnEvent(qor::process_manager::ISystemEvent* event, std::uint32_t) override {

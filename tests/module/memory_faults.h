@@ -11,6 +11,7 @@
 #include <ostream>
 
 #include "module/fault_host.h"
+#include "support/rights.h"
 
 namespace test_support {
 
@@ -63,9 +64,7 @@ struct Facade {
 
 class NetlinkMemoryFaults : public testing::Test {
  protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
-  }
+  void SetUp() override { SKIP_IF(MissingProcConnector()); }
 };
 
 }  // namespace test_support

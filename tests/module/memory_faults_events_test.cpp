@@ -12,6 +12,7 @@
 
 #include "module/memory_faults.h"
 #include "qor_common/unique_fd.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace {
@@ -184,7 +185,7 @@ TEST_F(EventMemoryFaults, AnEventComesOrIsLostWithATraceWhateverAllocationFails)
 }
 
 TEST(MemoryFaults, AWholeRunWithFailuresInItKeepsNothing) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   ExpectNothingIsKept([] {
     const Facade facade;
     zym::intrusive_ptr<qor::process_manager::IQorInterceptor> control;

@@ -16,6 +16,7 @@
 #include "support/child.h"
 #include "support/child_process.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace {
@@ -191,7 +192,7 @@ std::string BecomeAnOrdinaryUser() {
 }
 
 TEST_F(ModuleProcessControl, AProcessOfSomeoneElseIsNotEndedAndOnesOwnIs) {
-  if (::geteuid() != 0) GTEST_SKIP() << "to become someone else needs CAP_SETUID: run as root";
+  SKIP_IF(MissingRight(CAP_SETUID, "to become someone else"));
   Actor others({"say", "wait"});
   const auto pid = static_cast<PidType>(others.HearPid());
   const auto control = m_processes.ControlOf(pid);
@@ -224,7 +225,7 @@ TEST_F(ModuleProcessControl, AProcessOfSomeoneElseIsNotEndedAndOnesOwnIs) {
 
 // What can't be looked into is left out, and the rest is there.
 TEST_F(ModuleProcessControl, ASnapshotOfAnOrdinaryUserHoldsOnesOwnProcessesAndTheKernel) {
-  if (::geteuid() != 0) GTEST_SKIP() << "to become someone else needs CAP_SETUID: run as root";
+  SKIP_IF(MissingRight(CAP_SETUID, "to become someone else"));
   const std::string wrong = RunInChild([&] {
     if (std::string missing = BecomeAnOrdinaryUser(); !missing.empty()) return missing;
     Findings findings;

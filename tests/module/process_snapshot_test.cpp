@@ -17,6 +17,7 @@
 #include "module/process_objects.h"
 #include "support/actor.h"
 #include "support/forwarding_parser.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace {
@@ -161,7 +162,7 @@ TEST_F(ModuleProcessSnapshot, TellsEverythingOfAProcess) {
 }
 
 TEST_F(ModuleProcessSnapshot, AProcessOfAnotherMountNamespaceSaysSo) {
-  if (::geteuid() != 0) GTEST_SKIP() << "a mount namespace needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(MissingMountRights());
   Actor actor({"mounts", "say", "wait"});
   const auto information = m_processes.InformationOf(static_cast<PidType>(actor.HearPid()));
   zym::intrusive_ptr<process::IPosixProcessInformation2> posix;

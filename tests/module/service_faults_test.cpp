@@ -18,6 +18,7 @@
 #include "support/actor.h"
 #include "support/fake_exclusions.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 
 namespace {
 
@@ -240,7 +241,7 @@ class OperationServiceFaults : public testing::Test {
 };
 
 TEST_F(OperationServiceFaults, AStartWithoutTheFeatureTableFailsAndAStopClearsTheWay) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   zym::intrusive_ptr<zym::IObject> aggregator;
   ASSERT_EQ(m_host.inner.host.locator->GetInterface(qor::IFeatureTechsAggregator::kIid, 0,
                                                     reinterpret_cast<void**>(aggregator.Ref())),

@@ -17,6 +17,7 @@
 #include "module/event_fixture.h"
 #include "support/launcher.h"
 #include "support/private_mounts.h"
+#include "support/rights.h"
 #include "support/watched_tracer.h"
 
 namespace {
@@ -107,7 +108,7 @@ bool IsAncestorOfThisProcess(pid_t wanted) {
 class ModuleRestart : public SourceFixture {
  protected:
   void SetUp() override {
-    if (const std::string missing = MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
+    SKIP_IF(MissingMountRights());
     SourceFixture::SetUp();
   }
 

@@ -22,6 +22,7 @@
 #include "support/fake_process_control.h"
 #include "support/memory_actor.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace {
@@ -294,9 +295,7 @@ Day Live(const ModuleHost& host) {
 
 class TracerFaults : public testing::TestWithParam<Fault> {
  protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
-  }
+  void SetUp() override { SKIP_IF(MissingProcConnector()); }
 };
 
 TEST_P(TracerFaults, ChangeNothingInWhatTheModuleDoes) {
@@ -325,7 +324,7 @@ INSTANTIATE_TEST_SUITE_P(All, TracerFaults,
 
 // A process whose command line and environment don't fit into the first buffer of a record, each way.
 TEST(TracerFaultsOfLongTexts, ARecordThatCantGrowLosesItsTextAndNotTheEvent) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   for (const Fault fault : {Fault::kNone, Fault::kFailsToGrow, Fault::kGrowsToNothing}) {
     const auto tracer = zym::CreateObject<FaultyTracer>(fault);
     {

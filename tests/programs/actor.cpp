@@ -24,6 +24,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/unshare_mounts.h"
+
 namespace {
 
 struct Step {
@@ -252,8 +254,8 @@ const Step kSteps[] = {
      [](char** argument) { Check(::prctl(PR_SET_NAME, *argument) == 0, "prctl(PR_SET_NAME)"); }},
     {"mounts", 0, "a mount namespace of its own",
      [](char**) {
-       Check(::unshare(CLONE_NEWNS) == 0, "unshare(CLONE_NEWNS)");
-       Check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount(MS_PRIVATE)");
+       const char* const failed = test_support::UnshareMounts();
+       Check(failed == nullptr, failed);
      }},
     {"tmpfs", 1, "an empty file system in memory over a directory",
      [](char** argument) { Check(::mount("tmpfs", *argument, "tmpfs", 0, nullptr) == 0, "mount(tmpfs)"); }},

@@ -3,11 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "support/child_process.h"
+#include "support/temp_directory.h"
 
 namespace qor::tools {
 namespace {
 
-using test_support::TemporaryDirectory;
+using test_support::TempDirectory;
 using test_support::WriteTextFile;
 
 TEST(Accounts, AreThoseOfThePasswdFileInItsOrder) {
@@ -72,7 +73,7 @@ TEST(MinUid, AMissingFileKeepsTheDefault) {
 }
 
 TEST(MinUid, IsReadFromTheFile) {
-  const TemporaryDirectory directory;
+  const TempDirectory directory;
   WriteTextFile(directory / "login.defs", "UID_MAX 9\nUID_MIN 321\n");
   EXPECT_EQ(GetMinUid((directory / "login.defs").c_str()), 321U);
 }

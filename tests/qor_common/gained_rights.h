@@ -18,7 +18,7 @@ inline bool HasGainedRights() {
 
 // Runs the current test in a new process that has gained rights, with `name` set to `value` in its
 // environment: the kernel takes a program for one that is set-group-id when its group isn't that of its
-// starter. Needs root.
+// starter. Needs CAP_SETGID.
 inline void RunAgainWithGainedRights(const char* name, const char* value) {
   constexpr const char* kMark = "PM_TEST_GAINED_RIGHTS";
   constexpr gid_t kOther = 65534;

@@ -18,13 +18,15 @@
 #include "process_manager/types.h"
 #include "qor_common/gained_rights.h"
 #include "support/child_process.h"
+#include "support/rights.h"
+#include "support/temp_directory.h"
 
 namespace qor::tools {
 namespace {
 
 using test_support::ForeignNamespace;
 using test_support::RunInChild;
-using test_support::TemporaryDirectory;
+using test_support::TempDirectory;
 using test_support::WriteTextFile;
 
 bool Exists(const std::string& path) {
@@ -48,7 +50,7 @@ TEST(MountNamespace, OnlyAnotherIdIsForeign) {
 }
 
 TEST(MountNamespace, TheOwnIdIsReadAtEachCall) {
-  if (const auto missing = test_support::MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
+  SKIP_IF(test_support::MissingMountRights());
   EXPECT_EQ(RunInChild([]() -> std::string {
               const std::uint64_t before = GetOwnNamespaceId();
               if (const auto missing = test_support::EnterPrivateMounts(); !missing.empty()) return missing;
@@ -60,13 +62,12 @@ TEST(MountNamespace, TheOwnIdIsReadAtEachCall) {
 
 class UnlinkInNamespaceTest : public testing::Test {
  protected:
-  void SetUp() override {
-    if (const auto missing = test_support::MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
-  }
-  TemporaryDirectory m_directory;
+  void SetUp() override { SKIP_IF(test_support::MissingMountRights()); }
+  TempDirectory m_directory;
 };
 
 TEST_F(UnlinkInNamespaceTest, RemovesThereAndNotHere) {
+  SKIP_IF(test_support::MissingNamespaceRoot());
   const std::string path = m_directory / "file";
   WriteTextFile(path, "here");
   const ForeignNamespace foreign(m_directory.Path());
@@ -109,6 +110,7 @@ TEST_F(UnlinkInNamespaceTest, ReportsThatNoThreadCouldBeMade) {
 }
 
 TEST_F(UnlinkInNamespaceTest, WorksFromManyThreadsAtOnce) {
+  SKIP_IF(test_support::MissingNamespaceRoot());
   constexpr int kThreads = 4;
   constexpr int kFiles = 50;
   const ForeignNamespace foreign(m_directory.Path());
@@ -183,7 +185,7 @@ TEST_F(ValgrindCheck, IsReadInAProgramWithMoreRightsThanItsStarterToo) {
     EXPECT_EQ(UnlinkInNamespace(-1, AT_FDCWD, "/none"), zym::ZYM_E_NOT_IMPLEMENTED);
     return;
   }
-  if (::geteuid() != 0) GTEST_SKIP() << "changing the group needs root";
+  SKIP_IF(test_support::MissingRight(CAP_SETGID, "to change the group"));
   test_support::RunAgainWithGainedRights("QOR_VALGRIND_CHECK", "ON");
 }
 

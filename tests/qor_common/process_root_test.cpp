@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/rights.h"
+#include "support/temp_directory.h"
 #include "zym/utf.h"
 
 namespace qor::tools {
@@ -18,7 +20,7 @@ namespace {
 using test_support::ForeignNamespace;
 using test_support::OpenDescriptors;
 using test_support::RunInChild;
-using test_support::TemporaryDirectory;
+using test_support::TempDirectory;
 using test_support::WriteTextFile;
 
 constexpr int kDirectory = O_DIRECTORY | O_CLOEXEC;
@@ -63,7 +65,7 @@ class DeepDirectory {
 
 class OpenLongPathTest : public testing::Test {
  protected:
-  TemporaryDirectory m_directory;
+  TempDirectory m_directory;
   UniqueFd m_start{::open(m_directory.Path().c_str(), kDirectory)};
 };
 
@@ -112,7 +114,7 @@ TEST_F(OpenLongPathTest, WalksFromTheWorkingDirectoryToo) {
 // 16 * 256 = 4096: the shortest path that is too long for one call, and the longest that isn't.
 TEST_F(OpenLongPathTest, TakesPathsRoundTheLimit) {
   for (const std::size_t last : {253U, 254U, 255U}) {
-    const TemporaryDirectory base;
+    const TempDirectory base;
     std::vector<std::size_t> lengths(15, 255);
     lengths.push_back(last);
     const DeepDirectory deep(base.Path(), lengths);
@@ -161,10 +163,8 @@ TEST_F(OpenLongPathTest, APathWithANulOpensNothing) {
 
 class ProcessRoot : public testing::Test {
  protected:
-  void SetUp() override {
-    if (const auto missing = test_support::MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
-  }
-  TemporaryDirectory m_directory;
+  void SetUp() override { SKIP_IF(test_support::MissingMountRights()); }
+  TempDirectory m_directory;
   UniqueFd m_dirFd;
   UniqueFd m_fileFd;
 };

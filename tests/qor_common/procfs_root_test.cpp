@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "qor_common/gained_rights.h"
+#include "support/rights.h"
 
 namespace qor::procfs {
 namespace {
@@ -52,7 +53,7 @@ TEST_F(ProcfsRoot, IsTheVariablesValueInAProgramWithMoreRightsThanItsStarterToo)
     EXPECT_EQ(GetProcfsRoot(), "/tmp/");
     return;
   }
-  if (::geteuid() != 0) GTEST_SKIP() << "changing the group needs root";
+  SKIP_IF(test_support::MissingRight(CAP_SETGID, "to change the group"));
   test_support::RunAgainWithGainedRights("VORN_HOST_PROCFS", "/tmp");
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/child_process.h"
+#include "support/rights.h"
 
 namespace qor {
 namespace {
@@ -17,9 +18,7 @@ using tools::IsTrustedExecutable;
 
 class ProductPaths : public testing::Test {
  protected:
-  void SetUp() override {
-    if (const auto missing = test_support::MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
-  }
+  void SetUp() override { SKIP_IF(test_support::MissingMountRights()); }
 
   // Runs with an "/opt" that holds nothing but the installation of this test.
   static std::string WithOwnOpt(const std::function<std::string()>& body) {

@@ -11,6 +11,7 @@
 #include "support/child_process.h"
 #include "support/fake_services.h"
 #include "support/launcher.h"
+#include "support/rights.h"
 
 namespace qor {
 namespace {
@@ -26,9 +27,7 @@ std::string PrepareOpt() {
 
 class ProductRestartTest : public testing::Test {
  protected:
-  void SetUp() override {
-    if (const auto missing = test_support::MissingMountRights(); !missing.empty()) GTEST_SKIP() << missing;
-  }
+  void SetUp() override { SKIP_IF(test_support::MissingMountRights()); }
 };
 
 TEST_F(ProductRestartTest, StartsTheLauncherWithNoTieToThisProcess) {

@@ -25,6 +25,7 @@
 #include "qor_common/descriptor_notifier.h"
 #include "qor_common/unique_fd.h"
 #include "support/child_process.h"
+#include "support/rights.h"
 #include "support/temp_directory.h"
 
 namespace qor {
@@ -316,7 +317,7 @@ TEST(SecureDaemonSpawn, RunsInTheGivenDirectory) {
 
 TEST(SecureDaemonSpawn, ARelativeProgramIsMeantFromTheCallersDirectory) {
   EXPECT_EQ(RunInChild([]() -> std::string {
-              const test_support::TemporaryDirectory directory;
+              const test_support::TempDirectory directory;
               test_support::WriteTextFile(directory / "program", "#!/bin/sh\necho ran in `pwd`\n", 0755);
               if (::chdir(directory.Path().c_str()) != 0) return "chdir";
               SpawnContext context;
@@ -385,9 +386,7 @@ TEST(SecureDaemonSpawn, CutsStringsAt4095Bytes) {
 
 class SpawnIds : public testing::Test {
  protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root to give a program other ids";
-  }
+  void SetUp() override { SKIP_IF(test_support::MissingRight(CAP_SETUID, "to take other ids")); }
 };
 
 TEST_F(SpawnIds, TheProgramHasTheGivenIds) {
@@ -441,7 +440,7 @@ TEST_F(SpawnIds, ThreadsOfTheStarterDontMatter) {
 // --- failures ---
 
 TEST(SecureDaemonSpawn, WhatIsNoExecutableFileIsNotFound) {
-  const test_support::TemporaryDirectory directory;
+  const test_support::TempDirectory directory;
   test_support::WriteTextFile(directory / "text", "#!/bin/sh\n", 0644);
   for (const std::string& program : {std::string("/none"), std::string(""), directory / "text",
                                      directory.Path(), std::string("/dev/null")}) {
@@ -505,7 +504,7 @@ TEST(SecureDaemonSpawn, AProgramThatCantStartEndsWithTheErrno) {
   context.workingDirectory = "/none";
   EXPECT_EQ(ExitStatus([] {}, context), std::to_string(ENOENT));
 
-  const test_support::TemporaryDirectory directory;
+  const test_support::TempDirectory directory;
   test_support::WriteTextFile(directory / "noise", "\x7f not a program", 0755);
   SpawnContext noise;
   noise.program = directory / "noise";

@@ -9,12 +9,13 @@
 
 #include "qor_common/unique_fd.h"
 #include "support/child_process.h"
+#include "support/temp_directory.h"
 #include "zym/exception.h"
 
 namespace qor::tools {
 namespace {
 
-using test_support::TemporaryDirectory;
+using test_support::TempDirectory;
 
 TEST(Tools, ThePlaceholderIsADeepNestedFile) {
   EXPECT_TRUE(IsDeepNestedFile("<PATH IS TOO LONG>"));
@@ -37,7 +38,7 @@ TEST(Tools, EveryRequestedBitMustBeAvailable) {
 }
 
 TEST(DescriptorPath, IsThePathOfTheOpenFile) {
-  const TemporaryDirectory directory;
+  const TempDirectory directory;
   test_support::WriteTextFile(directory / "file", "");
   const UniqueFd file(::open((directory / "file").c_str(), O_RDONLY | O_CLOEXEC));
   NativePath path;
@@ -55,7 +56,7 @@ TEST(DescriptorPath, OfADescriptorThatIsNotOpenIsLeftAlone) {
 }
 
 TEST(DescriptorPath, BeyondOnePageIsThePlaceholder) {
-  const TemporaryDirectory directory;
+  const TempDirectory directory;
   UniqueFd deep(::open(directory.Path().c_str(), O_DIRECTORY | O_CLOEXEC));
   const std::string name(200, 'd');
   for (int depth = 0; depth < 25; ++depth) {
@@ -74,7 +75,7 @@ TEST(DescriptorPath, BeyondOnePageIsThePlaceholder) {
 }
 
 TEST(Realpath, FollowsLinks) {
-  const TemporaryDirectory directory;
+  const TempDirectory directory;
   test_support::WriteTextFile(directory / "file", "");
   ASSERT_EQ(::symlink("file", (directory / "link").c_str()), 0);
   EXPECT_EQ(Realpath(directory / "./link"), directory / "file");

@@ -5,7 +5,6 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -19,14 +18,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
 #include "support/own_process.h"
 #include "support/threads.h"
+#include "support/unshare_mounts.h"
 
 namespace test_support {
 namespace {
@@ -36,15 +33,6 @@ using qor::UniqueFd;
 std::string LastError(const char* what) {
   const int error = errno;
   return std::string(what) + ": " + std::strerror(error);
-}
-
-void WriteAll(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(fd, text.data(), text.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return;
-    text.remove_prefix(static_cast<std::size_t>(count));
-  }
 }
 
 void RequireNoThreads() {
@@ -89,19 +77,12 @@ std::string RunInChild(const std::function<std::string()>& body) {
 }
 
 std::string EnterPrivateMounts() {
-  if (::unshare(CLONE_NEWNS) != 0) return LastError("unshare(CLONE_NEWNS)");
-  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    return LastError("mount(MS_PRIVATE)");
-  return {};
+  const char* const failed = UnshareMounts();
+  return failed == nullptr ? std::string() : LastError(failed);
 }
 
 std::string MountEmpty(const char* directory) {
   return ::mount("tmpfs", directory, "tmpfs", 0, nullptr) == 0 ? std::string() : LastError("mount(tmpfs)");
-}
-
-std::string MissingMountRights() {
-  const std::string missing = RunInChild(EnterPrivateMounts);
-  return missing.empty() ? missing : "needs the right to make a mount namespace (CAP_SYS_ADMIN): " + missing;
 }
 
 std::string FailSystemCall(long number, int error, std::optional<Argument> argument) {
@@ -154,23 +135,6 @@ std::string ReadSome(int fd) {
   return text;
 }
 
-std::string ReadTextFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-TemporaryDirectory::TemporaryDirectory() {
-  char name[] = "/tmp/unit_tests.XXXXXX";
-  if (::mkdtemp(name) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
-  m_path = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;  // what is left lies in /tmp
-  std::filesystem::remove_all(m_path, ignored);
-}
-
 ForeignNamespace::ForeignNamespace(const std::string& directory) {
   RequireNoThreads();
   int ready[2];
@@ -220,13 +184,6 @@ std::string ForeignNamespace::Seen(const std::string& path) const {
 
 qor::UniqueFd ForeignNamespace::Open() const {
   return UniqueFd(::open(("/proc/" + std::to_string(m_pid) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC));
-}
-
-void WriteTextFile(const std::string& path, const std::string& text, mode_t mode) {
-  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
-  if (!file) throw std::system_error(errno, std::generic_category(), path);
-  if (::fchmod(file.Get(), mode) != 0) throw std::system_error(errno, std::generic_category(), path);
-  WriteAll(file.Get(), text);
 }
 
 }  // namespace test_support

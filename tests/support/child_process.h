@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qor_common/unique_fd.h"
+#include "support/files.h"
 #include "support/own_process.h"
 
 namespace test_support {
@@ -23,9 +24,6 @@ std::string EnterPrivateMounts();
 // In a child behind EnterPrivateMounts: an empty file system in memory over `directory`.
 std::string MountEmpty(const char* directory);
 
-// Lacking rights, as a sentence to skip with; "" when there are all.
-std::string MissingMountRights();
-
 // In a child: the system call `number` does nothing and gives `error` (0: success) from now on, for this
 // process and all it starts; with `argument`, only when the argument of that index has that value.
 struct Argument {
@@ -38,22 +36,6 @@ std::string FailSystemCall(long number, int error, std::optional<Argument> argum
 std::string ReadToEnd(int fd);
 // What is there, waiting for it at most half a minute. Throws at the end.
 std::string ReadSome(int fd);
-std::string ReadTextFile(const std::string& path);
-
-// A directory that is removed, with all that is in it, at the end.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  ~TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-  [[nodiscard]] const std::string& Path() const { return m_path; }
-  [[nodiscard]] std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
-};
 
 // A child that lives in a mount namespace of its own, in which an empty file system in memory lies over
 // `directory`. Throws std::runtime_error when it can't be had.
@@ -75,8 +57,5 @@ class ForeignNamespace {
   pid_t m_pid;
   qor::UniqueFd m_lifeline;  // the child ends when this closes
 };
-
-// Makes a file with this content.
-void WriteTextFile(const std::string& path, const std::string& text, mode_t mode = 0644);
 
 }  // namespace test_support

@@ -3,10 +3,11 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+
+#include "support/files.h"
 
 namespace test_support {
 
@@ -22,7 +23,8 @@ class TempDirectory {
   TempDirectory(const TempDirectory&) = delete;
   TempDirectory& operator=(const TempDirectory&) = delete;
 
-  const std::string& Path() const { return m_path; }
+  [[nodiscard]] const std::string& Path() const { return m_path; }
+  [[nodiscard]] std::string operator/(const std::string& name) const { return m_path + "/" + name; }
 
   // The path of `name`, which may begin with a slash, in it; the directories in between are made.
   std::string Place(std::string_view name) const {
@@ -33,10 +35,7 @@ class TempDirectory {
   // Makes the file `name` with this content.
   std::string Write(std::string_view name, std::string_view content) const {
     const std::string path = Place(name);
-    std::ofstream file(path, std::ios::binary);
-    file.write(content.data(), static_cast<std::streamsize>(content.size()));
-    file.close();
-    if (!file) throw std::runtime_error("cannot write " + path);
+    WriteTextFile(path, content);
     return path;
   }
 

@@ -12,6 +12,7 @@
 #include "process_manager/non_blocking/netlink_fakes.h"
 #include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
+#include "support/rights.h"
 #include "support/threads.h"
 #include "zym/module_counter.h"
 
@@ -238,7 +239,7 @@ TEST_F(InterceptorTest, AttachingToABlockingFiltersIdChangesNothing) {
 }
 
 TEST_F(InterceptorTest, AFilterWithoutAHandlerDoesntStartTheSource) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   ASSERT_EQ(m_interceptor->EnableNonBlockingInterceptor(kNetlink), zym::ZYM_OK);
   ASSERT_EQ(m_interceptor->DeleteFilters({}), zym::ZYM_OK) << "a table without an active filter stops";
   ASSERT_TRUE(ThreadsNamed(kPollThread).empty());
@@ -267,7 +268,7 @@ TEST_F(InterceptorTest, EachOperationOnFiltersTracesAndReturnsTheFailureOfItsTab
 }
 
 TEST_F(InterceptorTest, EachOperationThatStopsTheSourceTracesAndReturnsItsFailure) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   std::uint32_t id = Registered(event_type::kCreateProcess);
   const auto before = OpenDescriptors();
   ASSERT_EQ(m_interceptor->EnableNonBlockingInterceptor(kNetlink), zym::ZYM_OK);
@@ -306,7 +307,7 @@ class HeldHandler
 
 // One operation at a time, also while it waits: here for a handler, which must not come back for that reason.
 TEST_F(InterceptorTest, AnOperationWaitsForAnotherThatWaitsForARunningHandler) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   const auto held = zym::CreateObject<HeldHandler>();
   std::uint32_t id = 0;
   ASSERT_EQ(m_interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kExitProcess}, true, 0,
@@ -337,7 +338,7 @@ TEST_F(InterceptorTest, AFailedStartOfTheNetlinkSourceIsTracedAndReturned) {
 }
 
 TEST_F(InterceptorTest, WhatRunsAlreadyAndWhatIsStoppedAlreadySucceeds) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   EXPECT_EQ(m_interceptor->DisableNonBlockingInterceptor(kNetlink), zym::ZYM_OK);
   EXPECT_EQ(m_interceptor->EnableNonBlockingInterceptor(kNetlink), zym::ZYM_OK);
   EXPECT_EQ(m_interceptor->EnableNonBlockingInterceptor(kNetlink), zym::ZYM_OK);
@@ -430,7 +431,7 @@ TEST_F(InterceptorTest, OnlyTheDispatchersThreadRunsFromTheStart) {
 }
 
 TEST_F(InterceptorTest, ItsEndEndsARunningSource) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(MissingProcConnector());
   m_interceptor.Reset();
   const auto descriptors = OpenDescriptors();
   m_interceptor = zym::CreateObject<Interceptor>(m_host.locator.get());

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,6 +18,8 @@
 #include "qor_common/mount_namespace.h"
 #include "qor_common/unique_fd.h"
 #include "support/fake_services.h"
+#include "support/rights.h"
+#include "support/unshare_mounts.h"
 #include "zym/io.h"
 #include "zym/module_counter.h"
 #include "zym/utf.h"
@@ -76,8 +77,7 @@ class ForeignProcess {
  private:
   // Says 'y' when the file is there, and waits for the other end to close.
   [[noreturn]] void Child(int ready, int end) const {
-    const bool mounted = ::unshare(CLONE_NEWNS) == 0 &&
-                         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+    const bool mounted = test_support::UnshareMounts() == nullptr &&
                          ::mount("none", m_directory.c_str(), "tmpfs", 0, nullptr) == 0;
     bool written = false;
     if (const int fd = mounted ? ::open(Image().c_str(), O_CREAT | O_WRONLY, 0600) : -1; fd >= 0)
@@ -278,7 +278,7 @@ TEST_F(SystemEventsFactoryTest, TheListenerIsAskedWithTheDescriptorOfTheImage) {
 class ForeignImageTest : public SystemEventsFactoryTest {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "a mount namespace needs CAP_SYS_ADMIN: run as root";
+    SKIP_IF(test_support::MissingMountRights());
     m_process = std::make_unique<ForeignProcess>();
     ASSERT_TRUE(m_process->IsReady()) << "no file could be mounted in another mount namespace";
     ASSERT_TRUE(tools::IsForeignNamespace(m_process->Namespace()));

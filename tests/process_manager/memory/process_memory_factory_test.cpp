@@ -8,11 +8,12 @@
 
 #include "process_manager/memory/factory_on_kernel.h"
 #include "process_manager/memory/fake_process_suspender.h"
-#include "process_manager/memory/maps_parser.h"
 #include "support/fake_process_control.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/memory_actor.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 #include "zym/generic_object_factory.h"
 #include "zym/module_counter.h"
 
@@ -20,8 +21,8 @@ namespace qor::process_memory_manager {
 namespace {
 
 using namespace system_interceptors::process_memory_manager;
-using process_manager::MapsParser;
 using test_support::FakeProcessControl;
+using test_support::FakeProcfsParser;
 using Calls = std::vector<std::string>;
 
 // The factory on the kernel that runs.
@@ -70,7 +71,8 @@ class MemoryFactory : public testing::Test {
 
   const test_support::ObjectCount m_objects;
   test_support::FakeHost m_host;
-  zym::intrusive_ptr<MapsParser> m_parser = zym::CreateObject<MapsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
   zym::intrusive_ptr<FakeProcessSuspender> m_suspender = zym::CreateObject<FakeProcessSuspender>();
   zym::intrusive_ptr<ProcessMemoryFactory> m_factory;
 };

@@ -13,13 +13,14 @@
 #include <vector>
 
 #include "process_manager/memory/fake_process_suspender.h"
-#include "process_manager/memory/maps_parser.h"
 #include "process_manager/procfs/proc_parser.h"
 #include "support/child_process.h"
 #include "support/fake_process_control.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/memory_actor.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 #include "zym/exception.h"
 #include "zym/generic_object_factory.h"
 
@@ -28,8 +29,8 @@ namespace {
 
 using process_manager::Mapping;
 using process_manager::MapsOf;
-using process_manager::MapsParser;
 using test_support::FakeProcessControl;
+using test_support::FakeProcfsParser;
 using test_support::MemoryActor;
 using Bytes = std::vector<std::uint8_t>;
 using Calls = std::vector<std::string>;
@@ -65,7 +66,8 @@ class ProcessMemoryTest : public testing::Test {
 
   const test_support::ObjectCount m_objects;
   test_support::FakeHost m_host;
-  zym::intrusive_ptr<MapsParser> m_parser = zym::CreateObject<MapsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
   zym::intrusive_ptr<FakeProcessSuspender> m_suspender = zym::CreateObject<FakeProcessSuspender>();
 };
 

@@ -5,9 +5,9 @@
 
 #include <stdexcept>
 
-#include "process_manager/memory/maps_parser.h"
 #include "support/fake_services.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 
 namespace qor::process_memory_manager {
 namespace {

@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "process_manager/memory/maps_parser.h"
 #include "process_manager/procfs/procfs_text.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 #include "zym/exception.h"
 #include "zym/utf.h"
 
@@ -40,7 +41,8 @@ class ModuleEnumerator : public testing::Test {
 
   const test_support::ObjectCount m_objects;
   test_support::FakeHost m_host;
-  zym::intrusive_ptr<MapsParser> m_parser = zym::CreateObject<MapsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
 };
 
 using Bases = std::vector<std::uint64_t>;

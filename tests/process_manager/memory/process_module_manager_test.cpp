@@ -3,10 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include "process_manager/memory/maps_parser.h"
 #include "process_manager/procfs/proc_parser.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 #include "zym/exception.h"
 
 namespace qor::process_manager {
@@ -26,7 +27,8 @@ class ModuleManager : public testing::Test {
 
   const test_support::ObjectCount m_objects;
   test_support::FakeHost m_host;
-  zym::intrusive_ptr<MapsParser> m_parser = zym::CreateObject<MapsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
   zym::intrusive_ptr<ProcessModuleManager> m_manager =
       zym::CreateObject<ProcessModuleManager>(m_host.locator.get());
 };

@@ -6,9 +6,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "process_manager/memory/maps_parser.h"
+#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
 #include "support/object_count.h"
+#include "tests/process_manager/memory/mappings.h"
 #include "zym/exception.h"
 
 namespace qor::process_manager {
@@ -49,7 +50,8 @@ class ProcessModule : public testing::Test {
 
   const test_support::ObjectCount m_objects;
   test_support::FakeHost m_host;
-  zym::intrusive_ptr<MapsParser> m_parser = zym::CreateObject<MapsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
 };
 
 TEST_F(ProcessModule, OfAnEntryTellsItsPathStartAndLength) {

@@ -15,6 +15,7 @@
 
 #include "process_manager/non_blocking/mnl_receive_buffer.h"
 #include "support/fake_services.h"
+#include "support/rights.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ void Spoil(int fd) {
 class NetlinkSocketTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+    SKIP_IF(test_support::MissingProcConnector());
     m_socket = NetlinkSocket::Open(m_tracer.get());
     ASSERT_NE(m_socket, nullptr);
   }
@@ -140,7 +141,7 @@ TEST(MnlReceiveBuffer, IsReadAsTheKernelKeepsIt) {
 }
 
 TEST(MnlReceiveBuffer, CanBeLargerThanTheSystemsLimitWithTheRight) {
-  if (::geteuid() != 0) GTEST_SKIP() << "SO_RCVBUFFORCE needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(test_support::MissingRight(CAP_NET_ADMIN, "for SO_RCVBUFFORCE"));
   const MnlSocket socket = RouteSocket();
   ASSERT_EQ(mnl_socket_set_rcv_buf_size(socket.get(), 64 << 20), 0);
   EXPECT_EQ(mnl_socket_get_rcv_buf_size(socket.get()), 128 << 20);
@@ -156,7 +157,7 @@ TEST(MnlReceiveBuffer, OfSomethingElseIsAnError) {
 }
 
 TEST(MnlReceiveBuffer, OneThatIsLargeEnoughStays) {
-  if (::geteuid() != 0) GTEST_SKIP() << "SO_RCVBUFFORCE needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(test_support::MissingRight(CAP_NET_ADMIN, "for SO_RCVBUFFORCE"));
   const auto tracer = zym::CreateObject<test_support::RecordingTracer>();
   const MnlSocket socket = RouteSocket();
   // As the kernel keeps it: exactly 2 MiB, and more.
@@ -170,7 +171,7 @@ TEST(MnlReceiveBuffer, OneThatIsLargeEnoughStays) {
 }
 
 TEST(MnlReceiveBuffer, OneThatIsTooSmallGrows) {
-  if (::geteuid() != 0) GTEST_SKIP() << "SO_RCVBUFFORCE needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(test_support::MissingRight(CAP_NET_ADMIN, "for SO_RCVBUFFORCE"));
   const auto tracer = zym::CreateObject<test_support::RecordingTracer>();
   const MnlSocket socket = RouteSocket();
   ASSERT_EQ(mnl_socket_set_rcv_buf_size(socket.get(), kTwoMiB / 2 - 1), 0);

@@ -14,6 +14,7 @@
 #include "process_manager/non_blocking/netlink_interceptor.h"
 #include "qor_common/unique_fd.h"
 #include "support/actor.h"
+#include "support/rights.h"
 #include "support/threads.h"
 #include "zym/module_counter.h"
 
@@ -46,7 +47,7 @@ std::vector<int> OpenedSince(const std::map<int, std::string>& before, std::stri
 class NetlinkThreadTest : public testing::Test, protected NetlinkHarness {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+    SKIP_IF(MissingProcConnector());
     m_parser->everyProcess.emplace();
     m_before = OpenDescriptors();
   }

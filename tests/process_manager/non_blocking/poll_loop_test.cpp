@@ -24,6 +24,7 @@
 #include "qor_common/descriptor_notifier.h"
 #include "qor_common/unique_fd.h"
 #include "support/fake_services.h"
+#include "support/rights.h"
 
 namespace {
 
@@ -291,7 +292,7 @@ TEST_F(PollLoopTest, WhatTheProcessingRaisesEndsIt) {
 // The kernel drops datagrams while the loop isn't reading: poll(2) then shows an error on a socket that is as
 // good as before.
 TEST_F(PollLoopTest, ARealOverflowThatPollSeesFirstIsSurvived) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(test_support::MissingProcConnector());
   const std::unique_ptr<NetlinkSocket> socket = NetlinkSocket::Open(m_tracer.get());
   ASSERT_NE(socket, nullptr);
   const int small = 1;  // the kernel makes it its smallest buffer, of a handful of datagrams

@@ -161,8 +161,8 @@ TEST_F(ProcessControlTest, AProcessOfWhichNothingIsKnownCannotBeGotInformatioFor
 struct Need {
   const char* name;
   const char* text;
-  void (*fail)(ProcessObjectsParser&, test_support::FakeHost&, test_support::FakeAppSettingsProvider&,
-               test_support::FakePathMatcherFactory&);
+  void (*fail)(test_support::FakeProcfsParser&, test_support::FakeHost&,
+               test_support::FakeAppSettingsProvider&, test_support::FakePathMatcherFactory&);
   zym::result_t code = zym::ZYM_E_LOCKED;
 };
 

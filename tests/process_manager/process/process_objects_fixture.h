@@ -25,31 +25,6 @@ using system_interceptors::process_manager::ProcessIoCounters;
 using system_interceptors::process_manager::ProcessTimes;
 using PublicRecord = system_interceptors::process_manager::ProcessInformation;
 
-class ProcessObjectsParser : public test_support::FakeProcfsParser {
- public:
-  zym::result_t GetProcessList(std::vector<unsigned int>& pids) override {
-    if (ZYM_SUCCEEDED(listResult)) pids.insert(pids.end(), listed.begin(), listed.end());
-    return listResult;
-  }
-  zym::result_t GetStat(PidType pid, procfs::Stat& stat) override {
-    const zym::result_t result = FakeProcfsParser::GetStat(pid, stat);
-    stat.utime = userTicks;
-    stat.stime = kernelTicks;
-    return result;
-  }
-  zym::result_t GetIOCounters(PidType pid, procfs::IOCounters& counters) override {
-    if (!processes.contains(pid)) return zym::ZYM_E_UNSPECIFIED;
-    counters = io;
-    return zym::ZYM_OK;
-  }
-
-  std::vector<unsigned int> listed;
-  zym::result_t listResult = zym::ZYM_OK;
-  std::int64_t userTicks = 0;
-  std::int64_t kernelTicks = 0;
-  procfs::IOCounters io;
-};
-
 class ProcessObjectsTest : public ProcessCacheTest {
  protected:
   static constexpr PidType kPid = 77;
@@ -84,7 +59,8 @@ class ProcessObjectsTest : public ProcessCacheTest {
     return record;
   }
 
-  zym::intrusive_ptr<ProcessObjectsParser> m_parser = zym::CreateObject<ProcessObjectsParser>();
+  zym::intrusive_ptr<test_support::FakeProcfsParser> m_parser =
+      zym::CreateObject<test_support::FakeProcfsParser>();
   zym::intrusive_ptr<test_support::FakeAppSettingsProvider> m_settings =
       zym::CreateObject<test_support::FakeAppSettingsProvider>();
   zym::intrusive_ptr<test_support::FakePathMatcherFactory> m_matchers =

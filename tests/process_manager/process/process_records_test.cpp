@@ -1,5 +1,6 @@
 #include "process_manager/process_records.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 
 #include "process_manager/interception/filter.h"
 #include "process_manager/proc_parser.h"
+#include "support/process_records.h"
 #include "tests/process_manager/process_cache/process_cache_fixture.h"
 
 namespace qor::process_manager {
@@ -48,22 +50,23 @@ TEST(ProcessRecord, ThePublicRecordTellsEveryField) {
   info.flags = 17;
   info.state = kTerminated;
   info.commandLine = CommandLine(u"x -y");
-  const system_interceptors::process_manager::ProcessInformation record = ToPublicRecord(info);
-  EXPECT_EQ(record.pid, 1U);
-  EXPECT_EQ(record.creatorPid, 3U);
-  EXPECT_EQ(record.parentPid, 2U);
-  EXPECT_EQ(record.uniquePid, 4U);
-  EXPECT_EQ(record.creatorUniquePid, 5U);
-  EXPECT_EQ(record.parentUniquePid, 6U);
-  EXPECT_EQ(record.sessionId, 7U);
-  EXPECT_EQ(record.startTime, 5000);
-  EXPECT_EQ(record.exitTime, 8);
-  EXPECT_EQ(record.imagePath, u"/bin/x");
-  EXPECT_EQ(record.workingDirectory, u"/home");
-  EXPECT_EQ(record.commandLine, u"x -y");
-  EXPECT_EQ(record.userId, 1000U);
-  EXPECT_EQ(record.flags, 17U);
-  EXPECT_EQ(record.state, kTerminated);
+  system_interceptors::process_manager::ProcessInformation expected;
+  expected.pid = 1;
+  expected.creatorPid = 3;
+  expected.parentPid = 2;
+  expected.uniquePid = 4;
+  expected.creatorUniquePid = 5;
+  expected.parentUniquePid = 6;
+  expected.sessionId = 7;
+  expected.startTime = 5000;
+  expected.exitTime = 8;
+  expected.imagePath = u"/bin/x";
+  expected.workingDirectory = u"/home";
+  expected.commandLine = u"x -y";
+  expected.userId = 1000;
+  expected.flags = 17;
+  expected.state = kTerminated;
+  EXPECT_THAT(ToPublicRecord(info), test_support::IsRecord(expected));
 }
 
 TEST(ProcessRecord, BeginsWithNothingKnown) {

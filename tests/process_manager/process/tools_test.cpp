@@ -1,23 +1,20 @@
-// How a process is described: real processes, and readers that fail at each step.
+// How a process is described, by readers that answer as a test says and fail at each step.
 #include "process_manager/process/tools.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <limits>
 #include <string>
-#include <vector>
 
 #include "process_manager/process_manager.h"
 #include "process_manager/procfs/proc_parser.h"
 #include "support/child.h"
 #include "support/fake_services.h"
+#include "support/forwarding_parser.h"
+#include "support/process_records.h"
 #include "support/temp_directory.h"
 #include "zym/module_counter.h"
 
@@ -25,14 +22,11 @@ namespace qor::process_manager {
 namespace {
 
 using process_cache::ProcessInformation;
-using test_support::Child;
-using test_support::TempDirectory;
+using test_support::IsRecord;
 using ::testing::_;
 using ::testing::DoAll;
-using ::testing::Eq;
 using ::testing::HasSubstr;
 using ::testing::InSequence;
-using ::testing::MatchesRegex;
 using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::SetArgReferee;
@@ -43,27 +37,9 @@ constexpr zym::datetime_t kStart = 1'700'000'000LL * 10'000'000 + 116'444'736'00
 
 class MockParser : public zym::object::Ifaces<procfs::IParser> {
  public:
-  MOCK_METHOD(zym::result_t, GetStat, (PidType, procfs::Stat&), (override));
-  MOCK_METHOD(zym::result_t, GetIOCounters, (PidType, procfs::IOCounters&), (override));
-  MOCK_METHOD(zym::result_t, GetProcLink, (PidType, const NativePath&, NativePath&), (override));
-  MOCK_METHOD(zym::result_t, GetMaps, (PidType, procfs::Maps&), (override));
-  MOCK_METHOD(zym::result_t, GetCmdline, (PidType, zym::types::string16_t&), (override));
-  MOCK_METHOD(zym::result_t, GetProcessList, (std::vector<unsigned int>&), (override));
-  MOCK_METHOD(zym::result_t, GetProcessListByRelevance, (std::vector<unsigned int>&), (override));
-  MOCK_METHOD(zym::result_t, GetIOMemMap, (procfs::IOMemMap&), (override));
-  MOCK_METHOD(zym::result_t, GetImagePath, (PidType, NativePath&), (override));
-  MOCK_METHOD(zym::result_t, GetDescriptors, (PidType, std::vector<unsigned int>&), (override));
-  MOCK_METHOD(zym::result_t, GetDescriptorInfo, (PidType, unsigned int, procfs::DescriptorInfo&), (override));
-  MOCK_METHOD(zym::result_t, GetModules, (procfs::ModulesList&), (override));
-  MOCK_METHOD(zym::result_t, GetModulesSections,
-              (const procfs::ModulesList&, procfs::ModulesSections&, std::uint64_t), (override));
-  MOCK_METHOD(zym::result_t, GetCreds, (PidType, procfs::Creds&), (override));
-  MOCK_METHOD(zym::result_t, GetEnvironmentVariable, (PidType, const char*, std::string&), (override));
-  MOCK_METHOD(zym::result_t, GetWorkingDir, (PidType, NativePath&), (override));
-  MOCK_METHOD(zym::result_t, GetComm, (PidType, std::string&), (override));
-  MOCK_METHOD(zym::result_t, GetEnvironmentVariables, (PidType, zym::types::vector_t<zym::types::string_t>&),
-              (override));
-  MOCK_METHOD(zym::result_t, GetMountNamespaceId, (PidType, std::uint64_t&), (override));
+#define MOCK(Name, parameters, arguments) MOCK_METHOD(zym::result_t, Name, parameters, (override));
+  PARSER_OPERATIONS(MOCK)
+#undef MOCK
 };
 
 // A record in which every field that a read may set has a value that no read gives.
@@ -86,22 +62,6 @@ ProcessInformation OldRecord() {
   info.realUserId = 103;
   info.mountNamespaceId = 104;
   return info;
-}
-
-void ExpectOldRecord(const ProcessInformation& info) {
-  const ProcessInformation old = OldRecord();
-  EXPECT_EQ(info.pid, old.pid);
-  EXPECT_EQ(info.parentPid, old.parentPid);
-  EXPECT_EQ(info.sessionId, old.sessionId);
-  EXPECT_EQ(info.startTime, old.startTime);
-  EXPECT_EQ(info.exitTime, old.exitTime);
-  EXPECT_EQ(info.imagePath, old.imagePath);
-  EXPECT_EQ(info.workingDirectory, old.workingDirectory);
-  EXPECT_EQ(*info.commandLine, *old.commandLine);
-  EXPECT_EQ(info.flags, old.flags);
-  EXPECT_EQ(info.state, old.state);
-  EXPECT_EQ(info.realUserId, old.realUserId);
-  EXPECT_EQ(info.mountNamespaceId, old.mountNamespaceId);
 }
 
 // --- with a reader that answers as the test says ---
@@ -172,29 +132,22 @@ class ToolsTest : public ::testing::Test {
 TEST_F(ToolsTest, AProcessGivesEveryFieldThatOneLookTells) {
   ReadsSucceed();
   ASSERT_EQ(Get(), zym::ZYM_OK);
-  EXPECT_EQ(m_info.pid, 77U);
-  EXPECT_EQ(m_info.parentPid, 5U);
-  EXPECT_EQ(m_info.sessionId, 6U);
-  EXPECT_EQ(m_info.startTime, kStart);
-  EXPECT_EQ(m_info.exitTime, 0);
-  EXPECT_EQ(m_info.state, kCreated);
-  EXPECT_EQ(m_info.workingDirectory, u"/home/\u00fcser");
-  EXPECT_EQ(m_info.imagePath, u"/usr/bin/pr\u00f6gram");
-  EXPECT_EQ(*m_info.commandLine, u"program --option");
-  EXPECT_EQ(m_info.flags, 0U);
-  EXPECT_EQ(m_info.realUserId, 1001U);
-  EXPECT_EQ(m_info.mountNamespaceId, 4026531841U);
+  ProcessInformation expected = OldRecord();  // the creator and the unique pids are left to the cache
+  expected.pid = 77;
+  expected.parentPid = 5;
+  expected.sessionId = 6;
+  expected.startTime = kStart;
+  expected.exitTime = 0;
+  expected.state = kCreated;
+  expected.workingDirectory = u"/home/\u00fcser";
+  expected.imagePath = u"/usr/bin/pr\u00f6gram";
+  expected.commandLine = std::make_shared<const zym::types::string16_t>(u"program --option");
+  expected.flags = 0;
+  expected.realUserId = 1001;
+  expected.mountNamespaceId = 4026531841;
+  EXPECT_THAT(m_info, IsRecord(expected));
   EXPECT_TRUE(m_tracer->Has(800, "procfs->GetImagePath: /usr/bin/pr\u00f6gram"));
   EXPECT_TRUE(m_tracer->Has(800, "(may be modified) imagePath: /usr/bin/pr\u00f6gram"));
-}
-
-TEST_F(ToolsTest, TheCreatorAndTheUniquePidsAreLeftToTheCache) {
-  ReadsSucceed();
-  ASSERT_EQ(Get(), zym::ZYM_OK);
-  EXPECT_EQ(m_info.creatorPid, 92U);
-  EXPECT_EQ(m_info.uniquePid, 94U);
-  EXPECT_EQ(m_info.creatorUniquePid, 95U);
-  EXPECT_EQ(m_info.parentUniquePid, 96U);
 }
 
 TEST_F(ToolsTest, TheCommandLineIsANewStringAtEachRead) {
@@ -219,36 +172,28 @@ TEST_F(ToolsTest, Pid0NeverReadsStatAndIsTheKernel) {
   EXPECT_CALL(*parser, GetCmdline(0, _))
       .WillOnce(DoAll(SetArgReferee<1>(zym::types::string16_t(u"root=/dev/vda quiet")), Return(zym::ZYM_OK)));
   ASSERT_EQ(GetProcessInfo(m_tracer.get(), parser.get(), 0, m_info), zym::ZYM_OK);
-  EXPECT_EQ(m_info.pid, 0U);
-  EXPECT_EQ(m_info.creatorPid, 0xffffffffU);
-  EXPECT_EQ(m_info.parentPid, 0xffffffffU);
-  EXPECT_EQ(m_info.uniquePid, 0U);
-  EXPECT_EQ(m_info.creatorUniquePid, 0xffffffffffffffffU);
-  EXPECT_EQ(m_info.parentUniquePid, 0xffffffffffffffffU);
-  EXPECT_EQ(m_info.sessionId, 0U);
-  EXPECT_EQ(m_info.startTime, 0);
-  EXPECT_EQ(m_info.exitTime, 0);
-  EXPECT_EQ(m_info.imagePath, u"kernel memory");
-  EXPECT_EQ(m_info.workingDirectory, u"");
-  EXPECT_EQ(m_info.flags, 17U);
-  EXPECT_EQ(m_info.state, 1U);
-  EXPECT_EQ(*m_info.commandLine, u"root=/dev/vda quiet");
-  EXPECT_EQ(m_info.realUserId, 0U);
-  EXPECT_EQ(m_info.effectiveUserId, 0U);
-  EXPECT_EQ(m_info.realGroupId, 0U);
-  EXPECT_EQ(m_info.effectiveGroupId, 0U);
+  ProcessInformation kernel;
+  kernel.creatorPid = kernel.parentPid = 0xffffffff;
+  kernel.creatorUniquePid = kernel.parentUniquePid = 0xffffffffffffffff;
+  kernel.imagePath = u"kernel memory";
+  kernel.flags = 17;
+  kernel.state = 1;
+  kernel.commandLine = std::make_shared<const zym::types::string16_t>(u"root=/dev/vda quiet");
+  kernel.realUserId = kernel.effectiveUserId = kernel.realGroupId = kernel.effectiveGroupId = 0;
+  kernel.mountNamespaceId = m_info.mountNamespaceId;
+  EXPECT_THAT(m_info, IsRecord(kernel));
 }
 
 TEST_F(ToolsTest, TheKernelWithoutACommandLineIsAFailureAtOnce) {
   EXPECT_CALL(*m_parser, GetCmdline(0, _)).WillOnce(Return(kFailure));
   EXPECT_EQ(Get(0), kFailure);
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, PidAllOnesIsAnInvalidArgumentAndReadsNothing) {
   const auto parser = zym::CreateObject<StrictMock<MockParser>>();
   EXPECT_EQ(GetProcessInfo(m_tracer.get(), parser.get(), 0xffffffff, m_info), zym::ZYM_E_INVALID_ARGUMENT);
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, TheStepsComeInTheirOrder) {
@@ -269,7 +214,7 @@ TEST_F(ToolsTest, AFailedStatEndsTheRead) {
   EXPECT_CALL(*m_parser, GetWorkingDir).Times(0);
   EXPECT_EQ(Get(), kFailure);
   ExpectFailedCheck("procfs->GetStat(pid, stat)", "Cannot get process status from procfs for pid: 77");
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AFailedWorkingDirectoryEndsTheRead) {
@@ -278,7 +223,7 @@ TEST_F(ToolsTest, AFailedWorkingDirectoryEndsTheRead) {
   EXPECT_CALL(*m_parser, GetMountNamespaceId).Times(0);
   EXPECT_EQ(Get(), kFailure);
   ExpectFailedCheck("procfs->GetWorkingDir(pid, cwd)", "Cannot get process cwd from procfs for pid: 77");
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AFailedMountNamespaceEndsTheRead) {
@@ -288,7 +233,7 @@ TEST_F(ToolsTest, AFailedMountNamespaceEndsTheRead) {
   EXPECT_EQ(Get(), kFailure);
   ExpectFailedCheck("procfs->GetMountNamespaceId(pid, mountNsId)",
                     "Cannot get mount namespace id for pid: 77");
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AProcessThatVanishesBeforeItsImageIsReadIsNotFound) {
@@ -300,7 +245,7 @@ TEST_F(ToolsTest, AProcessThatVanishesBeforeItsImageIsReadIsNotFound) {
   EXPECT_CALL(*m_parser, GetCmdline).Times(0);
   EXPECT_EQ(Get(), zym::ZYM_E_NOT_FOUND) << "whatever the reader's own result is";
   EXPECT_TRUE(m_tracer->Has(500, "Failed to obtain image path for pid: 77, error: No such process"));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AProcessThatVanishesAtItsCommandLineIsNotFoundByTheReader) {
@@ -311,7 +256,7 @@ TEST_F(ToolsTest, AProcessThatVanishesAtItsCommandLineIsNotFoundByTheReader) {
       m_tracer->Find("(cmdlineResult)"),
       ::testing::EndsWith("(cmdlineResult),(ZYM_SUCCEEDED(_result)) failed: result = 0x8000004c (Not found) "
                           "Cannot get process cmdline from procfs for pid: 77"));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, AnEmptyCommandLineIsNoFailure) {
@@ -399,11 +344,11 @@ TEST_F(ToolsTest, ATimeBeyondTheRangeOfDatesIsAFailureThatLeavesTheRecord) {
   m_stat.directoryChangeTime = std::numeric_limits<std::int64_t>::max();
   EXPECT_FALSE(ZYM_SUCCEEDED(Get()));
   EXPECT_TRUE(m_tracer->Has(300, "Invalid timestamp: epoch 9223372036854775807"));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
   m_stat.directoryChangeTime = -20'000'000'000;  // before the year 1601
   EXPECT_FALSE(ZYM_SUCCEEDED(Get()));
   EXPECT_TRUE(m_tracer->Has(300, "Invalid utc timestamp for posix platform "));
-  ExpectOldRecord(m_info);
+  EXPECT_THAT(m_info, IsRecord(OldRecord()));
 }
 
 TEST_F(ToolsTest, NoMemoryIsAFailureThatLetsNoExceptionOut) {
@@ -566,142 +511,6 @@ TEST_F(GetPidTest, ARecordThatCannotBeHadIsAFailedCheck) {
   ExpectFailedCheck("processInformation->GetInformation(informationOfProcess)",
                     "Failed to get ProcessInformation");
   EXPECT_EQ(m_pid, 99U);
-}
-
-// --- real processes ---
-
-class RealProcessTest : public ::testing::Test {
- protected:
-  ~RealProcessTest() override {
-    m_parser.Reset();
-    EXPECT_EQ(zym::ModuleObjectCounter::Value(), m_objects);
-  }
-
-  zym::result_t Get(PidType pid) { return GetProcessInfo(m_host.tracer.get(), m_parser.get(), pid, m_info); }
-
-  test_support::FakeHost m_host;
-  std::int32_t m_objects = zym::ModuleObjectCounter::Value();
-  zym::intrusive_ptr<procfs::ProcParser> m_parser =
-      zym::CreateObject<procfs::ProcParser>(m_host.locator.get());
-  ProcessInformation m_info;
-};
-
-zym::types::string16_t Wide(const std::string& text) {
-  return {text.begin(), text.end()};
-}
-
-// A copy of the shell of the test's own, under any name.
-std::string CopyShell(const TempDirectory& directory, const std::string& name) {
-  const std::string shell = directory.Place(name);
-  std::filesystem::copy_file("/bin/sh", shell);
-  return shell;
-}
-
-TEST_F(RealProcessTest, AShellIsDescribed) {
-  const TempDirectory directory;
-  const std::string shell = CopyShell(directory, "sh");
-  const Child child = Child::Shell(shell, {"argument"});
-  ASSERT_EQ(GetFullProcessInfo(m_host.tracer.get(), m_parser.get(), child.Pid(), m_info), zym::ZYM_OK);
-  struct stat directoryOfProcess {};
-  struct stat ns {};
-  ASSERT_EQ(::stat(("/proc/" + std::to_string(child.Pid())).c_str(), &directoryOfProcess), 0);
-  ASSERT_EQ(::stat("/proc/self/ns/mnt", &ns), 0);
-  EXPECT_EQ(m_info.pid, child.Pid());
-  EXPECT_EQ(m_info.parentPid, static_cast<PidType>(::getpid()));
-  EXPECT_EQ(m_info.sessionId, static_cast<PidType>(::getsid(0)));
-  EXPECT_EQ(m_info.startTime, directoryOfProcess.st_ctim.tv_sec * 10'000'000 + 116'444'736'000'000'000);
-  EXPECT_EQ(m_info.imagePath, Wide(shell));
-  EXPECT_EQ(m_info.workingDirectory, Wide(std::filesystem::current_path().string()));
-  EXPECT_EQ(*m_info.commandLine, Wide(shell + " -c echo; read line shell argument"));
-  EXPECT_EQ(m_info.flags, 0U);
-  EXPECT_EQ(m_info.realUserId, ::getuid());
-  EXPECT_EQ(m_info.effectiveUserId, ::geteuid());
-  EXPECT_EQ(m_info.realGroupId, ::getgid());
-  EXPECT_EQ(m_info.effectiveGroupId, ::getegid());
-  EXPECT_EQ(m_info.mountNamespaceId, ns.st_ino);
-  EXPECT_FALSE(m_info.environment.empty());
-}
-
-TEST_F(RealProcessTest, ARunningProgramWhoseFileWasDeletedHasItsPathAndFlags16) {
-  const TempDirectory directory;
-  const std::string shell = CopyShell(directory, "sh");
-  const Child child = Child::Shell(shell);
-  ASSERT_EQ(::unlink(shell.c_str()), 0);
-  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
-  EXPECT_EQ(m_info.imagePath, Wide(shell));
-  EXPECT_EQ(m_info.flags, 16U);
-}
-
-TEST_F(RealProcessTest, AProgramWhoseNameReallyEndsSoKeepsItAndFlags0) {
-  const TempDirectory directory;
-  const std::string shell = CopyShell(directory, "sh (deleted)");
-  const Child child = Child::Shell(shell);
-  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
-  EXPECT_EQ(m_info.imagePath, Wide(shell));
-  EXPECT_EQ(m_info.flags, 0U);
-}
-
-TEST_F(RealProcessTest, AProgramWhoseNameEndedSoAndWhoseFileWasDeletedLosesOneSuffix) {
-  const TempDirectory directory;
-  const std::string shell = CopyShell(directory, "sh (deleted)");
-  const Child child = Child::Shell(shell);
-  ASSERT_EQ(::unlink(shell.c_str()), 0);
-  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
-  EXPECT_EQ(m_info.imagePath, Wide(shell));
-  EXPECT_EQ(m_info.flags, 16U);
-}
-
-TEST_F(RealProcessTest, AKernelThreadIsDescribed) {
-  std::string comm;
-  if (!ZYM_SUCCEEDED(m_parser->GetComm(2, comm)) || comm != "kthreadd")
-    GTEST_SKIP() << "no kernel thread is to be seen: run in the machine's first pid namespace";
-  ASSERT_EQ(Get(2), zym::ZYM_OK);
-  EXPECT_EQ(m_info.imagePath, u"[kthreadd]");
-  EXPECT_EQ(m_info.flags, 17U);
-  EXPECT_EQ(*m_info.commandLine, u"");
-}
-
-TEST_F(RealProcessTest, TheKernelIsDescribed) {
-  ASSERT_EQ(GetFullProcessInfo(m_host.tracer.get(), m_parser.get(), 0, m_info), zym::ZYM_OK);
-  EXPECT_EQ(m_info.imagePath, u"kernel memory");
-  EXPECT_FALSE(m_info.commandLine->empty());
-  EXPECT_FALSE(m_host.tracer->Has("Kernel statistic")) << "stat isn't asked for";
-}
-
-TEST_F(RealProcessTest, AProcessThatIsGoneIsNotFound) {
-  Child child = Child::Forked();
-  const PidType pid = child.Pid();
-  child.End();
-  m_info = OldRecord();
-  EXPECT_EQ(Get(pid), zym::ZYM_E_NOT_FOUND);
-  EXPECT_THAT(m_host.tracer->Find("procfs->GetStat"),
-              MatchesRegex("process_manager/process/tools.cpp:[0-9]+\\(procfs->GetStat\\(pid, "
-                           "stat\\)\\),\\(ZYM_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004c \\(Not "
-                           "found\\) Cannot get process status from procfs for pid: " +
-                           std::to_string(pid)));
-  ExpectOldRecord(m_info);
-}
-
-TEST_F(RealProcessTest, AZombieIsNotFound) {
-  const Child child = Child::Forked();
-  child.Kill();
-  EXPECT_EQ(Get(child.Pid()), zym::ZYM_E_NOT_FOUND);
-}
-
-TEST_F(RealProcessTest, AProcessOfAnotherMountNamespaceIsDescribed) {
-  if (::geteuid() != 0) GTEST_SKIP() << "a mount namespace needs CAP_SYS_ADMIN: run as root";
-  const Child child = Child::Forked([] { return ::unshare(CLONE_NEWNS) == 0; });
-  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
-  const std::uint64_t other = m_info.mountNamespaceId;
-  ASSERT_EQ(Get(static_cast<PidType>(::getpid())), zym::ZYM_OK);
-  EXPECT_NE(m_info.mountNamespaceId, other);
-}
-
-TEST_F(RealProcessTest, NameWithParenthesesChangesNothing) {
-  const Child child = Child::Forked([] { return ::prctl(PR_SET_NAME, ") R 0 (x") == 0; });
-  ASSERT_EQ(Get(child.Pid()), zym::ZYM_OK);
-  EXPECT_EQ(m_info.parentPid, static_cast<PidType>(::getpid()));
-  EXPECT_EQ(m_info.flags, 0U);
 }
 
 }  // namespace

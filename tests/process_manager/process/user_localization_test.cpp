@@ -2,14 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/fake_procfs_parser.h"
 #include "support/fake_services.h"
+#include "support/forwarding_parser.h"
 #include "zym/generic_object_factory.h"
 #include "zym/module_counter.h"
 
@@ -18,37 +18,15 @@ namespace {
 using namespace qor::process_manager;
 using zym::types::string16_t;
 
-// A reader of /proc with the LANG of some processes.
-class LangParser : public test_support::FakeProcfsParser {
- public:
-  zym::result_t GetEnvironmentVariable(qor::PidType pid, const char* name, std::string& value) override {
-    {
-      const std::scoped_lock lock(m_mutex);
-      m_asked.emplace_back(name);
-    }
-    if (unreadable.contains(pid)) {
-      value = unreadable[pid];  // what a reader leaves there when it fails on the way
-      return zym::ZYM_E_UNSPECIFIED;
-    }
-    if (const auto found = lang.find(pid); found != lang.end()) value = found->second;
-    return zym::ZYM_OK;
-  }
-
-  std::map<qor::PidType, std::string> lang;
-  std::map<qor::PidType, std::string> unreadable;
-  std::vector<std::string> Asked() const {
-    const std::scoped_lock lock(m_mutex);
-    return m_asked;
-  }
-
- private:
-  mutable std::mutex m_mutex;  // guards m_asked
-  std::vector<std::string> m_asked;
-};
-
 class ProcessUserLocalizationProviderTest : public testing::Test {
  protected:
   ProcessUserLocalizationProviderTest() {
+    m_parser->onGetEnvironmentVariable = [this](qor::PidType pid, const char* name, std::string& value) {
+      EXPECT_STREQ(name, "LANG");
+      ++m_asked;
+      if (const auto found = m_lang.find(pid); found != m_lang.end()) value = found->second;
+      return m_readable ? zym::ZYM_OK : zym::ZYM_E_UNSPECIFIED;
+    };
     m_host.locator->Add<qor::procfs::IParser>(m_parser);
     m_host.startupData->data.localization = u"de";
   }
@@ -63,7 +41,7 @@ class ProcessUserLocalizationProviderTest : public testing::Test {
 
   // The answer for a process with this LANG.
   std::u16string Of(const std::string& lang) {
-    m_parser->lang[kPid] = lang;
+    m_lang[kPid] = lang;
     return Ask(kPid);
   }
   std::u16string Ask(qor::PidType pid) {
@@ -77,7 +55,11 @@ class ProcessUserLocalizationProviderTest : public testing::Test {
   static constexpr qor::PidType kPid = 77;
 
   test_support::FakeHost m_host;
-  const zym::intrusive_ptr<LangParser> m_parser = zym::CreateObject<LangParser>();
+  std::map<qor::PidType, std::string> m_lang;
+  bool m_readable = true;
+  std::atomic<int> m_asked = 0;
+  const zym::intrusive_ptr<test_support::ForwardingParser> m_parser =
+      zym::CreateObject<test_support::ForwardingParser>();
   const std::int32_t m_objects = zym::ModuleObjectCounter::Value();
 };
 
@@ -103,18 +85,19 @@ TEST_F(ProcessUserLocalizationProviderTest, AProcessWithoutLangYieldsTheDefault)
 }
 
 TEST_F(ProcessUserLocalizationProviderTest, AProcessThatCannotBeReadYieldsTheDefault) {
-  m_parser->unreadable[kPid] = "";
+  m_readable = false;
   EXPECT_EQ(Ask(kPid), u"de");
 }
 
 TEST_F(ProcessUserLocalizationProviderTest, WhatAFailedReadLeftIsNotBelieved) {
-  m_parser->unreadable[kPid] = "fr_FR.UTF-8";
+  m_lang[kPid] = "fr_FR.UTF-8";  // what a reader leaves there when it fails on the way
+  m_readable = false;
   EXPECT_EQ(Ask(kPid), u"de");
 }
 
 TEST_F(ProcessUserLocalizationProviderTest, OnlyLangIsAskedFor) {
   Of("en_US.UTF-8");
-  EXPECT_EQ(m_parser->Asked(), std::vector<std::string>{"LANG"});
+  EXPECT_EQ(m_asked, 1);
 }
 
 TEST_F(ProcessUserLocalizationProviderTest, AnEmptyDefaultIsADefaultToo) {
@@ -203,7 +186,7 @@ TEST_F(ProcessUserLocalizationProviderTest, ALackOfMemoryIsACode) {
 }
 
 TEST_F(ProcessUserLocalizationProviderTest, ManyThreadsMayAskAtOnce) {
-  m_parser->lang[1] = "ru_RU";
+  m_lang[1] = "ru_RU";
   zym::intrusive_ptr<IProcessUserLocalizationProvider> provider;
   ASSERT_EQ(Make(provider), zym::ZYM_OK);
   std::vector<std::thread> threads;

@@ -1,15 +1,19 @@
 #include "process_manager/process_cache/process_cache_entry.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <deque>
 #include <memory>
 #include <random>
 
+#include "support/process_records.h"
 #include "tests/process_manager/process_cache/process_cache_fixture.h"
 
 namespace qor::process_manager::process_cache {
 namespace {
+
+using test_support::IsRecord;
 
 TEST(IndexQueue, DoesWhatADequeDoes) {
   IndexQueue queue;
@@ -107,7 +111,8 @@ Info Stored() {
 }
 
 Info Incoming() {
-  Info info = ReadOf(1, 2, u"/bin/read");
+  Info info = ReadOf(21, 22, u"/bin/read");
+  info.uniquePid = info.parentUniquePid = info.creatorUniquePid = info.creatorPid = 23;
   info.sessionId = 70;
   info.startTime = 71;
   info.exitTime = 72;
@@ -123,53 +128,36 @@ Info Incoming() {
   return info;
 }
 
+// The pids of a process and of its images, which no merge touches.
+void TakeNumbers(const Info& from, Info& to) {
+  for (const auto pid : {&Info::pid, &Info::parentPid, &Info::creatorPid}) to.*pid = from.*pid;
+  for (const auto uniquePid : {&Info::uniquePid, &Info::parentUniquePid, &Info::creatorUniquePid})
+    to.*uniquePid = from.*uniquePid;
+}
+
 TEST(ProcessCacheMerge, TakesEverythingThatAReadKnows) {
   Info in = Incoming();
   Info stored = Stored();
   Merge(in, stored, false);
-  EXPECT_EQ(stored.sessionId, 70U);
-  EXPECT_EQ(stored.startTime, 71);
-  EXPECT_EQ(stored.exitTime, 72);
-  EXPECT_EQ(stored.state, kStarting);
-  EXPECT_EQ(stored.workingDirectory, u"/read");
-  EXPECT_EQ(stored.mountNamespaceId, 73U);
-  EXPECT_EQ(*stored.commandLine, u"/bin/read");
-  EXPECT_EQ(stored.imagePath, u"/bin/read");
-  EXPECT_EQ(stored.flags, kNoBackingImage);
-  EXPECT_EQ(stored.realUserId, 74U);
-  EXPECT_EQ(stored.effectiveUserId, 1001U) << "an id that wasn't read is kept";
-  EXPECT_EQ(stored.realGroupId, 1002U);
-  EXPECT_EQ(stored.effectiveGroupId, 75U);
-  EXPECT_EQ(stored.environment, Incoming().environment);
-}
-
-TEST(ProcessCacheMerge, NeverTouchesTheNumbersOfTheProcess) {
-  for (const bool keep : {false, true}) {
-    for (const auto merge : {&Merge, &MergeGone}) {
-      Info in = Incoming();
-      Info stored = Stored();
-      merge(in, stored, keep);
-      EXPECT_EQ(stored.pid, 1U);
-      EXPECT_EQ(stored.parentPid, 2U);
-      EXPECT_EQ(stored.uniquePid, 11U);
-      EXPECT_EQ(stored.creatorPid, 12U);
-      EXPECT_EQ(stored.creatorUniquePid, 13U);
-      EXPECT_EQ(stored.parentUniquePid, 14U);
-    }
-  }
+  Info expected = Incoming();
+  TakeNumbers(Stored(), expected);
+  expected.effectiveUserId = 1001;  // an id that wasn't read is kept
+  expected.realGroupId = 1002;
+  EXPECT_THAT(stored, IsRecord(expected));
 }
 
 TEST(ProcessCacheMerge, KeepsTheImageThatIsKnownAndTakesTheRest) {
   Info in = Incoming();
   Info stored = Stored();
   Merge(in, stored, true);
-  EXPECT_EQ(stored.imagePath, u"/bin/stored");
-  EXPECT_EQ(*stored.commandLine, u"/bin/stored");
-  EXPECT_EQ(stored.flags, kSystemProcess);
-  EXPECT_EQ(stored.sessionId, 70U);
-  EXPECT_EQ(stored.workingDirectory, u"/read");
-  EXPECT_EQ(stored.state, kStarting);
-  EXPECT_EQ(stored.environment.size(), 2U);
+  Info expected = Incoming();
+  TakeNumbers(Stored(), expected);
+  expected.imagePath = u"/bin/stored";
+  expected.commandLine = CommandLine(u"/bin/stored");
+  expected.flags = kSystemProcess;
+  expected.effectiveUserId = 1001;
+  expected.realGroupId = 1002;
+  EXPECT_THAT(stored, IsRecord(expected));
 }
 
 TEST(ProcessCacheMerge, FillsAnImageThatIsNotKnownAlsoWhenItKeeps) {
@@ -199,33 +187,20 @@ TEST(ProcessCacheMerge, AnEmptyEnvironmentReplacesTheStoredOne) {
 }
 
 TEST(ProcessCacheMerge, AProcessThatIsGoneTellsItsStateAndImageOnly) {
-  Info in = Incoming();
-  Info stored = Stored();
-  MergeGone(in, stored, false);
-  EXPECT_EQ(stored.imagePath, u"/bin/read");
-  EXPECT_EQ(*stored.commandLine, u"/bin/read");
-  EXPECT_EQ(stored.state, kStarting);
-  EXPECT_EQ(stored.flags, kNoBackingImage);
-  EXPECT_EQ(stored.environment.size(), 2U);
-
-  const Info before = Stored();
-  EXPECT_EQ(stored.sessionId, before.sessionId);
-  EXPECT_EQ(stored.startTime, before.startTime);
-  EXPECT_EQ(stored.exitTime, before.exitTime);
-  EXPECT_EQ(stored.workingDirectory, before.workingDirectory);
-  EXPECT_EQ(stored.mountNamespaceId, before.mountNamespaceId);
-  EXPECT_EQ(stored.realUserId, before.realUserId);
-  EXPECT_EQ(stored.effectiveUserId, before.effectiveUserId);
-  EXPECT_EQ(stored.realGroupId, before.realGroupId);
-  EXPECT_EQ(stored.effectiveGroupId, before.effectiveGroupId);
-}
-
-TEST(ProcessCacheMerge, AProcessThatIsGoneLeavesTheFlagsThatAreKept) {
-  Info in = Incoming();
-  Info stored = Stored();
-  MergeGone(in, stored, true);
-  EXPECT_EQ(stored.flags, kSystemProcess);
-  EXPECT_EQ(stored.imagePath, u"/bin/stored");
+  for (const bool keep : {false, true}) {
+    Info in = Incoming();
+    Info stored = Stored();
+    MergeGone(in, stored, keep);
+    Info expected = Stored();
+    expected.state = kStarting;
+    expected.environment = Incoming().environment;
+    if (!keep) {
+      expected.imagePath = u"/bin/read";
+      expected.commandLine = CommandLine(u"/bin/read");
+      expected.flags = kNoBackingImage;
+    }
+    EXPECT_THAT(stored, IsRecord(expected)) << keep;
+  }
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -19,11 +17,6 @@ namespace qor::procfs {
 namespace {
 
 using test_support::TempDirectory;
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 using Names = std::vector<std::string>;
 
@@ -45,9 +38,9 @@ TEST(ScopedKernelSetting, HoldsTheNewValueAndPutsTheWholeOldTextBack) {
   const std::string path = tree.Write("setting", "2 and more\nlines\n");
   {
     const ScopedKernelSetting setting(path, "0");
-    EXPECT_EQ(ReadAll(path), "0") << "what was longer is cut";
+    EXPECT_EQ(test_support::ReadTextFile(path), "0") << "what was longer is cut";
   }
-  EXPECT_EQ(ReadAll(path), "2 and more\nlines\n");
+  EXPECT_EQ(test_support::ReadTextFile(path), "2 and more\nlines\n");
 }
 
 TEST(ScopedKernelSetting, AMissingFileThrows) {
@@ -87,12 +80,12 @@ TEST(ScopedKernelAddresses, SetsBothAndRestoresThemInReverseOrder) {
   ASSERT_GE(::inotify_add_watch(watch.Get(), directory.c_str(), IN_CLOSE_WRITE), 0);
   {
     const ScopedKernelAddresses addresses(tree.Path());
-    EXPECT_EQ(ReadAll(restrict), "0");
-    EXPECT_EQ(ReadAll(paranoid), "1");
+    EXPECT_EQ(test_support::ReadTextFile(restrict), "0");
+    EXPECT_EQ(test_support::ReadTextFile(paranoid), "1");
     EXPECT_EQ(TakeNames(watch.Get()), (Names{"kptr_restrict", "perf_event_paranoid"}));
   }
-  EXPECT_EQ(ReadAll(restrict), "2\n");
-  EXPECT_EQ(ReadAll(paranoid), "3\n");
+  EXPECT_EQ(test_support::ReadTextFile(restrict), "2\n");
+  EXPECT_EQ(test_support::ReadTextFile(paranoid), "3\n");
   EXPECT_EQ(TakeNames(watch.Get()), (Names{"perf_event_paranoid", "kptr_restrict"}));
 }
 
@@ -100,7 +93,7 @@ TEST(ScopedKernelAddresses, TheFirstIsRestoredWhenTheSecondFails) {
   const TempDirectory tree;
   const std::string restrict = tree.Write("sys/kernel/kptr_restrict", "2\n");
   EXPECT_THROW(ScopedKernelAddresses(tree.Path()), zym::CheckFailedException);
-  EXPECT_EQ(ReadAll(restrict), "2\n");
+  EXPECT_EQ(test_support::ReadTextFile(restrict), "2\n");
 }
 
 }  // namespace

@@ -4,12 +4,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -17,7 +14,9 @@
 #include "process_manager/procfs/proc_parser.h"
 #include "support/fake_services.h"
 #include "support/fresh_process.h"
+#include "support/rights.h"
 #include "support/temp_directory.h"
+#include "support/unshare_mounts.h"
 #include "zym/exception.h"
 #include "zym/module_counter.h"
 
@@ -32,11 +31,6 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 
 constexpr std::uint64_t kFarEnd = 0xffffffffff000000;
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class RootedParser : public ProcParser {
  public:
@@ -66,8 +60,8 @@ struct Setting {
     tree.Write("sys/kernel/perf_event_paranoid", "3\n");
   }
   void ExpectSettingsAsBefore() const {
-    EXPECT_EQ(ReadAll(tree.Place("sys/kernel/kptr_restrict")), "2\n");
-    EXPECT_EQ(ReadAll(tree.Place("sys/kernel/perf_event_paranoid")), "3\n");
+    EXPECT_EQ(test_support::ReadTextFile(tree.Place("sys/kernel/kptr_restrict")), "2\n");
+    EXPECT_EQ(test_support::ReadTextFile(tree.Place("sys/kernel/perf_event_paranoid")), "3\n");
   }
 
   test_support::FakeHost host;
@@ -151,7 +145,7 @@ TEST_F(GetModulesTest, ExceptionsOfTheSettingsPassThrough) {
   EXPECT_THROW(parser->GetModules(modules), zym::CheckFailedException);
   tree.Write("sys/kernel/kptr_restrict", "2\n");
   EXPECT_THROW(parser->GetModules(modules), zym::CheckFailedException);
-  EXPECT_EQ(ReadAll(tree.Place("sys/kernel/kptr_restrict")), "2\n");
+  EXPECT_EQ(test_support::ReadTextFile(tree.Place("sys/kernel/kptr_restrict")), "2\n");
 }
 
 // --- sections ---
@@ -338,10 +332,9 @@ TEST_F(ModulesSectionsTest, TheSecondAttemptBeginsWithAnEmptyList) {
 }
 
 TEST(ModulesSections, AreReadBelowSysModule) {
-  if (::geteuid() != 0) GTEST_SKIP() << "covering /sys/module needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(test_support::MissingMountRights());
   InFreshProcess([] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(test_support::UnshareMounts(), nullptr);
     Setting setting;
     setting.tree.Write("zram/sections/.text", "0xffffffffc0000000\n");
     ASSERT_EQ(::mount(setting.tree.Path().c_str(), "/sys/module", nullptr, MS_BIND, nullptr), 0);

@@ -1,11 +1,12 @@
-// Mappings that a test made up, as a reader of /proc gives them.
+// Mappings that a test made up, as a reader of /proc returns them.
 #pragma once
 
-#include <map>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 
-#include "support/fake_procfs_parser.h"
+#include "process_manager/proc_parser.h"
 
 namespace qor::process_manager {
 
@@ -25,18 +26,5 @@ inline procfs::Maps MapsOf(std::initializer_list<procfs::MapsEntry> entries) {
     maps.emplace(entry.begin, std::make_shared<procfs::MapsEntry>(entry));
   return maps;
 }
-
-// A pid that it wasn't given can't be read.
-class MapsParser : public test_support::FakeProcfsParser {
- public:
-  std::map<PidType, procfs::Maps> maps;
-
-  zym::result_t GetMaps(PidType pid, procfs::Maps& out) override {
-    const auto found = maps.find(pid);
-    if (found == maps.end()) return zym::ZYM_E_UNSPECIFIED;
-    out = found->second;
-    return zym::ZYM_OK;
-  }
-};
 
 }  // namespace qor::process_manager
