@@ -18,8 +18,8 @@ mkdir -p "$state"
 # The dependencies of each object, as the compiler wrote them and ninja keeps them, say what a file was made of.
 ninja -C "$build" -t deps 2>/dev/null >"$state/deps" || : >"$state/deps"
 
-# Clang stops at options that GCC alone knows. Warnings are the compiler's to give; here they would come twice.
-sed -E 's/ -(fno-gnu-unique|fpch-preprocess|Wno-tsan|Werror)( |")/ \2/g; s/"command": "[^"]*ccache /"command": "/' \
+# Clang stops at options and precompiled headers that GCC alone knows. Warnings are the compiler's to give; here they would come twice.
+sed -E 's/ -(fno-gnu-unique|fpch-preprocess|Wno-tsan|Werror)( |")/ \2/g; s/ -Winvalid-pch -include [^ ]*cmake_pch[.]hxx//g; s/"command": "[^"]*ccache /"command": "/' \
   "$build/compile_commands.json" >"$state/compile_commands.json"
 
 list=$(mktemp -d)

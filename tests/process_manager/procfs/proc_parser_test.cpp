@@ -329,10 +329,10 @@ TEST_F(ProcParserTest, ARootThatCannotBeOpenedIsTracedAsAFailedCheck) {
   ASSERT_EQ(records.size(), 2U);
   for (const test_support::TraceRecord& record : records) {
     EXPECT_EQ(record.level, 300U);
-    EXPECT_THAT(
-        record.text,
-        ::testing::MatchesRegex("process_manager/procfs/proc_parser.cpp:[0-9]+\\(dir\\),\\(bool\\) failed: result = "
-                                "false Cannot open /no/such/root: No such file or directory"));
+    EXPECT_THAT(record.text,
+                ::testing::MatchesRegex(
+                    "process_manager/procfs/proc_parser.cpp:[0-9]+\\(dir\\),\\(bool\\) failed: result = "
+                    "false Cannot open /no/such/root: No such file or directory"));
   }
 }
 
