@@ -55,7 +55,8 @@ TEST_F(ProcessListenerTest, TheEndOfAProcessThatBeganEarlierIsReported) {
 }
 
 TEST_F(ProcessListenerTest, WithoutTheEnumerationTheCacheHasNotMetAnEarlierProcess) {
-  test_support::Actor earlier({"wait"});
+  test_support::Actor earlier({"say", "wait"});
+  earlier.HearPid();  // its exec is behind it
   const Bootstrap host(m_module, host_kit::MakeDefaultServices(), {.enumerate = false});
   std::atomic<bool> reported{false};
   std::atomic<std::uint32_t> lastEnd{0};
