@@ -57,6 +57,7 @@ zym::result_t Interceptor::RegisterBlockingFilterAttachHandler(const FilterDescr
                                                                std::uint32_t timeout,
                                                                IBlockingEventHandler* handler,
                                                                std::uint32_t* id) {
+  ZYM_CHECK(GetTracer(), id != nullptr, zym::ZYM_E_INVALID_ARGUMENT);
   *id = NextFilterId();  // consumed even if the rest fails
   ZYM_TRACE(GetTracer(), kCall,
             __func__ << "() " << enabled << ", h: " << (handler != nullptr)
@@ -82,6 +83,7 @@ zym::result_t Interceptor::RegisterFilter(const FilterDescriptor& descriptor, bo
 zym::result_t Interceptor::RegisterNonBlocking(const char* function, const FilterDescriptor& descriptor,
                                                bool enabled, std::uint32_t flags,
                                                INonBlockingEventHandler* handler, std::uint32_t* id) try {
+  ZYM_CHECK(GetTracer(), id != nullptr, zym::ZYM_E_INVALID_ARGUMENT);
   *id = NextFilterId();
   ZYM_TRACE(GetTracer(), kCall,
             function << "() " << enabled << ", h: " << (handler != nullptr) << ", func: "

@@ -133,6 +133,17 @@ TEST_F(InterceptorTest, ABlockingFilterForTheEndOfAProcessIsRefusedWithItsIdWrit
   handler->Release();
 }
 
+TEST_F(InterceptorTest, ARegistrationWithoutAPlaceForTheIdIsInvalid) {
+  EXPECT_EQ(m_interceptor->RegisterFilter({.type = event_type::kCreateProcess}, true, 0, nullptr),
+            zym::ZYM_E_INVALID_ARGUMENT);
+  EXPECT_EQ(m_interceptor->RegisterNonBlockingFilterAttachHandler({.type = event_type::kCreateProcess}, true,
+                                                                  0, nullptr, nullptr),
+            zym::ZYM_E_INVALID_ARGUMENT);
+  EXPECT_EQ(m_interceptor->RegisterBlockingFilterAttachHandler({.type = event_type::kCreateProcess}, true, 0,
+                                                               0, nullptr, nullptr),
+            zym::ZYM_E_INVALID_ARGUMENT);
+}
+
 TEST_F(InterceptorTest, ThisBuildHasNoBlockingSource) {
   std::uint32_t id = 0;
   EXPECT_EQ(m_interceptor->RegisterBlockingFilterAttachHandler({.type = event_type::kCreateProcess}, true, 0,

@@ -37,8 +37,8 @@ struct IInterceptor : zym::IObject {
 
   // `id` is written before anything else, and is not used again even if the registration fails. With a null
   // handler the filter is inert. `timeout` and `flags` are stored and not read by the module.
-  // ZYM_E_NOT_SUPPORTED: there are no such filters for this type of event. When the source can't be started,
-  // its code is the result, and the filter is registered.
+  // ZYM_E_INVALID_ARGUMENT: `id` is null. ZYM_E_NOT_SUPPORTED: there are no such filters for this type of
+  // event. When the source can't be started, its code is the result, and the filter is registered.
   virtual zym::result_t RegisterBlockingFilterAttachHandler(const FilterDescriptor& descriptor, bool enabled,
                                                             std::uint32_t flags, std::uint32_t timeout,
                                                             event_processing::IBlockingEventHandler* handler,
