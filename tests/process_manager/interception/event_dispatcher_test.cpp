@@ -7,6 +7,7 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -53,12 +54,14 @@ class TestEvent : public zym::object::Ifaces<ISystemEvent> {
     return showToHandlers;
   }
   zym::types::string16_t ToString() override {
+    if (raiseInToString) throw std::bad_alloc();
     return *zym::Utf8ToUtf16("event " + std::to_string(m_number));
   }
 
   std::atomic<int> completions{0};
   bool showToHandlers = true;
   bool raiseInGetPid = false;
+  bool raiseInToString = false;
 
  private:
   const std::uint32_t m_type;
@@ -213,6 +216,19 @@ TEST_F(EventDispatcherTest, AnUnknownTypeIsTracedAndLeavesTheCountersAsIfHandled
   EXPECT_EQ(m_dispatcher->GetProcessingPidsCount(), 0U);
   EXPECT_TRUE(m_host.tracer->Has(zym::trace::kFailure,
                                  "EventDispatcher::ProcessQueuedEvent: Unsupported event : 3660608892"));
+}
+
+TEST_F(EventDispatcherTest, AnEventWhoseTextCannotBeMadeForTheTraceIsCompletedAndHandled) {
+  Create();
+  std::atomic<int> calls{0};
+  m_dispatcher->SetCreateProcessHandler([&](const Event&) { ++calls; });
+  const auto event = MakeEvent(event_type::kCreateProcess, 5, 4);
+  event->raiseInToString = true;
+  Dispatch({event});
+  WaitUntilIdle();
+  EXPECT_TRUE(m_host.tracer->Has(800, "ProcessQueuedEvent: nonblocking event: "));
+  EXPECT_EQ(event->completions, 1);
+  EXPECT_EQ(calls, 1);
 }
 
 TEST_F(EventDispatcherTest, AnEventThatCompleteSkipsReachesNoHandlerAndLeavesTheCountersAsIfHandled) {
