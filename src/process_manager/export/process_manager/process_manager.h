@@ -27,10 +27,19 @@ struct IProcessInformationEnumerator : zym::IObject {
 // failure the out-parameter is left alone.
 //
 // The locator must offer procfs::IParser and the process cache. A process of which the cache knows is not
-// read again. Result codes of the getters: ZYM_E_NOT_FOUND, there is no such process, it has ended (even if
-// its parent has not collected it yet), or it can't be looked into for want of CAP_SYS_PTRACE: the
-// kernel answers all three alike; ZYM_E_INVALID_ARGUMENT, the pid is all ones. A pid of 0 is the kernel. The
-// id of a thread is taken as the kernel takes it: the object is that of the thread, under the thread's id.
+// read again. A pid of 0 is the kernel. The id of a thread is taken as the kernel takes it: the object is
+// that of the thread, under the thread's id.
+//
+// Result codes of the getters:
+//   ZYM_E_NOT_FOUND         there is no such process, it has ended (even if its parent has not collected it
+//   yet), or
+//                           it can't be looked into for want of CAP_SYS_PTRACE: the kernel answers all three
+//                           alike
+//   ZYM_E_UNSPECIFIED       a file of the process in /proc can't be read or parsed
+//   ZYM_E_INVALID_ARGUMENT  the pid is all ones
+//   ZYM_E_OUT_OF_MEMORY
+// and of a service that is missing, or that fails, its code: ZYM_E_NO_INTERFACE from most locators. Without
+// IProcessInfoProvider each getter fails, and Enumerate succeeds with nothing, for it leaves out what fails.
 struct IProcessManager : zym::IObject {
   static constexpr zym::iid_t kIid = 0x476789db;
 
