@@ -201,7 +201,7 @@ void ProcessGuard::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo&
   image.startTime = time;
   const Process* const known = Find(pid);
   if (known == nullptr) {
-    // The process began before anybody looked, or the report of its start was lost: nobody was told of the
+    // The process began before anybody looked, or the report of its start was lost: no event named the
     // image that ends here.
     exit.skip = true;
     TakeParent(image, image.parentPid);

@@ -25,7 +25,7 @@ class LineWriter {
   // Writes what is left. Throws Failure when lines were lost, unless it was the reader who went away.
   void Finish();
 
-  // Columns of the terminal; 0 when there is none.
+  // Columns of the terminal; 0 when it is no terminal.
   [[nodiscard]] std::size_t Width() const;
 
  private:

@@ -13,6 +13,7 @@
 #include "host_kit/process_listener.h"
 #include "support/actor.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 #include "support/threads.h"
 #include "zym/object.h"
 
@@ -130,7 +131,7 @@ struct Seen {
 class RealEventView : public testing::Test {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+    SKIP_IF(test_support::MissingProcConnector());
     const host_kit::LoadedModule module(PROCESS_MANAGER_MODULE);
     const host_kit::Bootstrap host(module);
     const host_kit::ProcessListener listener(host, [this](const EventView& view) { Keep(view); });

@@ -9,6 +9,7 @@
 
 #include "support/actor.h"
 #include "support/own_process.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace {
@@ -21,9 +22,7 @@ using qor::process_manager::non_blocking_type::kKprobes;
 
 class ProcessListenerTest : public testing::Test {
  protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
-  }
+  void SetUp() override { SKIP_IF(test_support::MissingProcConnector()); }
   void TearDown() override {
     EXPECT_TRUE(test_support::ThreadsNamed("vornPrcMonPoll").empty()) << "the source still runs";
   }

@@ -32,7 +32,7 @@ struct SerField {
 struct ISerObjDescriptor {
   // Builds an object in raw memory, as a copy of `source`, or in its default state if `source` is null.
   virtual result_t Construct(void* memory, const void* source) const = 0;
-  // The same in memory from `allocator`; null if there is none.
+  // The same in memory from `allocator`; null if the allocator has no memory left.
   virtual void* Create(const void* source, IAllocator* allocator) const = 0;
   virtual void Destroy(void* object) const = 0;
   virtual result_t Assign(const void* source, void* target) const = 0;

@@ -15,7 +15,7 @@ struct IProcessUserLocalizationProvider : zym::IObject {
 
   // The language that the LANG of the process's environment names, such as "ru", "zh-hans" or "zh-hant". A
   // process that is gone, that can't be read, or whose LANG names none ("C", "POSIX", a bare "en", nothing)
-  // has the product's language, which the startup record told when the object was made. ZYM_OK in all these
+  // has the product's language, which the startup record held when the object was made. ZYM_OK in all these
   // cases. A locator without a procfs::IParser fails with its code.
   virtual zym::result_t GetProcessUserLocalization(process_id_t pid,
                                                    zym::types::string16_t& localization) = 0;

@@ -9,7 +9,7 @@ namespace qor::process_memory_manager {
 
 // The first task, in the task manager's order, that is neither stopped nor completed, has settings of a
 // memory scan, and scans memory. Needs IQorTaskManager of the locator: a failure to get it or the product's
-// tasks is traced and returned. ZYM_E_NOT_FOUND: there is none; `task` is left alone then. Any thread.
+// tasks is traced and returned. ZYM_E_NOT_FOUND: no such task runs; `task` is left alone then. Any thread.
 zym::result_t GetMemoryScanningTask(zym::IServiceLocator* locator, zym::ITracer* tracer,
                                     core::TaskInfo& task);
 
