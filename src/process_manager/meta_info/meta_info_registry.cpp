@@ -7,6 +7,11 @@
 #include "process_manager/interceptor_settings.h"
 #include "process_manager/meta_info/meta_info_descriptor.h"
 
+// The descriptors of the two field records belong to the module and have no row: no structure with such a
+// field has an id yet.
+template class zym::SerObjDescriptorImpl<qor::RuntimeField>;
+template class zym::SerObjDescriptorImpl<qor::AdditionalField>;
+
 namespace qor::process_manager::MetaInfoDescriptorsNamespace {
 namespace {
 
