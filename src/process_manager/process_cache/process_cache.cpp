@@ -162,6 +162,14 @@ ProcessCache::Version& ProcessCache::VersionToEnd(Entry& entry) {
   return *version;
 }
 
+// To be called when a report may have been the last that an image awaited.
+void ProcessCache::DropReported(Entry& entry) {
+  if (!entry.DropReported(m_surroundings.imagesKept)) return;
+  ZYM_TRACE(GetTracer(), zym::trace::kWarning,
+            __PRETTY_FUNCTION__ << " pid: " << entry.pid
+                                << ", drops the oldest images, keeps: " << m_surroundings.imagesKept);
+}
+
 // A dead record of the last image takes the place of the entry.
 void ProcessCache::Bury(Entry& entry) {
   m_dead.Emplace(entry.pid, std::move(entry.Last().info), m_deadEntryRetention);

@@ -16,12 +16,14 @@
 
 namespace qor::process_manager {
 
-// What the cache takes from the machine: a test puts its own in.
+// What the cache takes from the machine, and a bound that a test lowers: a test puts its own in.
 struct ProcessCacheSurroundings {
   std::function<zym::datetime_t()> now;  // the clock of exit times and of the retention
   std::function<std::time_t()> seconds;  // since 1970; the upper half of a unique pid
   std::function<std::uint16_t()> counterStart;
   std::function<bool(zym::ITracer*)> isWorkstation;
+  // Of one process, those whose begin and end were both reported; at least Entry::kFewestKept.
+  std::uint32_t imagesKept = 4096;
 
   // The real ones. The counter starts at random, so that unique pids of two runs of the module within one
   // second differ.
@@ -30,8 +32,10 @@ struct ProcessCacheSurroundings {
 
 // The event sources report to it what happens; whoever looks for a process asks it. Both tables are bounded,
 // and nothing runs on a timer: an entry is touched, evicted or erased only by a call. The cache is not filled
-// at start: processes enter by events, and by reads that are passed to Update. The images of one process are
-// all kept until its entry goes, so an entry grows with each exec of its process.
+// at start: processes enter by events, and by reads that are passed to Update.
+//
+// Of one process at most 4,096 images are kept whose begin and end were both reported: the first, which holds
+// the link to the parent, and the newest. An image that still awaits a report is never dropped.
 //
 // One mutex over everything, a leaf: no call out of it blocks, and answers are copies. Each operation traces
 // its entry before it takes the mutex, and whatever else it traces inside.
@@ -94,6 +98,7 @@ class ProcessCache : public zym::object::Ifaces<IProcessInfoProvider, IEventInfo
   Version& VersionToCreate(Entry& entry, zym::datetime_t time);
   static Version& VersionToEnd(Entry& entry);
   void End(Version& version, zym::datetime_t time);
+  void DropReported(Entry& entry);
   void Bury(Entry& entry);
   bool GetDead(PidType pid, ProcessInformation& info);
   Version* FindByUniquePid(UniquePidType uniquePid);

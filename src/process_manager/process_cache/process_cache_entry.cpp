@@ -28,6 +28,11 @@ void IndexQueue::PopBack() noexcept {
   if (!m_rest.empty()) m_rest.pop_back();
 }
 
+std::uint32_t IndexQueue::FrontAfterZero(std::uint32_t none) const noexcept {
+  const std::uint32_t position = m_size != 0 && m_first[0] == 0 ? 1 : 0;
+  return position < m_size ? m_first[position] : none;
+}
+
 Entry::Entry(PidType pid_, UniquePidType uniquePid) : pid(pid_) {
   m_first.info.pid = pid;
   m_first.info.uniquePid = uniquePid;
@@ -39,10 +44,8 @@ Version* Entry::FrontOf(const IndexQueue& queue) noexcept {
   return !queue.Empty() && queue.Front() < VersionCount() ? &At(queue.Front()) : nullptr;
 }
 
-Version* Entry::FindByUniquePid(UniquePidType uniquePid) noexcept {
-  for (std::size_t i = 0; i < VersionCount(); ++i)
-    if (At(i).info.uniquePid == uniquePid) return &At(i);
-  return nullptr;
+Version* Entry::FindByUniquePid(UniquePidType uniquePid) {
+  return m_first.info.uniquePid == uniquePid ? &m_first : m_later.FindByUniquePid(uniquePid);
 }
 
 Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequence, zym::datetime_t time) {
@@ -54,11 +57,20 @@ Version& Entry::AppendVersion(UniquePidType uniquePid, std::uint64_t startSequen
   // The creator of an image that an exec makes is the image that it replaces.
   SetCreator(previous, version.info);
   version.info.startTime = time;
-  m_later.push_back(std::move(version));
-  const auto index = static_cast<std::uint32_t>(VersionCount() - 1);
-  creationQueue.PushBack(index);
-  terminationQueue.PushBack(index);
-  return Last();
+  m_lastLater = &m_later.Append(std::move(version));
+  creationQueue.PushBack(m_later.Newest());
+  terminationQueue.PushBack(m_later.Newest());
+  return *m_lastLater;
+}
+
+bool Entry::DropReported(std::uint32_t kept) {
+  const LaterImages::Serial end = m_later.Newest() + 1;
+  const LaterImages::Serial awaited =
+      std::min(creationQueue.FrontAfterZero(end), terminationQueue.FrontAfterZero(end));
+  m_later.ShareTextsBefore(awaited);
+  const LaterImages::Serial droppedBefore = m_later.Dropped();
+  while (awaited - m_later.Dropped() > kept) m_later.DropOldest();
+  return droppedBefore == 0 && m_later.Dropped() != 0;
 }
 
 void SetParent(const ProcessIds& parent, ProcessIds& child) {

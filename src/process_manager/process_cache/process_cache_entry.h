@@ -6,17 +6,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "process_manager/process_cache/later_images.h"
 #include "process_manager/process_records.h"
 #include "process_manager/types.h"
 
 namespace qor::process_manager::process_cache {
-
-// One image of one pid. Sequence numbers are 0 until the transition is reported.
-struct Version {
-  std::uint64_t startSequence = 0;
-  std::uint64_t endSequence = 0;
-  ProcessInformation info;
-};
 
 // A queue of the indices of versions. It holds one or two as a rule, and those without memory of its own:
 // two std::deque in each entry would be three quarters of the cache.
@@ -26,6 +20,8 @@ class IndexQueue {
   [[nodiscard]] std::size_t Size() const noexcept { return m_size; }
   // Of a queue that isn't empty.
   [[nodiscard]] std::uint32_t Front() const noexcept { return m_first[0]; }
+  // The first that isn't 0, or `none`. Indices ascend from the front on.
+  [[nodiscard]] std::uint32_t FrontAfterZero(std::uint32_t none) const noexcept;
 
   void PushBack(std::uint32_t index);
   // An empty queue stays empty.
@@ -52,25 +48,37 @@ class Entry {
   IndexQueue creationQueue;
   IndexQueue terminationQueue;
 
-  // There is always one; the last is the current image.
-  [[nodiscard]] std::size_t VersionCount() const noexcept { return 1 + m_later.size(); }
-  Version& At(std::size_t index) noexcept { return index == 0 ? m_first : m_later[index - 1]; }
+  // There is always one; the last is the current image. Dropped ones count, so an index names its version
+  // for good.
+  [[nodiscard]] std::size_t VersionCount() const noexcept { return 1 + std::size_t{m_later.Newest()}; }
+  // Of a version whose index is in a queue, or one of the last two.
+  Version& At(std::size_t index) noexcept {
+    return index == 0 ? m_first : m_later.At(static_cast<LaterImages::Serial>(index));
+  }
   Version& First() noexcept { return m_first; }
-  Version& Last() noexcept { return m_later.empty() ? m_first : m_later.back(); }
+  Version& Last() noexcept { return m_lastLater != nullptr ? *m_lastLater : m_first; }
 
   // The version at the front of a queue; null when the queue is empty or names a version that isn't there.
   Version* FrontOf(const IndexQueue& queue) noexcept;
-  // The oldest with this unique pid, or null.
-  Version* FindByUniquePid(UniquePidType uniquePid) noexcept;
+  // The oldest with this unique pid, or null. Valid until the next search.
+  Version* FindByUniquePid(UniquePidType uniquePid);
 
   // A new image, made by the process itself at `time`. Its creation and termination await their reports.
-  // References to other versions than the first end here.
   Version& AppendVersion(UniquePidType uniquePid, std::uint64_t startSequence, zym::datetime_t time);
 
+  // Drops the oldest versions whose indices are in no queue, while there are more than `kept` of them: at
+  // least kFewestKept. The first counts and stays, for a fork and the link to the parent are written to it.
+  // What is newer than another version that awaits a report stays, too. True: this entry drops for the first
+  // time.
+  bool DropReported(std::uint32_t kept);
+  static constexpr std::uint32_t kFewestKept = LaterImages::kRecent + 1;
+
  private:
+  // Null while the first is the last. It doesn't point to the first then: the processor would wait for it.
+  Version* m_lastLater = nullptr;
   // Most processes run one image, or two: the first lies in the table's own memory.
   Version m_first;
-  std::vector<Version> m_later;
+  LaterImages m_later;  // the serial of a version is its index
 };
 
 void SetParent(const ProcessIds& parent, ProcessIds& child);

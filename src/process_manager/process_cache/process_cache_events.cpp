@@ -36,6 +36,7 @@ void ProcessCache::OnFork(ProcessInformation&& info, EventInfo& create) {
   create.isFork = true;
   create.sequence = first.startSequence;
   create.info = first.info;
+  DropReported(entry);
 }
 
 void ProcessCache::OnExecPerm(ProcessInformation&& info, EventInfo& exit, EventInfo& create) {
@@ -86,6 +87,7 @@ void ProcessCache::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo&
   entry.creationQueue.PopFront();
   create.sequence = image.startSequence;
   create.info = image.info;
+  DropReported(entry);
 }
 
 void ProcessCache::OnExit(pid_t pid, EventInfo& exit) {
@@ -102,6 +104,7 @@ void ProcessCache::OnExit(pid_t pid, EventInfo& exit) {
   entry->terminationQueue.PopFront();
   exit.sequence = version.endSequence;
   exit.info = version.info;
+  DropReported(*entry);
 }
 
 void ProcessCache::OnExitProcess(EventInfo& exit) {
@@ -156,15 +159,16 @@ void ProcessCache::OnExecDeny(ProcessInformation&& info, EventInfo& exit, EventI
   exit.info = previous.info;
 
   // The process goes on as what it was, under a new unique pid.
-  Version& next = AppendVersion(*entry, time);  // previous may have moved
+  Version& next = AppendVersion(*entry, time);
   Merge(info, next.info, false);
-  next.info.creatorPid = exit.info.creatorPid;
-  next.info.creatorUniquePid = exit.info.creatorUniquePid;
+  next.info.creatorPid = previous.info.creatorPid;
+  next.info.creatorUniquePid = previous.info.creatorUniquePid;
   forkCreate.sequence = next.startSequence;
   forkCreate.info = next.info;
   entry->creationQueue.PopBack();
   create.sequence = next.startSequence;
   create.info = next.info;
+  DropReported(*entry);
 }
 
 zym::result_t ProcessCache::OnCreateProcess(bool shouldUpdateExecInfo, EventInfo& create) {

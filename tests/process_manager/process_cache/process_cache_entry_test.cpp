@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
+#include <list>
 #include <memory>
 #include <random>
+#include <string>
+#include <utility>
 
 #include "support/process_records.h"
 #include "tests/process_manager/process_cache/process_cache_fixture.h"
@@ -97,6 +101,221 @@ TEST(ProcessCacheEntry, AQueueThatIsEmptyOrNamesNoVersionHasNoFront) {
   EXPECT_EQ(entry.FrontOf(queue), nullptr);
   queue.PushBack(1);
   EXPECT_EQ(entry.FrontOf(queue), nullptr);
+}
+
+TEST(IndexQueue, AnswersTheFirstIndexAfterZero) {
+  IndexQueue queue;
+  EXPECT_EQ(queue.FrontAfterZero(99), 99U);
+  queue.PushBack(0);
+  EXPECT_EQ(queue.FrontAfterZero(99), 99U);
+  queue.PushBack(4);
+  queue.PushBack(5);
+  EXPECT_EQ(queue.FrontAfterZero(99), 4U);
+  queue.PopFront();
+  EXPECT_EQ(queue.FrontAfterZero(99), 4U);
+}
+
+// --- what is dropped ---
+
+constexpr std::uint32_t kKept = Entry::kFewestKept;
+
+// Each has 1000 and its index as its unique pid.
+void AppendReported(Entry& entry, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    entry.AppendVersion(1000 + entry.VersionCount(), 0, 0);
+    entry.creationQueue.PopFront();
+    entry.terminationQueue.PopFront();
+  }
+}
+
+TEST(ProcessCacheEntry, KeepsTheFirstVersionAndTheNewestOfThoseThatWereReported) {
+  Entry entry(7, 1000);
+  entry.creationQueue.PopFront();  // the last version is the only one that awaits its end
+  AppendReported(entry, 100);
+  EXPECT_TRUE(entry.DropReported(kKept));
+  EXPECT_EQ(entry.VersionCount(), 101U) << "dropped ones count";
+  for (std::size_t index = 0; index <= 100; ++index)
+    EXPECT_EQ(entry.FindByUniquePid(1000 + index) != nullptr, index == 0 || index > 100 - kKept) << index;
+}
+
+TEST(ProcessCacheEntry, DropsNothingUpToTheBound) {
+  Entry entry(7, 1000);
+  entry.creationQueue.PopFront();
+  AppendReported(entry, kKept);
+  EXPECT_FALSE(entry.DropReported(kKept)) << "the last one still awaits its end";
+  AppendReported(entry, 1);
+  EXPECT_TRUE(entry.DropReported(kKept));
+  EXPECT_EQ(entry.FindByUniquePid(1001), nullptr);
+  EXPECT_NE(entry.FindByUniquePid(1002), nullptr);
+}
+
+TEST(ProcessCacheEntry, SaysOnceThatItDrops) {
+  Entry entry(7, 1000);
+  AppendReported(entry, 100);
+  EXPECT_TRUE(entry.DropReported(kKept));
+  AppendReported(entry, 100);
+  EXPECT_FALSE(entry.DropReported(kKept));
+}
+
+TEST(ProcessCacheEntry, AFirstVersionThatAwaitsAReportHoldsNothingUp) {
+  Entry entry(7, 1000);
+  for (int i = 0; i < 100; ++i) {
+    entry.AppendVersion(1000 + entry.VersionCount(), 0, 0);
+    entry.creationQueue.PopBack();
+    entry.terminationQueue.PopBack();
+  }
+  EXPECT_EQ(entry.creationQueue.Front(), 0U);
+  EXPECT_EQ(entry.terminationQueue.Front(), 0U);
+  EXPECT_TRUE(entry.DropReported(kKept));
+  EXPECT_EQ(entry.FindByUniquePid(1001), nullptr);
+}
+
+TEST(ProcessCacheEntry, NeverDropsAVersionThatAwaitsOneOfItsReports) {
+  for (const auto queue : {&Entry::creationQueue, &Entry::terminationQueue}) {
+    Entry entry(7, 1000);
+    for (int i = 0; i < 100; ++i) entry.AppendVersion(1000 + entry.VersionCount(), 0, 0);
+    for (int i = 0; i < 40; ++i) (entry.*queue).PopFront();
+    EXPECT_FALSE(entry.DropReported(kKept)) << "all await the other report";
+    IndexQueue& other = queue == &Entry::creationQueue ? entry.terminationQueue : entry.creationQueue;
+    for (int i = 0; i < 100; ++i) other.PopFront();
+    EXPECT_TRUE(entry.DropReported(kKept));
+    for (std::size_t index = 0; index <= 100; ++index)
+      EXPECT_EQ(entry.FindByUniquePid(1000 + index) != nullptr, index == 0 || index > 40 - kKept) << index;
+    EXPECT_EQ(entry.FrontOf(entry.*queue), entry.FindByUniquePid(1040));
+  }
+}
+
+// The rules of an entry in one plain list.
+class EntryModel {
+ public:
+  struct Image {
+    std::uint32_t index;
+    UniquePidType uniquePid;
+    std::u16string text;
+    bool operator==(const Image&) const = default;
+  };
+
+  explicit EntryModel(UniquePidType uniquePid) { Append(uniquePid, u""); }
+
+  void Append(UniquePidType uniquePid, std::u16string text) {
+    m_images.push_back({m_count, uniquePid, std::move(text)});
+    creation.push_back(m_count);
+    termination.push_back(m_count++);
+  }
+  Image* Find(UniquePidType uniquePid) {
+    const auto found = std::ranges::find(m_images, uniquePid, &Image::uniquePid);
+    return found != m_images.end() ? &*found : nullptr;
+  }
+  // The number of images that go.
+  std::size_t Drop(std::size_t kept) {
+    std::uint32_t awaited = m_count;
+    for (const auto* const queue : {&creation, &termination})
+      for (const std::uint32_t index : *queue)
+        if (index != 0) awaited = std::min(awaited, index);
+    std::size_t reported = 0;
+    for (const Image& image : m_images) reported += image.index < awaited ? 1 : 0;
+    std::size_t dropped = 0;
+    for (; reported > kept; --reported, ++dropped) m_images.erase(std::next(m_images.begin()));
+    return dropped;
+  }
+  Image& At(std::uint32_t index) { return *std::ranges::find(m_images, index, &Image::index); }
+  std::uint32_t Count() const { return m_count; }
+
+  std::deque<std::uint32_t> creation;
+  std::deque<std::uint32_t> termination;
+
+ private:
+  std::uint32_t m_count = 0;
+  std::list<Image> m_images;
+};
+
+EntryModel::Image Seen(const Version& version) {
+  return {static_cast<std::uint32_t>(version.startSequence), version.info.uniquePid,
+          std::u16string(version.info.imagePath)};
+}
+
+void SetText(Version& version, const std::u16string& text) {
+  version.info.imagePath = text;
+  version.info.workingDirectory = text;
+  version.info.commandLine = CommandLine(text.c_str());
+}
+
+TEST(ProcessCacheEntry, DoesWhatOneListDoesInAnyHistory) {
+  std::size_t dropped = 0;
+  std::size_t found = 0;
+  std::size_t repeated = 0;
+  for (std::uint32_t seed = 1; seed <= 20; ++seed) {
+    std::mt19937 engine(seed);
+    const std::uint32_t kept = kKept + engine() % 12;
+    const UniquePidType uniquePids = 10 + engine() % 100;
+    const auto anyText = [&] {
+      return u"/bin/" + std::u16string(1, static_cast<char16_t>(u'a' + engine() % 4));
+    };
+    Entry entry(7, 0);
+    EntryModel model(0);
+    const auto popFront = [](IndexQueue& queue, std::deque<std::uint32_t>& plain) {
+      queue.PopFront();
+      if (!plain.empty()) plain.pop_front();
+    };
+    const auto popBack = [](IndexQueue& queue, std::deque<std::uint32_t>& plain) {
+      queue.PopBack();
+      if (!plain.empty()) plain.pop_back();
+    };
+    for (int step = 0; step < 3000; ++step) {
+      // In turn more are announced than reported, and the reverse.
+      const bool falls = step / 100 % 2 == 0;
+      const std::uint32_t choice = engine() % 16;
+      if (choice < (falls ? 3U : 6U)) {
+        const UniquePidType uniquePid = engine() % uniquePids;
+        const std::u16string text = anyText();
+        repeated += model.Find(uniquePid) != nullptr ? 1 : 0;
+        SetText(entry.AppendVersion(uniquePid, model.Count(), 0), text);
+        model.Append(uniquePid, text);
+      } else if (choice < 9) {
+        popFront(entry.creationQueue, model.creation);
+      } else if (choice < 12) {
+        popFront(entry.terminationQueue, model.termination);
+      } else if (choice == 12) {
+        popBack(entry.creationQueue, model.creation);
+        popBack(entry.terminationQueue, model.termination);
+      } else {
+        const UniquePidType uniquePid = engine() % uniquePids;
+        Version* const version = entry.FindByUniquePid(uniquePid);
+        EntryModel::Image* const image = model.Find(uniquePid);
+        ASSERT_EQ(version != nullptr, image != nullptr);
+        if (image == nullptr) continue;
+        ++found;
+        ASSERT_EQ(Seen(*version), *image);
+        if (!image->text.empty()) {
+          ASSERT_EQ(std::u16string(version->info.workingDirectory), image->text);
+          ASSERT_EQ(std::u16string(*version->info.commandLine), image->text);
+        }
+        if (choice == 13) {  // a report completes it late
+          image->text = anyText();
+          SetText(*version, image->text);
+        }
+      }
+      entry.DropReported(kept);
+      dropped += model.Drop(kept);
+
+      ASSERT_EQ(entry.VersionCount(), model.Count());
+      ASSERT_EQ(Seen(entry.Last()), model.At(model.Count() - 1));
+      if (model.Count() > 1) {
+        ASSERT_EQ(Seen(entry.At(entry.VersionCount() - 2)), model.At(model.Count() - 2));
+      }
+      for (const auto& [queue, plain] : {std::pair(&entry.creationQueue, &model.creation),
+                                         std::pair(&entry.terminationQueue, &model.termination)}) {
+        const Version* const front = entry.FrontOf(*queue);
+        ASSERT_EQ(front != nullptr, !plain->empty());
+        if (front != nullptr) {
+          ASSERT_EQ(Seen(*front), model.At(plain->front()));
+        }
+      }
+    }
+  }
+  EXPECT_GT(dropped, 1000U) << "a draw that drops nothing proves nothing";
+  EXPECT_GT(found, 1000U);
+  EXPECT_GT(repeated, 1000U);
 }
 
 Info Stored() {

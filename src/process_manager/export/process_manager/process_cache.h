@@ -35,12 +35,15 @@ struct IProcessInfoProvider : zym::IObject {
 
   // A process that is alive, or ended at most a second ago. False: not known, or not well enough.
   virtual bool Get(pid_t pid, process_cache::ProcessInformation& info) = 0;
-  // Any image of a process that is alive, the earlier ones too.
+  // Any image of a process that is alive, the earlier ones too: at most 4,096 of them whose begin and end
+  // were both reported, the first and the newest; and all that still await a report. Of images with equal
+  // unique pids the oldest that is kept. False: not known, or not any more.
   virtual bool GetByUniquePid(UniquePidType uniquePid, process_cache::ProcessInformation& info) = 0;
   // Adds a process that was read from /proc: all of `info` but its creator and its unique pids is taken,
   // unless the process is known already. Writes the ids that the cache has for it into `info`.
   virtual void Update(process_cache::ProcessInformation& info) = 0;
-  // Adds the effective user, the groups and the environment of `info` to the image with its unique pid.
+  // Adds the effective user, the groups and the environment of `info` to the image with its unique pid, which
+  // is found as by GetByUniquePid.
   virtual bool UpdateAdditionalInfo(process_cache::ProcessInformation& info) = 0;
 
  protected:
