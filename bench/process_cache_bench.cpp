@@ -230,6 +230,38 @@ void BM_Cache_OnExitProcess(benchmark::State& state) {
   Report(state, total);
 }
 
+// A process that has replaced itself so often, reported by the kernel or only announced.
+void RunExecs(ProcessCache& cache, std::size_t count, bool reported) {
+  constexpr PidType kPid = 4242;
+  EventInfo create;
+  cache.OnFork(MakeRecord(kPid, 1, false), create);
+  for (std::size_t i = 0; i < count; ++i) {
+    EventInfo exit;
+    if (reported)
+      cache.OnExec(MakeRecord(kPid, 1, false), exit, create);
+    else
+      cache.OnExecPerm(MakeRecord(kPid, 1, false), exit, create);
+  }
+}
+
+// The newest image is looked for in an entry with many. Each began in a second of its own, so that no other
+// has its unique pid.
+void BM_Cache_GetByUniquePid(benchmark::State& state) {
+  Host host;
+  auto surroundings = qor::process_manager::ProcessCacheSurroundings::Real();
+  surroundings.seconds = [second = std::time_t{0}]() mutable { return ++second; };
+  const auto cache = zym::CreateObject<ProcessCache>(host.locator.get(), kRetention, std::move(surroundings));
+  RunExecs(*cache, static_cast<std::size_t>(state.range(0)), state.range(1) != 0);
+  Info newest;
+  if (!cache->Get(4242, newest)) state.SkipWithError("the process is missing");
+  double total = 0;
+  for (auto _ : state) {
+    std::vector<Info> out(kBatch);
+    TimeBatch(state, total, [&](std::size_t i) { cache->GetByUniquePid(newest.uniquePid, out[i]); });
+  }
+  Report(state, total);
+}
+
 // In heap blocks and in mappings of their own.
 double BytesInUse() {
   const struct mallinfo2 info = mallinfo2();
@@ -260,6 +292,14 @@ void BM_Cache_BytesPerEntry(benchmark::State& state) {
     records.push_back(MakeRecord(Pids()[i], Pids()[i / 2], state.range(0) != 0));
   const double plain = BytesInUse() - before;
   state.counters["of these the record"] = plain / capacity;
+}
+
+void BM_Cache_BytesOfManyImages(benchmark::State& state) {
+  Host host;
+  const auto cache = zym::CreateObject<ProcessCache>(host.locator.get(), kRetention);
+  const double before = BytesInUse();
+  for (auto _ : state) RunExecs(*cache, static_cast<std::size_t>(state.range(0)), true);
+  state.counters["bytes"] = BytesInUse() - before;
 }
 
 // --- the baselines ---------------------------------------------------------------------------------------
@@ -371,6 +411,12 @@ BENCHMARK(BM_Cache_OnExec)->Apply(Variants)->Iterations(40);
 BENCHMARK(BM_Cache_OnExit)->Apply(Variants)->Iterations(40);
 BENCHMARK(BM_Cache_OnExitProcess)->Arg(0)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iterations(40);
 BENCHMARK(BM_Cache_BytesPerEntry)->ArgName("env")->Arg(0)->Arg(1)->Iterations(1);
+BENCHMARK(BM_Cache_GetByUniquePid)
+    ->ArgNames({"execs", "reported"})
+    ->ArgsProduct({{1, 10'000, 32'700}, {0, 1}})
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Cache_BytesOfManyImages)->ArgName("execs")->Arg(1)->Arg(4000)->Arg(10'000)->Iterations(1);
 BENCHMARK(BM_CopyOfAString16);
 BENCHMARK(BM_CopyOfAStdU16String);
 
