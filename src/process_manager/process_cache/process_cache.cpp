@@ -1,5 +1,6 @@
 #include "process_manager/process_cache/process_cache.h"
 
+#include <new>
 #include <random>
 #include <utility>
 
@@ -163,11 +164,13 @@ ProcessCache::Version& ProcessCache::VersionToEnd(Entry& entry) {
 }
 
 // To be called when a report may have been the last that an image awaited.
-void ProcessCache::DropReported(Entry& entry) {
+void ProcessCache::DropReported(Entry& entry) try {
   if (!entry.DropReported(m_surroundings.imagesKept)) return;
   ZYM_TRACE(GetTracer(), zym::trace::kWarning,
             __PRETTY_FUNCTION__ << " pid: " << entry.pid
                                 << ", drops the oldest images, keeps: " << m_surroundings.imagesKept);
+} catch (const std::bad_alloc&) {
+  // This only saves memory: the report goes on without it, and the next one tries again.
 }
 
 // A dead record of the last image takes the place of the entry.
