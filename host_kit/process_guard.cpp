@@ -162,6 +162,26 @@ void ProcessGuard::Lose(Process& process, std::uint64_t latest) {
                .found = reported != 0 ? 0 : m_surroundings.now()};
   lost.end.isFake = reported == 0;
   m_lostEnds.push_back(std::move(lost));
+  // Where nobody takes them they wait for their reports alone, the latest of them.
+  if (m_isWatched || m_lostEnds.size() <= kMostUntaken) return;
+  m_ended.erase(m_lostEnds.front().end.info.uniquePid);
+  m_lostEnds.erase(m_lostEnds.begin());
+}
+
+void ProcessGuard::LoseAllMissing() {
+  std::vector<PidType> missing;
+  for (const auto& [pid, process] : m_processes)
+    if (!m_surroundings.hasRunningThread(pid)) missing.push_back(pid);
+  const std::uint64_t now = m_surroundings.now();
+  for (const PidType pid : missing) Lose(m_processes.at(pid), now);
+}
+
+// Whoever was lost is found when there are twice as many as ran the last time. A host that runs no source,
+// and asks for many processes in the course of time, hears of no end.
+void ProcessGuard::LookForMissing() {
+  if (m_processes.size() < m_nextLook) return;
+  LoseAllMissing();
+  m_nextLook = std::max(kFirstLook, 2 * m_processes.size());
 }
 
 // The end of the pid's former owner, which was taken for lost.
@@ -183,10 +203,11 @@ bool ProcessGuard::TakeLostEnd(PidType pid, EventInfo& exit) {
 void ProcessGuard::SetWatcher(Watcher watcher) {
   const std::scoped_lock watching(m_watcherMutex);
   m_watcher = std::move(watcher);
-  if (!m_watcher.onGoesOn) return;
   std::vector<PidType> goingOn;
   {
     const std::scoped_lock lock(m_mutex);
+    m_isWatched = static_cast<bool>(m_watcher.onGoesOn);
+    if (!m_isWatched) return;
     for (const auto& [pid, process] : m_processes)
       if (process.leaderEnded != 0) goingOn.push_back(pid);
   }
@@ -390,6 +411,7 @@ bool ProcessGuard::GetByUniquePid(UniquePidType uniquePid, ProcessInformation& i
 
 void ProcessGuard::Update(ProcessInformation& info) {
   const std::scoped_lock lock(m_mutex);
+  LookForMissing();
   m_questions->Update(info);
   const UniquePidType cacheId = info.uniquePid;
   if (Process* const known = Find(info.pid); known != nullptr) {
@@ -430,17 +452,11 @@ std::optional<LateEnd> ProcessGuard::EndLate(PidType pid, std::uint64_t timestam
 }
 
 void ProcessGuard::LoseMissing() {
-  bool lost = false;
   {
     const std::scoped_lock lock(m_mutex);
-    std::vector<PidType> missing;
-    for (const auto& [pid, process] : m_processes)
-      if (!m_surroundings.hasRunningThread(pid)) missing.push_back(pid);
-    const std::uint64_t now = m_surroundings.now();
-    for (const PidType pid : missing) Lose(m_processes.at(pid), now);
-    lost = !missing.empty();
+    LoseAllMissing();
   }
-  if (lost) ReportLostEnd();
+  ReportLostEnd();
 }
 
 std::vector<LateEnd> ProcessGuard::TakeLostEnds(std::uint64_t before) {

@@ -53,9 +53,9 @@ struct LateEnd : qor::process_manager::process_cache::EventInfo {
 //     its process began.
 //
 // One entry for each process that is alive, and one for each that has ended until its exit event is complete.
-// A process whose end was lost stays until its pid is given again, or until LoseMissing. When a report
-// belongs to which owner of a pid is said by its time stamp: the kernel reports an end when it has already
-// let the pid go, so that the next owner's start may come before it.
+// A process whose end was lost stays until its pid is given again, until LoseMissing, or until there are too
+// many. To which owner of a pid a report belongs is said by its time stamp: the kernel reports an end when it
+// has already let the pid go, so that the next owner's start may come before it.
 //
 // Any thread, under one mutex, in which the cache is called.
 class ProcessGuard : public zym::object::Ifaces<qor::process_manager::IProcessInfoProvider,
@@ -138,12 +138,17 @@ class ProcessGuard : public zym::object::Ifaces<qor::process_manager::IProcessIn
     std::uint64_t found = 0;  // by CLOCK_MONOTONIC; 0: its report has come
   };
 
+  static constexpr std::size_t kMostUntaken = 1024;
+  static constexpr std::size_t kFirstLook = 8192;
+
   // All below are called with m_mutex held.
   Process* Find(qor::PidType pid);
   qor::UniquePidType Distinct(qor::UniquePidType uniquePid);
   Process& Remember(const ProcessInformation& image, qor::UniquePidType cacheId, std::uint64_t since);
   bool LoseFormerOwner(qor::PidType pid, std::uint64_t begin);
   void Lose(Process& process, std::uint64_t latest);
+  void LoseAllMissing();
+  void LookForMissing();
   void Begin(ProcessInformation&& info, EventInfo& create);
   void TakeParent(ProcessInformation& image, qor::PidType parentPid);
   void End(Process& process, std::uint64_t timestamp, EventInfo& exit);
@@ -169,6 +174,8 @@ class ProcessGuard : public zym::object::Ifaces<qor::process_manager::IProcessIn
   std::unordered_map<qor::UniquePidType, ProcessInformation> m_ended;  // until their exit event is complete
   std::vector<LostEnd> m_lostEnds;
   std::uint64_t m_newestSequence = 0;
+  bool m_isWatched = false;  // as m_watcher says
+  std::size_t m_nextLook = kFirstLook;
   std::unordered_set<qor::UniquePidType> m_newIds;  // given in the last second
   std::uint64_t m_newestSecond = 0;
 };

@@ -321,6 +321,18 @@ TEST_F(ProcessGuardTest, ALostEndWaitsForItsReport) {
   EXPECT_THAT(LostEnds(), IsEmpty());
 }
 
+TEST_F(ProcessGuardTest, AHostThatHearsOfNoEndDoesNotKeepAllWhomItEverAskedFor) {
+  m_guard->SetWatcher({});
+  for (PidType pid = 10; pid < 30'010; ++pid) {
+    m_running.insert(pid);
+    Record read = Read(pid, 1, "/short");
+    m_guard->Update(read);
+    m_running.erase(pid);
+  }
+  EXPECT_LT(m_guard->Size(), 10'000U);
+  EXPECT_LE(m_guard->TakeLostEnds(~std::uint64_t{0}).size(), 1024U);
+}
+
 // The end is handled when the pid's next owner runs, and looks like that of a first thread alone.
 TEST_F(ProcessGuardTest, AnEndThatWasReportedBeforeThePidWasGivenAgainIsNoFake) {
   Fork(Read(10, 1, "/first"));
