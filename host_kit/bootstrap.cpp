@@ -58,10 +58,11 @@ Bootstrap::Bootstrap(const LoadedModule& module, zym::intrusive_ptr<ServiceLocat
       m_locator(Complete(std::move(services))),
       m_offered(m_locator),
       m_features(OfferFeatures()),
-      m_parser(OfferParser()),
+      m_parser(OfferParser(options.reader)),
       m_settings(OfferSettings()),
-      m_cache(OfferCache()) {
-  if (options.enumerate) static_cast<void>(Enumerate());
+      m_cache(OfferCache(options.guard)),
+      m_enumerates(options.enumerate) {
+  if (m_enumerates) MeetProcesses();
 }
 
 Bootstrap::~Bootstrap() = default;
@@ -100,8 +101,9 @@ zym::intrusive_ptr<qor::IFeatureTechsAggregator> Bootstrap::OfferFeatures() {
   return features;
 }
 
-zym::intrusive_ptr<qor::procfs::IParser> Bootstrap::OfferParser() {
+zym::intrusive_ptr<qor::procfs::IParser> Bootstrap::OfferParser(const std::optional<ReadLimits>& limits) {
   auto parser = Make<qor::procfs::IParser>(qor::class_ids::kProcParser, "the reader of /proc");
+  if (limits) parser = zym::CreateObject<ProcfsReader>(parser, *limits);
   m_offered.Add(parser);
   return parser;
 }
@@ -116,11 +118,16 @@ zym::intrusive_ptr<IInterceptorSettingsSubscription> Bootstrap::OfferSettings() 
 }
 
 // One cache under both of its ids: what the sources report is what the questions find.
-zym::intrusive_ptr<IProcessInfoProvider> Bootstrap::OfferCache() {
+zym::intrusive_ptr<IProcessInfoProvider> Bootstrap::OfferCache(bool guarded) {
   auto cache = m_module.Create<IProcessInfoProvider>(qor::class_ids::kProcessCache,
                                                      {.locator = m_locator.get()}, "the process cache");
   zym::intrusive_ptr<IEventInfoProvider> events;
   Require(zym::QueryInterface(cache, events.Ref()), "the process cache takes no events");
+  if (guarded) {
+    m_guard = zym::CreateObject<ProcessGuard>(cache, events);
+    cache = m_guard;
+    events = m_guard;
+  }
   m_offered.Add(cache);
   m_offered.Add(events);
   return cache;

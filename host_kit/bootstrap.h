@@ -3,11 +3,14 @@
 
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host_kit/default_services.h"
 #include "host_kit/loaded_module.h"
+#include "host_kit/process_guard.h"
+#include "host_kit/procfs_reader.h"
 #include "host_kit/service_locator.h"
 #include "process_manager/interceptor.h"
 #include "process_manager/interceptor_settings.h"
@@ -24,13 +27,20 @@ struct BootstrapOptions {
   // gets no exit event of a process that began earlier, unless the cache has met it since: by an exec, as a
   // parent, or by a question.
   bool enumerate = true;
+  // Put a ProcessGuard in front of the module's cache, under both of its ids (process_guard.h says what it
+  // mends). A host that declines has the module's cache there, with its bounds (docs/limits.md).
+  bool guard = true;
+  // Put a ProcfsReader with these limits in front of the module's reader of /proc. Without it a process with
+  // a line end in its name, a command line that is not UTF-8 or a path that is too deep isn't read at all,
+  // and texts are kept as long as they are.
+  std::optional<ReadLimits> reader = ReadLimits{};
 };
 
 // Makes the aggregator of features, and the module's reader of /proc, its settings subscription and its
-// cache, in the order in which they need each other, and offers them in the locator, from where the module
-// takes them again. All goes in the opposite order at destruction, which empties the locator. Before that,
-// release every object that was made here or taken from here, or the module stays loaded. Declare it behind
-// the module. Any thread.
+// cache with a guard in front, in the order in which they need each other, and offers them in the locator,
+// from where the module takes them again. All goes in the opposite order at destruction, which empties the
+// locator. Before that, release every object that was made here or taken from here, or the module stays
+// loaded. Declare it behind the module. Any thread.
 class Bootstrap {
  public:
   // `module` must outlive it. `services` must have what MakeDefaultServices has, but for the switches; a
@@ -46,7 +56,7 @@ class Bootstrap {
 
   [[nodiscard]] zym::IServiceLocator* GetLocator() const { return m_locator.get(); }
 
-  // What stands in the locator.
+  // What stands in the locator: the reader and the guard of the kit where they are in front.
   [[nodiscard]] const zym::intrusive_ptr<qor::IFeatureTechsAggregator>& GetFeatures() const {
     return m_features;
   }
@@ -54,6 +64,8 @@ class Bootstrap {
   [[nodiscard]] const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider>& GetCache() const {
     return m_cache;
   }
+  // Null when the options declined it.
+  [[nodiscard]] const zym::intrusive_ptr<ProcessGuard>& GetGuard() const { return m_guard; }
   // IInterceptorSettingsHolder, by which a host changes the settings, is another interface of it.
   [[nodiscard]] const zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription>&
   GetSettings() const {
@@ -70,6 +82,13 @@ class Bootstrap {
   // All processes, the kernel last; those that end meanwhile or can't be read are left out. The cache knows
   // them from then on. Throws Failure.
   [[nodiscard]] std::vector<system_interceptors::process_manager::ProcessInformation> ListProcesses() const;
+
+  // Whether the options asked for the enumeration.
+  [[nodiscard]] bool Enumerates() const { return m_enumerates; }
+  // Reads every process that the cache doesn't know yet; costs little where it knows most. With a source that
+  // runs it is for a host with a guard: without one, a process that ends while it is read stays in the cache
+  // as one that runs. Throws Failure.
+  void MeetProcesses() const { static_cast<void>(Enumerate()); }
 
   // A further object of one of the module's factories. Throws Failure.
   template <class I>
@@ -98,9 +117,9 @@ class Bootstrap {
   };
 
   zym::intrusive_ptr<qor::IFeatureTechsAggregator> OfferFeatures();
-  zym::intrusive_ptr<qor::procfs::IParser> OfferParser();
+  zym::intrusive_ptr<qor::procfs::IParser> OfferParser(const std::optional<ReadLimits>& limits);
   zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription> OfferSettings();
-  zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> OfferCache();
+  zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> OfferCache(bool guarded);
   zym::intrusive_ptr<system_interceptors::process_manager::IProcessInformationEnumerator> Enumerate() const;
 
   // In the order in which they are made; the last is released first.
@@ -110,7 +129,9 @@ class Bootstrap {
   const zym::intrusive_ptr<qor::IFeatureTechsAggregator> m_features;
   const zym::intrusive_ptr<qor::procfs::IParser> m_parser;
   const zym::intrusive_ptr<qor::process_manager::IInterceptorSettingsSubscription> m_settings;
+  zym::intrusive_ptr<ProcessGuard> m_guard;
   const zym::intrusive_ptr<qor::process_manager::IProcessInfoProvider> m_cache;
+  const bool m_enumerates;
   mutable std::mutex m_mutex;  // guards the two below
   mutable zym::intrusive_ptr<system_interceptors::process_manager::IProcessManager> m_processManager;
   mutable zym::intrusive_ptr<system_interceptors::interceptor_facade::IInterceptor2> m_interceptor;

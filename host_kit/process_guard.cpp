@@ -77,7 +77,8 @@ ProcessGuard::Process* ProcessGuard::Find(PidType pid) {
 UniquePidType ProcessGuard::Distinct(UniquePidType uniquePid) {
   constexpr int kSecondsShift = 32;
   constexpr UniquePidType kNextCount = UniquePidType{1} << 23;
-  if (const std::uint64_t second = uniquePid >> kSecondsShift; second > m_newestSecond) {
+  // A clock that is set back begins anew: ids of later seconds stay until it has come there again.
+  if (const std::uint64_t second = uniquePid >> kSecondsShift; second != m_newestSecond) {
     m_newestSecond = second;
     std::erase_if(m_newIds, [second](UniquePidType id) { return id >> kSecondsShift < second; });
   }
@@ -138,13 +139,58 @@ void ProcessGuard::End(Process& process, std::uint64_t timestamp, EventInfo& exi
   m_ended.insert_or_assign(exit.info.uniquePid, exit.info);
 }
 
-// The end of the pid's former owner, which was taken for lost when the pid was given again.
+LateEnd ProcessGuard::EndWithoutReport(Process& process, std::uint64_t timestamp) {
+  LateEnd end;
+  end.createSequence = process.createSequence;
+  End(process, timestamp, end);
+  return end;
+}
+
+// Whoever was met after the pid was given again is its owner, read before the report of the start came.
+// Whoever was met before has ended, and the report of that is late or lost. True: there was somebody.
+bool ProcessGuard::LoseFormerOwner(PidType pid, std::uint64_t begin) {
+  Process* const known = Find(pid);
+  if (known == nullptr || known->since >= begin) return false;
+  Lose(*known, begin);
+  return true;
+}
+
+// The process has ended, at `latest` or before. A first thread's end that was reported was its end, then.
+void ProcessGuard::Lose(Process& process, std::uint64_t latest) {
+  const std::uint64_t reported = process.leaderEnded;
+  LostEnd lost{.end = EndWithoutReport(process, reported != 0 ? reported : latest),
+               .found = reported != 0 ? 0 : m_surroundings.now()};
+  lost.end.isFake = reported == 0;
+  m_lostEnds.push_back(std::move(lost));
+  // Where nobody takes them they wait for their reports alone, the latest of them.
+  if (m_isWatched || m_lostEnds.size() <= kMostUntaken) return;
+  m_ended.erase(m_lostEnds.front().end.info.uniquePid);
+  m_lostEnds.erase(m_lostEnds.begin());
+}
+
+void ProcessGuard::LoseAllMissing() {
+  std::vector<PidType> missing;
+  for (const auto& [pid, process] : m_processes)
+    if (!m_surroundings.hasRunningThread(pid)) missing.push_back(pid);
+  const std::uint64_t now = m_surroundings.now();
+  for (const PidType pid : missing) Lose(m_processes.at(pid), now);
+}
+
+// Whoever was lost is found when there are twice as many as ran the last time. A host that runs no source,
+// and asks for many processes in the course of time, hears of no end.
+void ProcessGuard::LookForMissing() {
+  if (m_processes.size() < m_nextLook) return;
+  LoseAllMissing();
+  m_nextLook = std::max(kFirstLook, 2 * m_processes.size());
+}
+
+// The end of the pid's former owner, which was taken for lost.
 bool ProcessGuard::TakeLostEnd(PidType pid, EventInfo& exit) {
-  const auto found =
-      std::ranges::find_if(m_lostEnds, [pid](const EventInfo& e) { return e.info.pid == pid; });
+  const auto found = std::ranges::find_if(
+      m_lostEnds, [pid](const LostEnd& lost) { return lost.found != 0 && lost.end.info.pid == pid; });
   if (found == m_lostEnds.end()) return false;
   const std::uint64_t timestamp = exit.timestamp;
-  exit = std::move(*found);
+  exit = std::move(static_cast<EventInfo&>(found->end));
   exit.isFake = false;
   exit.timestamp = timestamp;
   exit.info.exitTime = m_surroundings.wallTime(timestamp);
@@ -152,23 +198,53 @@ bool ProcessGuard::TakeLostEnd(PidType pid, EventInfo& exit) {
   return true;
 }
 
+// --- the watcher ---
+
+void ProcessGuard::SetWatcher(Watcher watcher) {
+  const std::scoped_lock watching(m_watcherMutex);
+  m_watcher = std::move(watcher);
+  std::vector<PidType> goingOn;
+  {
+    const std::scoped_lock lock(m_mutex);
+    m_isWatched = static_cast<bool>(m_watcher.onGoesOn);
+    if (!m_isWatched) return;
+    for (const auto& [pid, process] : m_processes)
+      if (process.leaderEnded != 0) goingOn.push_back(pid);
+  }
+  for (const PidType pid : goingOn) m_watcher.onGoesOn(pid);
+}
+
+bool ProcessGuard::IsWatched() {
+  const std::scoped_lock watching(m_watcherMutex);
+  return static_cast<bool>(m_watcher.onGoesOn);
+}
+
+void ProcessGuard::ReportGoesOn(PidType pid) {
+  const std::scoped_lock watching(m_watcherMutex);
+  if (m_watcher.onGoesOn) m_watcher.onGoesOn(pid);
+}
+
+void ProcessGuard::ReportLostEnd() {
+  const std::scoped_lock watching(m_watcherMutex);
+  if (m_watcher.onLostEnd) m_watcher.onLostEnd();
+}
+
 // --- what the sources report ---
 
 void ProcessGuard::OnFork(ProcessInformation&& info, EventInfo& create) {
-  const std::scoped_lock lock(m_mutex);
-  const PidType pid = info.pid;
-  const PidType parentPid = info.parentPid;
-  info.startTime = m_surroundings.wallTime(create.timestamp);
-
-  // Whoever was met after the fork is this process, read before the report of it was. Whoever was met before
-  // has ended, and the report of that is late or lost.
-  Process* known = Find(pid);
-  if (known != nullptr && known->since < create.timestamp) {
-    EventInfo& lost = m_lostEnds.emplace_back(EventInfo{.isFake = true});
-    End(*known, create.timestamp, lost);
-    known = nullptr;
+  bool lost = false;
+  {
+    const std::scoped_lock lock(m_mutex);
+    lost = LoseFormerOwner(info.pid, create.timestamp);
+    Begin(std::move(info), create);
   }
+  if (lost) ReportLostEnd();
+}
 
+void ProcessGuard::Begin(ProcessInformation&& info, EventInfo& create) {
+  const PidType parentPid = info.parentPid;
+  const Process* const known = Find(info.pid);
+  info.startTime = m_surroundings.wallTime(create.timestamp);
   m_events->OnFork(std::move(info), create);
   ProcessInformation& image = create.info;
   const UniquePidType cacheId = image.uniquePid;
@@ -185,7 +261,8 @@ void ProcessGuard::OnFork(ProcessInformation&& info, EventInfo& create) {
     if (!image.commandLine) image.commandLine = parent->image.commandLine;
     TakeCredentials(parent->image, image);
   }
-  Remember(image, cacheId, create.timestamp);
+  Remember(image, cacheId, create.timestamp).createSequence = create.sequence;
+  m_newestSequence = std::max(m_newestSequence, create.sequence);
 }
 
 void ProcessGuard::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo& create) {
@@ -215,27 +292,29 @@ void ProcessGuard::OnExec(ProcessInformation&& info, EventInfo& exit, EventInfo&
     image.creatorUniquePid = known->image.uniquePid;
     TakeCredentials(known->image, image);
   }
-  Remember(image, cacheId, create.timestamp);
+  Remember(image, cacheId, create.timestamp).createSequence = create.sequence;
+  m_newestSequence = std::max(m_newestSequence, create.sequence);
 }
 
-void ProcessGuard::OnExit(pid_t pid, EventInfo& exit) {
-  const bool goesOn = m_surroundings.hasRunningThread(ToPid(pid));
+void ProcessGuard::OnExit(pid_t reportedPid, EventInfo& exit) {
+  const PidType pid = ToPid(reportedPid);
+  const bool goesOn = IsWatched() && m_surroundings.hasRunningThread(pid);
   {
     const std::scoped_lock lock(m_mutex);
-    Process* const known = Find(ToPid(pid));
+    Process* const known = Find(pid);
     if (known == nullptr || exit.timestamp < known->since) {
-      exit.skip = !TakeLostEnd(ToPid(pid), exit);  // else the start of who ended was reported to nobody
-      if (known == nullptr) Forget(ToPid(pid));
-      return;
-    }
-    if (!goesOn) {
+      exit.skip = !TakeLostEnd(pid, exit);  // else the start of who ended was reported to nobody
+      if (known == nullptr) Forget(pid);
+      // Who was read after its first thread had ended gets no other report.
+      if (known == nullptr || !exit.skip || !goesOn) return;
+    } else if (!goesOn) {
       End(*known, exit.timestamp, exit);
       return;
     }
     exit.skip = true;
-    known->leaderEnded = true;
+    known->leaderEnded = exit.timestamp;
   }
-  if (m_onGoesOn) m_onGoesOn(ToPid(pid));
+  ReportGoesOn(pid);
 }
 
 void ProcessGuard::OnExecPerm(ProcessInformation&& info, EventInfo& exit, EventInfo& create) {
@@ -332,6 +411,7 @@ bool ProcessGuard::GetByUniquePid(UniquePidType uniquePid, ProcessInformation& i
 
 void ProcessGuard::Update(ProcessInformation& info) {
   const std::scoped_lock lock(m_mutex);
+  LookForMissing();
   m_questions->Update(info);
   const UniquePidType cacheId = info.uniquePid;
   if (Process* const known = Find(info.pid); known != nullptr) {
@@ -363,31 +443,39 @@ bool ProcessGuard::UpdateAdditionalInfo(ProcessInformation& info) {
 
 // --- ends that no report names ---
 
-std::optional<ProcessGuard::EventInfo> ProcessGuard::EndLate(PidType pid, std::uint64_t timestamp) {
+std::optional<LateEnd> ProcessGuard::EndLate(PidType pid, std::uint64_t timestamp) {
   const std::scoped_lock lock(m_mutex);
   Process* const known = Find(pid);
-  if (known == nullptr || !known->leaderEnded) return std::nullopt;
-  EventInfo exit;
-  End(*known, timestamp, exit);
-  return exit;
+  if (known == nullptr || known->leaderEnded == 0 || m_surroundings.hasRunningThread(pid))
+    return std::nullopt;
+  return EndWithoutReport(*known, timestamp);
 }
 
-std::vector<ProcessGuard::EventInfo> ProcessGuard::EndMissing(const std::unordered_set<PidType>& alive,
-                                                              std::uint64_t timestamp) {
-  const std::scoped_lock lock(m_mutex);
-  std::vector<PidType> missing;
-  for (const auto& [pid, process] : m_processes)
-    if (!alive.contains(pid)) missing.push_back(pid);
-  std::vector<EventInfo> exits;
-  exits.reserve(missing.size());
-  for (const PidType pid : missing)
-    End(m_processes.at(pid), timestamp, exits.emplace_back(EventInfo{.isFake = true}));
-  return exits;
+void ProcessGuard::LoseMissing() {
+  {
+    const std::scoped_lock lock(m_mutex);
+    LoseAllMissing();
+  }
+  ReportLostEnd();
 }
 
-std::vector<ProcessGuard::EventInfo> ProcessGuard::TakeLostEnds() {
+std::vector<LateEnd> ProcessGuard::TakeLostEnds(std::uint64_t before) {
   const std::scoped_lock lock(m_mutex);
-  return std::exchange(m_lostEnds, {});
+  std::vector<LateEnd> ends;
+  for (LostEnd& lost : m_lostEnds)
+    if (lost.found < before) ends.push_back(std::move(lost.end));
+  std::erase_if(m_lostEnds, [before](const LostEnd& lost) { return lost.found < before; });
+  return ends;
+}
+
+bool ProcessGuard::HasLostEnds() const {
+  const std::scoped_lock lock(m_mutex);
+  return !m_lostEnds.empty();
+}
+
+std::uint64_t ProcessGuard::NewestSequence() const {
+  const std::scoped_lock lock(m_mutex);
+  return m_newestSequence;
 }
 
 std::size_t ProcessGuard::Size() const {

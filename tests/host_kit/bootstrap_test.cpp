@@ -119,6 +119,23 @@ TEST_F(BootstrapTest, OneCacheAnswersUnderBothIds) {
   EXPECT_EQ(zym::RequireInterface<IProcessInfoProvider>(host.GetLocator()).get(), host.GetCache().get());
 }
 
+TEST_F(BootstrapTest, TheKitsGuardAndReaderStandInFront) {
+  const Bootstrap host(m_module);
+  EXPECT_EQ(host.GetCache().get(), host.GetGuard().get());
+  EXPECT_NE(dynamic_cast<host_kit::ProcfsReader*>(host.GetParser().get()), nullptr);
+  EXPECT_EQ(zym::RequireInterface<qor::procfs::IParser>(host.GetLocator()).get(), host.GetParser().get());
+}
+
+TEST_F(BootstrapTest, AHostMayDeclineBoth) {
+  const Bootstrap host(m_module, m_services, {.guard = false, .reader = {}});
+  EXPECT_FALSE(host.GetGuard());
+  EXPECT_EQ(dynamic_cast<host_kit::ProcfsReader*>(host.GetParser().get()), nullptr);
+  const auto events = zym::RequireInterface<IEventInfoProvider>(host.GetLocator());
+  zym::intrusive_ptr<IProcessInfoProvider> questions;
+  ASSERT_EQ(zym::QueryInterface(events, questions.Ref()), zym::ZYM_OK);
+  EXPECT_EQ(questions.get(), host.GetCache().get());
+}
+
 TEST_F(BootstrapTest, TheCacheKnowsTheProcessesThatRunAlready) {
   const Bootstrap host(m_module);
   qor::process_manager::process_cache::ProcessInformation info;

@@ -52,7 +52,8 @@ class ProcessGuardTest : public ::testing::Test {
             .now = [this] { return m_now; },
             .wallTime =
                 [](std::uint64_t stamp) { return kWallTimeOfStart + static_cast<zym::datetime_t>(stamp); }});
-    m_guard->SetOnGoesOn([this](PidType pid) { m_goingOn.insert(pid); });
+    m_guard->SetWatcher(
+        {.onGoesOn = [this](PidType pid) { m_goingOn.insert(pid); }, .onLostEnd = [this] { ++m_lostEnds; }});
   }
   ~ProcessGuardTest() override {
     m_guard.Reset();
@@ -142,6 +143,8 @@ class ProcessGuardTest : public ::testing::Test {
     return m_guard->Get(static_cast<pid_t>(pid), record) ? record.uniquePid : 0;
   }
 
+  std::vector<LateEnd> LostEnds() { return m_guard->TakeLostEnds(++m_now); }
+
   static constexpr zym::datetime_t kWallTimeOfStart = 133'000'000'000'000'000;
 
   LoadedModule m_module{PROCESS_MANAGER_MODULE};
@@ -150,6 +153,7 @@ class ProcessGuardTest : public ::testing::Test {
   zym::intrusive_ptr<ProcessGuard> m_guard;
   std::set<PidType> m_running;
   std::set<PidType> m_goingOn;
+  int m_lostEnds = 0;  // how often the guard said that there are some
   std::uint64_t m_now = 1000;
   std::deque<Queued> m_queue;
   std::vector<Queued> m_dispatched;
@@ -230,7 +234,7 @@ TEST_F(ProcessGuardTest, AnExitThatArrivesBehindTheForkOfThePidsNextOwnerIsTheFo
   Fork(Read(10, 1, "/second"));
   ReportExit(10, endOfFirst);
   EXPECT_THAT(Texts(), ElementsAre("+/first", "+/second", "-/first"));
-  EXPECT_THAT(m_guard->TakeLostEnds(), IsEmpty());
+  EXPECT_THAT(LostEnds(), IsEmpty());
   Exit(10);
   EXPECT_THAT(Texts(), ElementsAre("-/second"));
 }
@@ -238,11 +242,11 @@ TEST_F(ProcessGuardTest, AnExitThatArrivesBehindTheForkOfThePidsNextOwnerIsTheFo
 TEST_F(ProcessGuardTest, AnEndThatWasLostIsAFakeOnceThePidIsGivenAgain) {
   Fork(Read(10, 1, "/first"));
   Fork(Read(10, 1, "/second"));
-  const std::vector<EventInfo> lost = m_guard->TakeLostEnds();
+  const std::vector<LateEnd> lost = LostEnds();
   ASSERT_EQ(lost.size(), 1U);
   EXPECT_TRUE(lost[0].isFake);
   EXPECT_EQ(lost[0].info.imagePath, u"/first");
-  EXPECT_THAT(m_guard->TakeLostEnds(), IsEmpty());
+  EXPECT_THAT(LostEnds(), IsEmpty());
 }
 
 TEST_F(ProcessGuardTest, AnExecByAnotherThanTheFirstThreadEndsTheOldImageOnce) {
@@ -260,7 +264,9 @@ TEST_F(ProcessGuardTest, AProcessThatOutlivesItsFirstThreadEndsOnceWhenItsLastTh
   LeaderExit(10);
   EXPECT_THAT(Texts(), ElementsAre("+/threads"));
   EXPECT_NE(IdOf(10), 0U);
-  const std::optional<EventInfo> exit = m_guard->EndLate(10, ++m_now);
+  EXPECT_EQ(m_guard->EndLate(10, ++m_now), std::nullopt) << "it still runs";
+  m_running.erase(10);
+  const std::optional<LateEnd> exit = m_guard->EndLate(10, ++m_now);
   ASSERT_TRUE(exit);
   EXPECT_EQ(exit->info.imagePath, u"/threads");
   EXPECT_FALSE(exit->isFake);
@@ -276,7 +282,7 @@ TEST_F(ProcessGuardTest, WhatWasReadBeforeItsForkWasReportedHasOneId) {
   EventInfo create{.timestamp = m_now - 5};
   m_guard->OnFork(Read(10, 1, "/early"), create);
   EXPECT_EQ(create.info.uniquePid, read.uniquePid);
-  EXPECT_THAT(m_guard->TakeLostEnds(), IsEmpty());
+  EXPECT_THAT(LostEnds(), IsEmpty());
 }
 
 TEST_F(ProcessGuardTest, WhatEndedBeforeItsReadWasKeptLeavesNothingBehind) {
@@ -293,11 +299,88 @@ TEST_F(ProcessGuardTest, AnExitOfWhomNobodyHeardIsNoEvent) {
 TEST_F(ProcessGuardTest, ProcessesThatAreMissingEndAsFakes) {
   Fork(Read(10, 1, "/stays"));
   Fork(Read(11, 1, "/went"));
-  const std::vector<EventInfo> ends = m_guard->EndMissing({10}, ++m_now);
+  m_running.erase(11);
+  m_guard->LoseMissing();
+  EXPECT_EQ(m_lostEnds, 1);
+  const std::vector<LateEnd> ends = LostEnds();
   ASSERT_EQ(ends.size(), 1U);
   EXPECT_TRUE(ends[0].isFake);
   EXPECT_EQ(ends[0].info.imagePath, u"/went");
   EXPECT_EQ(m_guard->Size(), 1U);
+}
+
+TEST_F(ProcessGuardTest, ALostEndWaitsForItsReport) {
+  Fork(Read(10, 1, "/went"));
+  m_running.erase(10);
+  m_guard->LoseMissing();
+  EXPECT_THAT(m_guard->TakeLostEnds(m_now), IsEmpty()) << "found just now";
+  EXPECT_TRUE(m_guard->HasLostEnds());
+  ReportExit(10, ++m_now);
+  EXPECT_FALSE(m_dispatched.back().info.isFake);
+  EXPECT_THAT(Texts(), ElementsAre("+/went", "-/went"));
+  EXPECT_THAT(LostEnds(), IsEmpty());
+}
+
+TEST_F(ProcessGuardTest, AHostThatHearsOfNoEndDoesNotKeepAllWhomItEverAskedFor) {
+  m_guard->SetWatcher({});
+  for (PidType pid = 10; pid < 30'010; ++pid) {
+    m_running.insert(pid);
+    Record read = Read(pid, 1, "/short");
+    m_guard->Update(read);
+    m_running.erase(pid);
+  }
+  EXPECT_LT(m_guard->Size(), 10'000U);
+  EXPECT_LE(m_guard->TakeLostEnds(~std::uint64_t{0}).size(), 1024U);
+}
+
+// The end is handled when the pid's next owner runs, and looks like that of a first thread alone.
+TEST_F(ProcessGuardTest, AnEndThatWasReportedBeforeThePidWasGivenAgainIsNoFake) {
+  Fork(Read(10, 1, "/first"));
+  const std::uint64_t create = m_dispatched.back().info.sequence;
+  LeaderExit(10);
+  const std::uint64_t end = m_now;
+  Fork(Read(10, 1, "/second"));
+  EXPECT_EQ(m_lostEnds, 1);
+  const std::vector<LateEnd> ends = m_guard->TakeLostEnds(1);
+  ASSERT_EQ(ends.size(), 1U);
+  EXPECT_FALSE(ends[0].isFake);
+  EXPECT_EQ(ends[0].timestamp, end);
+  EXPECT_EQ(ends[0].createSequence, create);
+  EXPECT_EQ(ends[0].info.imagePath, u"/first");
+  EXPECT_EQ(m_guard->EndLate(10, ++m_now), std::nullopt) << "the next owner runs";
+  Exit(10);
+  EXPECT_THAT(Texts(), ElementsAre("+/first", "+/second", "-/second"));
+}
+
+TEST_F(ProcessGuardTest, AProcessThatWasReadAfterItsFirstThreadEndedIsWatched) {
+  m_running.insert(10);
+  const std::uint64_t leaderEnd = ++m_now;
+  ++m_now;
+  Record read = Read(10, 1, "/threads");
+  m_guard->Update(read);
+  ReportExit(10, leaderEnd);
+  EXPECT_THAT(m_goingOn, ElementsAre(10U));
+  m_running.erase(10);
+  const std::optional<LateEnd> exit = m_guard->EndLate(10, ++m_now);
+  ASSERT_TRUE(exit);
+  EXPECT_EQ(exit->createSequence, 0U) << "nobody was told of its start";
+}
+
+TEST_F(ProcessGuardTest, WithoutAWatcherTheEndOfAFirstThreadIsTheEnd) {
+  m_guard->SetWatcher({});
+  Fork(Read(10, 1, "/threads"));
+  LeaderExit(10);
+  EXPECT_THAT(Texts(), ElementsAre("+/threads", "-/threads"));
+}
+
+TEST_F(ProcessGuardTest, ANewWatcherHearsWhoGoesOn) {
+  Fork(Read(10, 1, "/threads"));
+  Fork(Read(11, 1, "/plain"));
+  LeaderExit(10);
+  std::vector<PidType> goingOn;
+  m_guard->SetWatcher({.onGoesOn = [&goingOn](PidType pid) { goingOn.push_back(pid); }, .onLostEnd = {}});
+  EXPECT_THAT(goingOn, ElementsAre(10U));
+  m_guard->SetWatcher({});
 }
 
 TEST_F(ProcessGuardTest, AnEndedImageIsAnsweredUntilItsExitIsComplete) {
@@ -399,7 +482,7 @@ class RandomHistories : public ProcessGuardTest, public ::testing::WithParamInte
         return;
       }
       m_running.erase(pid);
-      std::optional<EventInfo> exit = m_guard->EndLate(pid, ++m_now);
+      std::optional<LateEnd> exit = m_guard->EndLate(pid, ++m_now);
       ASSERT_TRUE(exit);
       EXPECT_EQ(exit->info.uniquePid, living.id);
       Dispatch(false, std::move(*exit));
@@ -453,7 +536,7 @@ TEST_P(RandomHistories, EachImageBeginsOnceAndEndsOnceUnderOneId) {
   EXPECT_EQ(creates, m_creates);
   EXPECT_EQ(m_dispatched.size() - creates, m_exits);
   EXPECT_EQ(m_creates, m_exits);
-  EXPECT_THAT(m_guard->TakeLostEnds(), IsEmpty());
+  EXPECT_THAT(LostEnds(), IsEmpty());
   EXPECT_EQ(m_guard->Size(), 0U);
   CompleteAll();
 }

@@ -93,7 +93,7 @@ std::optional<SeenEvent> RecordingHandler::WaitFor(const std::function<bool(cons
 }
 
 ModuleHost::ModuleHost(const zym::intrusive_ptr<zym::ITracer>& tracer)
-    : m_bootstrap(module.Kit(), ServicesOf(host, tracer), {.enumerate = false}),
+    : m_bootstrap(module.Kit(), ServicesOf(host, tracer), {.enumerate = false, .guard = false, .reader = {}}),
       cache(m_bootstrap.GetCache()),
       parser(m_bootstrap.GetParser()),
       settings(m_bootstrap.GetSettings()) {}

@@ -215,6 +215,13 @@ const Step kSteps[] = {
      }},
     {"thread", 0, "start a thread and wait for its end",
      [](char**) { ::pthread_join(StartThread([](void*) -> void* { return nullptr; }), nullptr); }},
+    {"threads", 1, "start so many threads that run until the process ends",
+     [](char** argument) {
+       for (std::uint32_t count = Number(*argument); count > 0; --count)
+         StartThread([](void*) -> void* {
+           for (;;) ::pause();
+         });
+     }},
     {"on-thread", 0, "the steps that follow run on a thread, while the first one waits",
      [](char**) { ::pthread_join(StartThread(&RunStepsOnThread), nullptr); }},
     {"leave-thread", 0, "the steps that follow run on a thread, and the first one ends",
@@ -262,6 +269,13 @@ const Step kSteps[] = {
     {"bind", 2, "a file or directory over another",
      [](char** arguments) {
        Check(::mount(arguments[0], arguments[1], nullptr, MS_BIND, nullptr) == 0, "mount(MS_BIND)");
+     }},
+    {"enter", 1, "another working directory",
+     [](char** argument) { Check(::chdir(*argument) == 0, "chdir"); }},
+    {"descend", 2, "make a directory of that name and enter it, so many times",
+     [](char** arguments) {
+       for (std::uint32_t depth = Number(arguments[1]); depth > 0; --depth)
+         Check(::mkdir(arguments[0], 0755) == 0 && ::chdir(arguments[0]) == 0, "mkdir and chdir");
      }},
     {"make", 1, "an empty file that can be executed",
      [](char** argument) {
