@@ -14,6 +14,8 @@ template <class... F>
 struct Overloaded : F... {
   using F::operator()...;
 };
+template <class... F>
+Overloaded(F...) -> Overloaded<F...>;  // clang 14 doesn't deduce it by itself
 
 // --- JSON --------------------------------------------------------------------------------------------------
 

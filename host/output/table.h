@@ -93,6 +93,7 @@ struct Column {
 template <class Row, class Part>
 std::vector<Column<Row>> ColumnsOf(Part Row::*part, const std::vector<Column<Part>>& columns) {
   std::vector<Column<Row>> ofRow;
+  ofRow.reserve(columns.size());
   for (const Column<Part>& column : columns)
     ofRow.push_back(
         {column.field, [part, value = column.value](const Row& row) { return value(row.*part); }});
