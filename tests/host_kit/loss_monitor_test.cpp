@@ -9,6 +9,7 @@
 #include "host_kit/process_listener.h"
 #include "support/actor.h"
 #include "support/forwarding_parser.h"
+#include "support/rights.h"
 #include "support/threads.h"
 
 namespace {
@@ -20,7 +21,7 @@ using host_kit::ProcessListener;
 class LossMonitorTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+    SKIP_IF(test_support::MissingProcConnector());
   }
 
   host_kit::LoadedModule m_module{PROCESS_MANAGER_MODULE};

@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include "support/rights.h"
+
 namespace {
 
 using host_kit::ExplainSilence;
@@ -17,12 +19,12 @@ constexpr std::uint64_t kFirstPid = 4026531836;
 constexpr std::uint64_t kFirstUser = 4026531837;
 
 TEST(ProcConnectorProbe, WhereEventsComeNothingIsInTheWay) {
-  if (::geteuid() != 0) GTEST_SKIP() << "the proc connector needs CAP_NET_ADMIN: run as root";
+  SKIP_IF(test_support::MissingProcConnector());
   for (int i = 0; i < 3; ++i) EXPECT_EQ(FindProcConnectorObstacle(std::chrono::seconds(5)), "");
 }
 
 TEST(ProcConnectorProbe, AnotherNetworkNamespaceIsNamed) {
-  if (::geteuid() != 0) GTEST_SKIP() << "a network namespace needs CAP_SYS_ADMIN: run as root";
+  SKIP_IF(test_support::MissingRight(CAP_SYS_ADMIN, "for a network namespace"));
   std::string obstacle;
   std::thread([&obstacle] {  // the namespace is this thread's alone
     ASSERT_EQ(::unshare(CLONE_NEWNET), 0) << errno;
