@@ -20,9 +20,7 @@ using host_kit::ProcessListener;
 
 class LossMonitorTest : public testing::Test {
  protected:
-  void SetUp() override {
-    SKIP_IF(test_support::MissingProcConnector());
-  }
+  void SetUp() override { SKIP_IF(test_support::MissingProcConnector()); }
 
   host_kit::LoadedModule m_module{PROCESS_MANAGER_MODULE};
 };
